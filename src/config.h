@@ -1,0 +1,36 @@
+// The daemon's persistent state: one JSON document, loaded at start, edited in place by its owners
+// and written back whole. Items of the tree are borrowed: look them up afresh in every callback, a
+// restore may have replaced them.
+#pragma once
+
+#include <cjson/cJSON.h>
+
+#include <optional>
+#include <string>
+
+const char *get_nimbrelc_config_file_location();
+
+// Reads and parses `path` and remembers it for the next save. False (document unchanged) when it
+// cannot be read or parsed.
+bool nimbrelc_config_load(const char *path);
+
+// Writes the document to the remembered path, atomically. A failed save leaves memory changed.
+bool nimbrelc_config_save();
+
+// Releases the document; always true.
+bool nimbrelc_config_free();
+
+// The document, or null before it is loaded.
+cJSON *get_config_root();
+
+// The item at a dotted path of the document ("storage.enabled"), or null.
+cJSON *get_config_item(const char *path);
+
+// The recorded firmware version, "" when absent. Borrowed.
+const char *nimbrelc_config_get_software_version();
+
+// The installed firmware version: /etc/version without one trailing newline.
+std::optional<std::string> nimbrelc_config_read_container_version();
+
+// Records the installed version in the document and saves it if it differs.
+bool nimbrelc_config_set_software_version();

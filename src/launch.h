@@ -1,0 +1,37 @@
+// Runs external programs and waits for them: shell command lines, and direct executions with an
+// argument vector and an empty environment. Every call blocks until the child has ended.
+#pragma once
+
+#include <string>
+#include <string_view>
+
+// Results of all four operations.
+enum launch_result : int {
+    LAUNCH_OK = 0,                // the child ran and exited normally, whatever its exit code
+    LAUNCH_ERROR = -1,            // fork, pipe, write, wait or formatting failed; killed by a signal
+    LAUNCH_NO_COMMAND = -2,       // null command
+    LAUNCH_SHELL_ERROR = -3,      // the shell could not be run or read, or was killed by a signal
+};
+
+// Runs `command` through the shell. On LAUNCH_OK only, `status` (may be null) receives the raw wait
+// status. `output` (may be null) receives the child's whole standard output; it is left empty when
+// the result is not LAUNCH_OK.
+int launch(const char *command, int *status, std::string *output);
+
+// Formats the command line, then behaves as launch().
+int launch_with_args(const char *format, int *status, std::string *output, ...)
+    __attribute__((format(printf, 1, 4)));
+
+// Executes argv[0] (an absolute path) with `argv`, which ends with a null pointer.
+int launch_one(const char *const argv[], int *status);
+
+// As launch_one(), and writes `text` to the child's standard input.
+int launch_and_write(const char *const argv[], int *status, const char *text);
+
+// True when a launch gave `result` LAUNCH_OK and `status` says exit code 0.
+bool launch_succeeded(int result, int status);
+
+// The value as one literal piece of a shell command line. Values without shell-active characters
+// come back as they are; blanks are never touched.
+std::string launch_escape_quoted(std::string_view value);    // to stand inside double quotes
+std::string launch_escape_unquoted(std::string_view value);  // to stand outside quotes

@@ -1,0 +1,43 @@
+// Dotted-path access to JSON trees, and merging of stored values into a template. Items are borrowed
+// unless stated; key lookups ignore case, as the JSON library's do.
+#pragma once
+
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "common/json_ptr.h"
+
+// Reads and parses a file; none when either fails (logged).
+json_ptr nimbrelc_utils_read_file_and_parse_json(const char *path);
+
+// The item at a dotted path ("centralStorage.enabled"; empty segments are skipped), or null. `parent`
+// (may be null) receives the object in which the last looked-up segment was searched.
+cJSON *nimbrelc_utils_get_json_object(cJSON *root, std::string_view path, cJSON **parent);
+
+// Deletes the item at the path; false if there is none.
+bool nimbrelc_utils_remove_json_object(cJSON *root, std::string_view path);
+
+// Replaces the item at the path, in its place and under its own key; false, with nothing changed,
+// if there is none.
+bool nimbrelc_utils_replace_json_object(cJSON *root, std::string_view path, json_ptr value);
+
+// True for null, for an item without a string value, and for "".
+bool nimbrelc_utils_json_is_null_or_empty(const cJSON *item);
+
+// The item's string value, "" when it has none. Borrowed.
+const char *nimbrelc_utils_empty_if_null_json(const cJSON *item);
+
+double nimbrelc_utils_zero_if_null(const cJSON *item);
+
+// For every member of object `target` that `source` has too: takes the source's value if the kinds
+// agree (null agrees with all), objects member by member. Source arrays only with `copy_arrays`.
+void nimbrelc_utils_copy_values_to_json(const cJSON *source, cJSON *target, bool copy_arrays);
+
+// JSON text, indented or without white space; none when there is nothing printable.
+std::optional<std::string> nimbrelc_utils_print_json(const cJSON *item);
+std::optional<std::string> nimbrelc_utils_print_json_unformatted(const cJSON *item);
+
+// The item's type number as it stands in log lines: false 0, true 1, null 2, number 3, string 4,
+// array 5, object 6.
+int nimbrelc_utils_json_type(const cJSON *item);
