@@ -7,10 +7,10 @@
 
 // Results of all four operations.
 enum launch_result : int {
-    LAUNCH_OK = 0,                // the child ran and exited normally, whatever its exit code
-    LAUNCH_ERROR = -1,            // fork, pipe, write, wait or formatting failed; killed by a signal
-    LAUNCH_NO_COMMAND = -2,       // null command
-    LAUNCH_SHELL_ERROR = -3,      // the shell could not be run or read, or was killed by a signal
+    LAUNCH_OK = 0,            // the child ran and exited normally, whatever its exit code
+    LAUNCH_ERROR = -1,        // fork, pipe, write, wait or formatting failed; killed by a signal
+    LAUNCH_NO_COMMAND = -2,   // null command
+    LAUNCH_SHELL_ERROR = -3,  // the shell could not be run or read, or was killed by a signal
 };
 
 // Runs `command` through the shell. On LAUNCH_OK only, `status` (may be null) receives the raw wait

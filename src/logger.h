@@ -1,6 +1,6 @@
 // The process-wide logger: one line per message, filtered by category or default threshold, written
-// to standard output, syslog, a file, a rolling set of files and an optional hook. Configured by one
-// string of key=value pairs. Not thread-safe; every setting is process-wide.
+// to standard output, syslog, a file, a rolling set of files and an optional hook. Configured by
+// one string of key=value pairs. Not thread-safe; every setting is process-wide.
 #pragma once
 
 #include <sys/types.h>
@@ -47,8 +47,8 @@ void logger_set_custom_logger(const custom_logger *hooks);
 void logger_set_file_owner(gid_t group_id, uid_t user_id);
 
 // Writes one message, cut to what fits an 8000-byte line. `line` is a source line number.
-void _log(const char *category, int level, const char *source_file, size_t line,
-          const char *format, ...) __attribute__((format(printf, 5, 6)));
+void _log(const char *category, int level, const char *source_file, size_t line, const char *format,
+          ...) __attribute__((format(printf, 5, 6)));
 
 // Each source file names its category in a file-local `log_category`.
 #define LOG_AT(level, ...) _log(log_category, level, __FILE__, __LINE__, __VA_ARGS__)

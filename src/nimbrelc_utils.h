@@ -28,7 +28,8 @@ bool dump_string_to_file(const char *path, const char *text);
 // Writes "PATH.tmp" and renames it onto `path`, which is whole at every moment.
 bool safe_dump_string_to_file(const char *path, const char *text);
 
-// Truncates and writes `path`; true whenever the file could be opened, even if the write fell short.
+// Truncates and writes `path`; true whenever the file could be opened, even if the write fell
+// short.
 bool dump_binary_to_file(const char *path, std::string_view data);
 
 // Results of cmp_file_content.

@@ -1,5 +1,5 @@
-// Dotted-path access to JSON trees, and merging of stored values into a template. Items are borrowed
-// unless stated; key lookups ignore case, as the JSON library's do.
+// Dotted-path access to JSON trees, and merging of stored values into a template. Items are
+// borrowed unless stated; key lookups ignore case, as the JSON library's do.
 #pragma once
 
 #include <optional>
@@ -11,8 +11,8 @@
 // Reads and parses a file; none when either fails (logged).
 json_ptr nimbrelc_utils_read_file_and_parse_json(const char *path);
 
-// The item at a dotted path ("centralStorage.enabled"; empty segments are skipped), or null. `parent`
-// (may be null) receives the object in which the last looked-up segment was searched.
+// The item at a dotted path ("centralStorage.enabled"; empty segments are skipped), or null.
+// `parent` (may be null) receives the object in which the last looked-up segment was searched.
 cJSON *nimbrelc_utils_get_json_object(cJSON *root, std::string_view path, cJSON **parent);
 
 // Deletes the item at the path; false if there is none.

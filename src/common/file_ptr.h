@@ -1,4 +1,5 @@
-// Owning handle for a C stream. A writer closes by hand (`fclose(file.release())`) to see the flush fail.
+// Owning handle for a C stream. A writer closes by hand (`fclose(file.release())`) to see the flush
+// fail.
 #pragma once
 
 #include <cstdio>

@@ -12,14 +12,12 @@ template <class Result, class... Arguments>
 class unique_function<Result(Arguments...)> {
 public:
     unique_function() = default;
-    unique_function(std::nullptr_t) {
-    }
+    unique_function(std::nullptr_t) {}
     template <class Callable,
               class = std::enable_if_t<!std::is_same_v<std::decay_t<Callable>, unique_function>>>
     unique_function(Callable &&callable)
-        : target_(std::make_unique<holder<std::decay_t<Callable>>>(
-              std::forward<Callable>(callable))) {
-    }
+        : target_(
+              std::make_unique<holder<std::decay_t<Callable>>>(std::forward<Callable>(callable))) {}
 
     explicit operator bool() const {
         return target_ != nullptr;
@@ -36,8 +34,7 @@ private:
     template <class Callable>
     struct holder : base {
         template <class Source>
-        explicit holder(Source &&source) : callable(std::forward<Source>(source)) {
-        }
+        explicit holder(Source &&source) : callable(std::forward<Source>(source)) {}
         Result call(Arguments... arguments) override {
             return callable(std::forward<Arguments>(arguments)...);
         }

@@ -56,14 +56,13 @@ inline message_bus_arg mb_boolean(bool value) {
 // How many arguments a callback gets to see; `argc` counts all that came.
 constexpr int32_t message_bus_max_args = 16;
 
-// An incoming method call that waits for its answer. Each reply operation consumes it; one that goes
-// out of scope unanswered leaves the caller to its time-out.
+// An incoming method call that waits for its answer. Each reply operation consumes it; one that
+// goes out of scope unanswered leaves the caller to its time-out.
 class message_bus_request {
 public:
     message_bus_request() = default;
     // Takes a reference of its own on `message`.
-    explicit message_bus_request(DBusMessage *message) : message_(dbus_message_ref(message)) {
-    }
+    explicit message_bus_request(DBusMessage *message) : message_(dbus_message_ref(message)) {}
 
     // A second reference, for the one method that deliberately answers twice.
     message_bus_request share() const {
