@@ -1,0 +1,169 @@
+#include "launch.h"
+
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <csignal>
+#include <cstdlib>
+#include <ctime>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <string>
+
+#include "logger.h"
+
+namespace {
+
+std::string logged;
+
+const custom_logger recorder = {
+    nullptr, nullptr,
+    [](const char *, int, const char *text, const char *, size_t) { logged += text + 24; },
+    nullptr};
+
+size_t open_descriptors() {
+    size_t count = 0;
+    for ([[maybe_unused]] const auto &entry :
+         std::filesystem::directory_iterator("/proc/self/fd")) {
+        ++count;
+    }
+    return count;
+}
+
+class launcher : public testing::Test {
+protected:
+    void SetUp() override {
+        logger_init("enabled=true");
+        logger_set_custom_logger(&recorder);
+        logged.clear();
+        descriptors = open_descriptors();
+    }
+    void TearDown() override {
+        EXPECT_EQ(open_descriptors(), descriptors);
+        logger_set_custom_logger(nullptr);
+        logger_cleanup();
+    }
+
+    size_t descriptors = 0;
+    int status = -1;
+    std::string output = "old";
+};
+
+TEST_F(launcher, shell_results) {
+    EXPECT_EQ(launch("printf out; exit 3", &status, &output), LAUNCH_OK);
+    EXPECT_EQ(WEXITSTATUS(status), 3);
+    EXPECT_EQ(output, "out");
+    EXPECT_FALSE(launch_succeeded(LAUNCH_OK, status));
+    EXPECT_EQ(launch("exit 0", &status, nullptr), LAUNCH_OK);
+    EXPECT_TRUE(launch_succeeded(LAUNCH_OK, status));
+    EXPECT_EQ(launch("seq 100000", nullptr, &output), LAUNCH_OK);
+    EXPECT_EQ(output.size(), 588895U);
+    EXPECT_EQ(logged, "");
+
+    status = -1;
+    EXPECT_EQ(launch("printf out; kill -TERM $$", &status, &output), LAUNCH_SHELL_ERROR);
+    EXPECT_EQ(output, "");
+    EXPECT_EQ(launch(nullptr, &status, &output), LAUNCH_NO_COMMAND);
+    EXPECT_EQ(status, -1);
+    EXPECT_EQ(logged,
+              "ERROR launch - Command hasn't terminated normally - probably unexpected signal\n"
+              "ERROR launch - Command can't be NULL\n");
+    EXPECT_EQ(launch(std::string(3000000, 'x').c_str(), &status, &output), LAUNCH_SHELL_ERROR);
+}
+
+TEST_F(launcher, formatted_command_lines) {
+    const std::string value(20000, 'v');
+    EXPECT_EQ(launch_with_args("printf '%s%d' %c", &status, &output, value.c_str(), 7, 'x'),
+              LAUNCH_OK);
+    EXPECT_EQ(output, value + "7");
+    EXPECT_EQ(launch_with_args("%s", &status, &output, ""), LAUNCH_OK);
+    EXPECT_TRUE(launch_succeeded(LAUNCH_OK, status));
+    EXPECT_EQ(launch_with_args("%ls", &status, &output, L"\xd800"), LAUNCH_ERROR);
+}
+
+TEST_F(launcher, direct_executions) {
+    setenv("LAUNCH_TEST", "set", 1);
+    const char *const empty_environment[] = {"/bin/sh", "-c", "exit 5$LAUNCH_TEST", nullptr};
+    EXPECT_EQ(launch_one(empty_environment, &status), LAUNCH_OK);
+    EXPECT_EQ(WEXITSTATUS(status), 5);
+    const char *const stopped[] = {"/bin/sh", "-c",
+                                   "(sleep 0.2; kill -CONT $$) & kill -STOP $$; exit 4", nullptr};
+    EXPECT_EQ(launch_one(stopped, &status), LAUNCH_OK);
+    EXPECT_EQ(WEXITSTATUS(status), 4);
+    const char *const killed[] = {"/bin/sh", "-c", "kill -KILL $$", nullptr};
+    EXPECT_EQ(launch_one(killed, &status), LAUNCH_ERROR);
+    EXPECT_EQ(WEXITSTATUS(status), 4);
+    EXPECT_EQ(logged, "");
+    const char *const missing[] = {"/nonexistent", nullptr};
+    EXPECT_EQ(launch_one(missing, &status), LAUNCH_OK);
+    EXPECT_EQ(WEXITSTATUS(status), 1);
+    EXPECT_EQ(launch_and_write(missing, &status, ""), LAUNCH_OK);
+    EXPECT_EQ(WEXITSTATUS(status), 1);
+}
+
+TEST_F(launcher, text_reaches_the_child) {
+    const char *const count[] = {"/bin/sh", "-c", "exit $(/usr/bin/cksum | /usr/bin/cut -c1-2)",
+                                 nullptr};
+    ASSERT_EQ(launch("yes | head -c 300000 | cksum | cut -c1-2", nullptr, &output), LAUNCH_OK);
+    std::string text;
+    for (int line = 0; line < 150000; ++line) {
+        text += "y\n";
+    }
+    EXPECT_EQ(launch_and_write(count, &status, text.c_str()), LAUNCH_OK);
+    EXPECT_EQ(std::to_string(WEXITSTATUS(status)) + "\n", output);
+    // The child's own broken pipes still end it.
+    const char *const broken[] = {"/bin/sh", "-c", "kill -PIPE $$", nullptr};
+    EXPECT_EQ(launch_and_write(broken, nullptr, ""), LAUNCH_ERROR);
+}
+
+TEST_F(launcher, text_for_a_child_that_is_gone) {
+    const std::string text(1000000, 'x');
+    const char *const gone[] = {"/bin/true", nullptr};
+    const char *const deaf[] = {"/bin/sh", "-c", "exec <&-; sleep 0.5", nullptr};
+    const time_t start = time(nullptr);
+    for (const char *const *argv : {gone, deaf, gone}) {
+        logged.clear();
+        status = -1;
+        EXPECT_EQ(launch_and_write(argv, &status, text.c_str()), LAUNCH_ERROR);
+        EXPECT_EQ(status, -1);
+        EXPECT_EQ(logged, "ERROR launch - write failed: Broken pipe\n");
+    }
+    struct sigaction action {};
+    sigaction(SIGPIPE, nullptr, &action);
+    EXPECT_EQ(action.sa_handler, SIG_DFL);
+    // The next launches collect what was left.
+    EXPECT_EQ(launch("sleep 1", nullptr, nullptr), LAUNCH_OK);
+    EXPECT_EQ(launch("exit 0", nullptr, nullptr), LAUNCH_OK);
+    EXPECT_EQ(waitpid(-1, nullptr, WNOHANG), -1);
+    EXPECT_EQ(errno, ECHILD);
+    EXPECT_LT(time(nullptr) - start, 5);
+}
+
+TEST_F(launcher, escaped_values_reach_the_command_as_they_are) {
+    std::string all;
+    for (int byte = 1; byte < 256; ++byte) {
+        all += static_cast<char>(byte);
+    }
+    for (const std::string &value :
+         {std::string("plain-value_1.0:/@%+,"), std::string("$(id)`id`$HOME\\"),
+          std::string("\\\\\"'; id & | <x >y (z) *?[a-z] ~ #"), std::string("a\nb\\\n"), all}) {
+        const std::string quoted = "printf %s \"" + launch_escape_quoted(value) + "\"";
+        EXPECT_EQ(launch(quoted.c_str(), nullptr, &output), LAUNCH_OK);
+        EXPECT_EQ(output, value) << quoted;
+        std::string words;
+        for (const char c : value) {
+            words += c == ' ' || c == '\t' ? '_' : c;
+        }
+        const std::string unquoted = "printf %s " + launch_escape_unquoted(words);
+        EXPECT_EQ(launch(unquoted.c_str(), nullptr, &output), LAUNCH_OK);
+        EXPECT_EQ(output, words) << unquoted;
+    }
+    const std::string untouched = "two words\t-_.:/@%+,={}]!^\xc3\xa9";
+    EXPECT_EQ(launch_escape_quoted(untouched + "'"), untouched + "'");
+    EXPECT_EQ(launch_escape_unquoted(untouched), untouched);
+}
+
+}  // namespace
