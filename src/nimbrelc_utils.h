@@ -69,9 +69,6 @@ std::optional<std::string> copy_trim_str(const char *text);
 // The value as it may stand in a generated file: each control character becomes "_".
 std::string nimbrelc_utils_printable(std::string_view value);
 
-// The text as valid UTF-8: each wrong byte becomes U+FFFD. Same rules as the bus library's.
-std::string nimbrelc_utils_valid_utf8(std::string_view text);
-
 // --- Regular expressions (POSIX extended, case-sensitive).
 
 struct nimbrelc_regex_deleter {

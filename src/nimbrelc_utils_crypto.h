@@ -4,6 +4,8 @@
 // main registers the ciphers before first use. Every failure is logged and gives nothing.
 #pragma once
 
+#include <openssl/evp.h>
+
 #include <optional>
 #include <string>
 #include <string_view>
@@ -27,5 +29,13 @@ std::optional<std::string> nimbrelc_utils_decrypt_base64_encoded_data(const char
 std::optional<std::string> nimbrelc_utils_get_decrypted_string(const char *stored,
                                                                std::string_view passphrase);
 
-// The crypto library's text for its latest error.
+enum class cipher_direction { encrypt, decrypt };
+
+// Runs one cipher over the whole data, with the standard block padding. Key and iv (null where the
+// cipher has none) are of the cipher's sizes. Failures are logged under the caller's category.
+std::optional<std::string> nimbrelc_utils_run_cipher(
+    const char *category, cipher_direction direction, const EVP_CIPHER *cipher,
+    const unsigned char *key, const unsigned char *iv, std::string_view data);
+
+// The crypto library's text for its latest error; forgets it and the earlier ones.
 std::string nimbrelc_utils_crypto_error();

@@ -1,0 +1,77 @@
+#include "common/utf8.h"
+
+#include <cstddef>
+#include <cstdint>
+
+namespace {
+
+constexpr std::string_view replacement_character = "\xEF\xBF\xBD";
+
+bool is_continuation(char byte) {
+    return (static_cast<unsigned char>(byte) & 0xC0U) == 0x80U;
+}
+
+// Length of the valid sequence at the start of `text` (not empty), 0 when there is none.
+size_t sequence_length(std::string_view text) {
+    struct form {
+        unsigned char mask;
+        unsigned char lead;
+        size_t length;
+        uint32_t smallest;
+    };
+    static constexpr form forms[] = {
+        {0x80, 0x00, 1, 0},
+        {0xE0, 0xC0, 2, 0x80},
+        {0xF0, 0xE0, 3, 0x800},
+        {0xF8, 0xF0, 4, 0x10000},
+    };
+
+    const auto first = static_cast<unsigned char>(text[0]);
+    for (const form &row : forms) {
+        if ((first & row.mask) != row.lead) {
+            continue;
+        }
+        if (text.size() < row.length) {
+            return 0;
+        }
+        uint32_t code = first & static_cast<unsigned char>(~row.mask);
+        for (size_t i = 1; i < row.length; ++i) {
+            if (!is_continuation(text[i])) {
+                return 0;
+            }
+            code = (code << 6) | (static_cast<unsigned char>(text[i]) & 0x3FU);
+        }
+        const bool surrogate = code >= 0xD800 && code <= 0xDFFF;
+        return code >= row.smallest && code <= 0x10FFFF && !surrogate ? row.length : 0;
+    }
+    return 0;
+}
+
+}  // namespace
+
+bool utf8_is_valid(std::string_view text) {
+    while (!text.empty()) {
+        const size_t length = sequence_length(text);
+        if (length == 0) {
+            return false;
+        }
+        text.remove_prefix(length);
+    }
+    return true;
+}
+
+std::string utf8_repaired(std::string_view text) {
+    std::string result;
+    result.reserve(text.size());
+    while (!text.empty()) {
+        const size_t length = sequence_length(text);
+        if (length == 0) {
+            result += replacement_character;
+            text.remove_prefix(1);
+        } else {
+            result += text.substr(0, length);
+            text.remove_prefix(length);
+        }
+    }
+    return result;
+}
