@@ -212,7 +212,10 @@ std::optional<std::string> nimbrelc_utils_base64_decode(const char *text) {
     const bio_ptr decoder = push_base64(std::move(filter), std::move(memory));
     std::string data((strlen(text) / 4 + 1) * 3, '\0');
     const int count = BIO_read(decoder.get(), data.data(), static_cast<int>(data.size()));
-    if (count <= 0) {
+    // The decoder stops without a word at an error behind its first kilobyte: a text that gave
+    // fewer bytes than its length promises is damaged too.
+    const size_t length = std::string_view(text).find_last_not_of(" \t\r\n") + 1;
+    if (count <= 0 || static_cast<size_t>(count) + 2 < length / 4 * 3) {
         LOG_ERROR("Base64 decode failed with code: %d", count);
         ERR_clear_error();
         return std::nullopt;
