@@ -32,10 +32,13 @@ def staged(build):
     if not os.path.exists(os.path.join(build, "nimbrelc")):
         raise BoxError(f"no daemon in {build}: ./dev build makes it")
     stage = os.path.join(build, "stage")
-    with open(os.path.join(build, "stage.lock"), "w") as lock:
-        fcntl.flock(lock, fcntl.LOCK_EX)
-        subprocess.run(["cmake", "--install", build, "--prefix", "/usr"], check=True,
-                       stdout=subprocess.DEVNULL, env={**os.environ, "DESTDIR": stage})
+    owner = os.stat(build)  # root leaves no files of its own in somebody's build directory
+    lock = os.open(build, os.O_RDONLY)
+    fcntl.flock(lock, fcntl.LOCK_EX)
+    subprocess.run(["cmake", "--install", build, "--prefix", "/usr"], check=True,
+                   stdout=subprocess.DEVNULL, env={**os.environ, "DESTDIR": stage},
+                   user=owner.st_uid, group=owner.st_gid, extra_groups=[])
+    os.close(lock)
     return stage
 
 

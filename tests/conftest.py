@@ -11,8 +11,9 @@ from box import Box  # noqa: E402
 
 
 def pytest_addoption(parser):
-    parser.addoption("--build", default=os.path.join(ROOT, "build", "dev"),
-                     help="build directory of the daemon under test")
+    parser.addoption("--build", action="append", default=[],
+                     help="build directory of a daemon under test (build/dev). The first one passes every "
+                     "test, a further one those that its flavour or its sanitizers ask for")
 
 
 def pytest_configure(config):
@@ -20,8 +21,23 @@ def pytest_configure(config):
     config.addinivalue_line("markers", "sanitize: also run under the sanitizers")
 
 
-def make_box(request):
-    with Box(request.config.getoption("--build")) as box:
+def asks_for(build, markers):
+    """Whether a further build runs a test with these markers."""
+    with open(os.path.join(build, "CMakeCache.txt")) as cache:
+        sanitized = "NIMBRELC_SANITIZE:BOOL=ON" in cache.read()
+    return ("sanitize" if sanitized else "both_flavours") in markers
+
+
+def pytest_generate_tests(metafunc):
+    if "build" in metafunc.fixturenames:
+        builds = metafunc.config.getoption("--build") or [os.path.join(ROOT, "build", "dev")]
+        markers = {mark.name for mark in metafunc.definition.iter_markers()}
+        builds = builds[:1] + [build for build in builds[1:] if asks_for(build, markers)]
+        metafunc.parametrize("build", builds, ids=map(os.path.basename, builds), scope="module")
+
+
+def make_box(request, build):
+    with Box(build) as box:
         request.node.box = box
         yield box
         request.node.box = None
@@ -31,15 +47,15 @@ def make_box(request):
 
 
 @pytest.fixture
-def box(request):
+def box(request, build):
     """A fresh box; the daemon is not started yet."""
-    yield from make_box(request)
+    yield from make_box(request, build)
 
 
 @pytest.fixture(scope="module")
-def shared_box(request):
+def shared_box(request, build):
     """One box for all tests of a module that leave it as they found it."""
-    yield from make_box(request)
+    yield from make_box(request, build)
 
 
 @pytest.hookimpl(hookwrapper=True)
