@@ -280,7 +280,7 @@ class Box:
         those that sudo refused begin with "refused: "."""
         if not self.exists("/run/box/sudo"):
             return []
-        lines = re.findall(r" : (.*?)PWD=.*?COMMAND=(.*)", self.read("/run/box/sudo"))
+        lines = re.findall(r" : \S+ : (.*?)(?:TTY=\S+ ; )?PWD=.*?COMMAND=(.*)", self.read("/run/box/sudo"))
         return [("refused: " if reason else "") + command for reason, command in lines]
 
     def script(self, name, code=0, out="", sleep=0, kill=0):
