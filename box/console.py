@@ -1,4 +1,4 @@
-"""./dev box: a shell in a running box. Short commands in the shell reach this process, which holds the
+"""./dev box [COMMANDS]: a shell in a running box, or the given commands in one. Short commands in the shell reach this process, which holds the
 box and its peers, through a socket of the box."""
 import json
 import socketserver
@@ -8,12 +8,7 @@ import threading
 
 from box import Box, BoxError, BusError, NoReply, i, u
 
-RC = r"""
-PS1='box \w # '
-ask() { /usr/bin/python3 -IS /run/box/ask.py "$@"; }
-for name in plug unplug call get set object calls; do alias $name="ask $name"; done
-log() { tail "${@:--n40}" /var/log/messages; }
-cat <<'EOF'
+HELP = """\
 A running box; everything in it is gone when you leave. The daemon runs under s6 (s6-svstat
 /run/service/*), its configuration is /media/nimbrelc.json. Besides everything that a shell knows:
   plug NAME [USB|SD] [PARTITIONS]       plug a disk in                plug sda
@@ -23,8 +18,14 @@ A running box; everything in it is gone when you leave. The daemon runs under s6
   calls PEER                            calls received by ddm, lcd, agent, dlna or hardware
   log [-f]                              the system log
 Values: true, false, u:5, i:-1, anything else is text. Keys without "Device." are looked for below it
-and below the maker's own part; interfaces without "com." below com.kelvanto.nimbrel.
-EOF
+and below the maker's own part; interfaces without "com." below com.kelvanto.nimbrel."""
+
+RC = r"""
+PS1='box \w # '
+shopt -s expand_aliases
+ask() { /usr/bin/python3 -IS /run/box/ask.py "$@"; }
+for name in plug unplug call get set object calls; do alias $name="ask $name"; done
+log() { tail "${@:--n40}" /var/log/messages; }
 """
 
 ASK = r"""
@@ -96,7 +97,12 @@ def main():
             box.start_daemon()
         except BoxError as error:
             print(f"The daemon does not serve ({error}); its log:\n{box.log()}", file=sys.stderr)
-        return subprocess.run(box.command(["bash", "--rcfile", "/run/box/rc", *sys.argv[1:]])).returncode
+        if sys.argv[1:]:
+            shell = ["bash", "-c", '. /run/box/rc; eval "$*"', "box", *sys.argv[1:]]
+        else:
+            print(HELP)
+            shell = ["script", "-qec", "bash --rcfile /run/box/rc", "/dev/null"]
+        return subprocess.run(box.command(shell)).returncode
 
 
 if __name__ == "__main__":
