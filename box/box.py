@@ -1,0 +1,365 @@
+"""The virtual box: the daemon's whole gateway in software, made in well under a second and gone with
+the process that made it. Needs root, Linux namespaces and Debian's own packages; see README.md."""
+import fcntl
+import functools
+import json
+import os
+import re
+import shutil
+import signal
+import subprocess
+import time
+
+import jeepney
+from jeepney.io.threading import DBusRouter, open_dbus_connection
+
+from peers import DEFAULT_PEERS, Peer, BusError, NoReply, signature_of, u, i  # noqa: F401
+
+HERE = os.path.dirname(os.path.abspath(__file__))
+ROOT = os.path.dirname(HERE)
+DEFAULT_BUILD = os.path.join(ROOT, "build", "dev")
+CONFIG = "/media/nimbrelc.json"
+PATH = "/usr/sbin:/usr/bin:/sbin:/bin"
+
+
+class BoxError(Exception):
+    """The box itself, or something that a test relies on, did not come about."""
+
+
+@functools.lru_cache(None)
+def staged(build):
+    """The daemon as it is installed, below the build directory."""
+    if not os.path.exists(os.path.join(build, "nimbrelc")):
+        raise BoxError(f"no daemon in {build}: ./dev build makes it")
+    stage = os.path.join(build, "stage")
+    owner = os.stat(build)  # root leaves no files of its own in somebody's build directory
+    lock = os.open(build, os.O_RDONLY)
+    fcntl.flock(lock, fcntl.LOCK_EX)
+    subprocess.run(["cmake", "--install", build, "--prefix", "/usr"], check=True,
+                   stdout=subprocess.DEVNULL, env={**os.environ, "DESTDIR": stage},
+                   user=owner.st_uid, group=owner.st_gid, extra_groups=[])
+    os.close(lock)
+    return stage
+
+
+def wait_until(condition, timeout, what):
+    """The first true value of `condition`, asked every few milliseconds."""
+    deadline = time.monotonic() + timeout
+    while True:
+        value = condition()
+        if value:
+            return value
+        if time.monotonic() > deadline:
+            raise BoxError(f"not within {timeout} s: {what}")
+        time.sleep(0.02)
+
+
+class Box:
+    """One running box. A context manager; `close()` takes everything away."""
+
+    def __init__(self, build=DEFAULT_BUILD):
+        self.build = os.path.abspath(build)
+        self.peers = {}
+        self.client = None
+        self.disks = {}
+        stage = staged(self.build)
+        # --kill-child and setpriv: the box ends with the process that holds it, however that ends.
+        self.process = subprocess.Popen(
+            ["setpriv", "--pdeathsig", "KILL", "unshare", "--mount", "--uts", "--ipc", "--net",
+             "--pid", "--fork", "--kill-child=KILL", os.path.join(HERE, "init"), HERE, stage],
+            stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
+        try:
+            line = self.process.stdout.readline()
+            if not line:
+                raise BoxError("the box did not start:\n" + self.process.stderr.read())
+            self.pid = int(line)
+            self.root = f"/proc/{self.pid}/root"
+            socket = self.path("/run/dbus/system_bus_socket")
+            wait_until(lambda: os.path.exists(socket), 10, "the system bus")
+            address = "unix:path=" + socket
+            self.client = DBusRouter(self._connect(address))
+            for names in DEFAULT_PEERS:
+                peer = Peer(self._connect(address), names, self)
+                self.peers.update(peer.views)
+        except BaseException:
+            self.close()
+            raise
+
+    @staticmethod
+    def _connect(address):
+        for _ in range(250):
+            try:
+                return open_dbus_connection(address, enable_fds=True)
+            except (ConnectionError, FileNotFoundError):
+                time.sleep(0.02)
+        raise BoxError("nobody listens on the system bus")
+
+    def close(self):
+        for peer in {view.peer for view in self.peers.values()}:
+            peer.close()
+        self.peers = {}
+        if self.client:
+            self.client.close()
+            self.client.conn.close()
+            self.client = None
+        try:  # the first process takes all others along and is waited for by its parent
+            os.kill(self.pid, signal.SIGKILL)
+        except (AttributeError, ProcessLookupError):
+            self.process.kill()
+        self.process.wait()
+        self.process.stdout.close()
+        self.process.stderr.close()
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *_):
+        self.close()
+
+    # Files and commands -------------------------------------------------------------------------
+
+    def path(self, path):
+        """Where the host finds a file of the box."""
+        return self.root + path
+
+    def read(self, path):
+        with open(self.path(path), encoding="utf-8", errors="replace") as file:
+            return file.read()
+
+    def write(self, path, text, mode=0o644, owner="nimbrelc"):
+        data = text if isinstance(text, bytes) else text.encode()
+        with open(self.path(path), "wb") as file:
+            file.write(data)
+        os.chmod(self.path(path), mode)
+        self.chown(path, owner)
+
+    def chown(self, path, owner):
+        entry = re.search(rf"^{owner}:[^:]*:(\d+):(\d+):", self.read("/etc/passwd"), re.M)
+        os.chown(self.path(path), int(entry[1]), int(entry[2]))
+
+    def exists(self, path):
+        return os.path.lexists(self.path(path))
+
+    def command(self, argv):
+        """The host's command line that runs `argv` inside, as root."""
+        return ["nsenter", "-t", str(self.pid), "-m", "-u", "-i", "-n", "-p", "--",
+                "env", "-i", "-C", "/", f"PATH={PATH}", "HOME=/root", "TERM=" + os.environ.get("TERM", "dumb"),
+                *argv]
+
+    def run(self, argv, input=None, check=True, timeout=30):
+        """Runs a command inside and returns the completed process, with both outputs as text."""
+        return subprocess.run(self.command(argv), input=input, check=check, timeout=timeout,
+                              stdin=subprocess.DEVNULL if input is None else None,
+                              capture_output=True, encoding="utf-8", errors="replace")
+
+    # The daemon ---------------------------------------------------------------------------------
+
+    def config(self):
+        return json.loads(self.read(CONFIG))
+
+    def edit_config(self, change):
+        """Hands the document of the stopped daemon to `change`, writes what it left."""
+        document = self.config()
+        change(document)
+        self.write(CONFIG, json.dumps(document, indent="\t", ensure_ascii=False))
+
+    def daemon_command(self, *options):
+        return ["env", "ASAN_OPTIONS=log_path=/run/box/sanitizer:detect_leaks=0",
+                "UBSAN_OPTIONS=log_path=/run/box/sanitizer:print_stacktrace=1",
+                "/etc/s6/sv/nimbrelc/run", *options]
+
+    def start_daemon(self, *options, wait=True):
+        """Starts the daemon under s6 and, unless told otherwise, waits until it serves."""
+        line = " ".join("'" + word.replace("'", r"'\''") + "'" for word in self.daemon_command(*options))
+        self.write("/run/service/nimbrelc/run", f"#!/bin/sh\nexec {line}\n", 0o755, "root")
+        self.run(["s6-svc", "-u", "/run/service/nimbrelc"])
+        if wait:
+            wait_until(self.serving, 15, "the daemon serves")
+
+    def serving(self):
+        try:
+            return self.call("/ws/core/info", "com.kelvanto.nimbrel.app", "getApplicationStatus",
+                             timeout=10)
+        except (BusError, NoReply):
+            return None
+
+    def stop_daemon(self):
+        self.run(["s6-svc", "-d", "-wD", "-T", "10000", "/run/service/nimbrelc"])
+
+    def migrate(self):
+        """One run in migration mode: the completed process."""
+        return self.run(self.daemon_command("-m"), check=False)
+
+    def daemon_pid(self):
+        """The running daemon's process number on the host, None when it is down."""
+        inside = self.run(["s6-svstat", "-o", "pid", "/run/service/nimbrelc"]).stdout.strip()
+        if inside == "-1":
+            return None
+        for pid in filter(str.isdigit, os.listdir("/proc")):
+            try:
+                with open(f"/proc/{pid}/status") as status:
+                    numbers = re.search(r"^NSpid:\s+(.*)$", status.read(), re.M)
+                if (numbers and numbers[1].split()[-1] == inside
+                        and os.readlink(f"/proc/{pid}/ns/pid") == os.readlink(f"/proc/{self.pid}/ns/pid")):
+                    return int(pid)
+            except OSError:
+                continue
+        return None
+
+    def exits(self):
+        """How the daemon ended so far: (exit code, signal), 256 as code when a signal ended it."""
+        if not self.exists("/run/box/exits"):
+            return []
+        return [tuple(map(int, line.split())) for line in self.read("/run/box/exits").splitlines()]
+
+    def faults(self):
+        """Deaths that no test asks for and reports of the sanitizers: texts, empty when all is well."""
+        found = [f"the daemon died by signal {number}" for code, number in self.exits()
+                 if code == 256 and number not in (signal.SIGTERM, signal.SIGKILL)]
+        for name in sorted(os.listdir(self.path("/run/box"))):
+            if name.startswith("sanitizer"):
+                found.append(self.read("/run/box/" + name))
+        return found
+
+    @property
+    def flavour(self):
+        with open(os.path.join(self.build, "CMakeCache.txt")) as cache:
+            return re.search(r"^NIMBRELC_BUILD_FLAVOUR:\w+=(\w+)", cache.read(), re.M)[1]
+
+    # The bus ------------------------------------------------------------------------------------
+
+    def call(self, path, interface, method, *args, timeout=5, name="com.kelvanto.nimbrel"):
+        """Calls the daemon (or another owner of `name`) and returns the reply's values. Arguments:
+        str -> s, bool -> b, u(5) -> u, i(-1) -> i, ("ay", value) for any other signature. Raises
+        NoReply when none comes in time, BusError for an error reply."""
+        signature, values = signature_of(args)
+        address = jeepney.DBusAddress(path, bus_name=name, interface=interface)
+        message = jeepney.new_method_call(address, method, signature or None, values)
+        try:
+            reply = self.client.send_and_get_reply(message, timeout=timeout)
+        except TimeoutError:
+            raise NoReply(f"{method} was not answered within {timeout} s") from None
+        if reply.header.message_type is jeepney.MessageType.error:
+            name = reply.header.fields[jeepney.HeaderFields.error_name]
+            text = reply.body[0] if reply.body else ""
+            if name == "org.freedesktop.DBus.Error.NoReply":
+                raise NoReply(text)
+            raise BusError(name, text)
+        return reply.body
+
+    def signal(self, interface, member, *args, path="/box"):
+        """Emits a signal; it comes from the disk daemon's connection."""
+        self.peers["ddm"].peer.signal(path, interface, member, *args)
+
+    def peer(self, name):
+        return self.peers[name]
+
+    def data_model(self, method, key, *args, **options):
+        """GetValue, SetValue or GetObject of the data model: the reply's values."""
+        return self.call("/com/kelvanto/nimbrel", "com.kelvanto.nimbrel.datamodel", method, key,
+                         *args, **options)
+
+    # What happened ------------------------------------------------------------------------------
+
+    def log(self):
+        """The system log: every line of every process of the box."""
+        return self.read("/var/log/messages")
+
+    def wait_log(self, text, timeout=10, count=1):
+        """Waits until the log holds the text (`count` times)."""
+        wait_until(lambda: self.log().count(text) >= count, timeout, f"log line {text!r}")
+
+    def commands(self):
+        """The command lines of the stand-ins (scripts, s6-rc, dmesg) in order, each as its argv."""
+        if not self.exists("/run/box/commands"):
+            return []
+        return [json.loads(line) for line in self.read("/run/box/commands").splitlines()]
+
+    def sudo(self):
+        """Every command run through sudo, in order, as one text each (s6-svc and s6-svstat too);
+        those that sudo refused begin with "refused: "."""
+        if not self.exists("/run/box/sudo"):
+            return []
+        lines = re.findall(r" : \S+ : (.*?)(?:TTY=\S+ ; )?PWD=.*?COMMAND=(.*)", self.read("/run/box/sudo"))
+        return [("refused: " if reason else "") + command for reason, command in lines]
+
+    def script(self, name, code=0, out="", sleep=0, kill=0):
+        """What the stand-in of that file name does from now on: exit code, standard output, seconds
+        before the end, signal to die by."""
+        self.write(f"/run/box/reply/{name}.json",
+                   json.dumps({"code": code, "out": out, "sleep": sleep, "kill": kill}))
+
+    def is_up(self, service):
+        return self.run(["s6-svstat", "-u", "/run/service/" + service]).stdout.strip() == "true"
+
+    def wait_up(self, service, up=True, timeout=10):
+        wait_until(lambda: self.is_up(service) == up, timeout, f"{service} {'up' if up else 'down'}")
+
+    # Disks --------------------------------------------------------------------------------------
+
+    def plug(self, name, kind="USB", partitions=None, device_type="STORAGE", **fields):
+        """Plugs a disk in: the disk daemon lists it, then signals the device and each partition.
+        `partitions`: one dict of record fields per partition; None as "mount_point" leaves it
+        unmounted, "files" ({name: text}) is what is on it. Further keywords are fields of the device.
+        Returns the partition records."""
+        if partitions is None:
+            partitions = [{}] if device_type == "STORAGE" else []
+        syspath = f"/sys/block/{name}"
+        records = []
+        for number, wanted in enumerate(partitions, 1):
+            wanted = dict(wanted)
+            files = wanted.pop("files", {"hello.txt": f"Hello from {name}{number}\n"})
+            record = {"syspath": f"{syspath}/{name}{number}", "disk_syspath": syspath,
+                      "mount_point": f"/media/{name}{number}", "label": f"{name}{number}",
+                      "type": "vfat", "uuid": f"uuid-{name}{number}", "capacity": 1000000,
+                      "free": 750000, "read_only": False, **wanted}
+            if record["mount_point"]:
+                self.fill(record["mount_point"], files)
+            else:
+                record["mount_point"] = ""
+            records.append(record)
+        device = {"syspath": syspath, "device_type": device_type, "connection_type": kind,
+                  "vendor": "Acme", "model": "Stick", "serial": f"serial-{name}",
+                  "partitions_count": len(records), **fields}
+        self.disks[name] = (device, records)
+        self.disk_signal("DeviceAttached", device)
+        for record in records:
+            self.disk_signal("PartitionConnected", record)
+        return records
+
+    def unplug(self, name):
+        """Pulls a disk out: each partition goes, then the device."""
+        device, records = self.disks.pop(name)
+        for record in records:
+            if record["mount_point"]:
+                shutil.rmtree(self.path(record["mount_point"]), ignore_errors=True)
+            self.disk_signal("PartitionDisconnected", record)
+        self.disk_signal("DeviceDetached", device)
+
+    def disk_signal(self, member, record):
+        """One signal of the disk daemon; `record` is a dict, or a text that is sent as it is."""
+        text = record if isinstance(record, str) else notation(record)
+        self.signal("com.kelvanto.ddm", member, text, path="/status")
+
+    def fill(self, directory, files):
+        host = self.path(directory)
+        os.makedirs(host, exist_ok=True)
+        self.chown(directory, "default")
+        for name, text in files.items():
+            self.write(f"{directory}/{name}", text, owner="default")
+
+    def device_list(self):
+        return notation([device for device, _ in self.disks.values()])
+
+    def partition_list(self):
+        return notation([record for _, records in self.disks.values() for record in records])
+
+
+def notation(value):
+    """The disk daemon's way to write records: bare keys, single quotes. A list has no blank between
+    its records: there a blank would announce a key."""
+    if isinstance(value, list):
+        return "[" + ",".join(map(notation, value)) + "]"
+    if isinstance(value, dict):
+        return "{" + ", ".join(f"{key}: {notation(item)}" for key, item in value.items()) + "}"
+    return f"'{value}'" if isinstance(value, str) else json.dumps(value)

@@ -1,0 +1,128 @@
+"""./dev demo: the daemon's main job in a box, as a timeline. Each step is really observed; the first
+one that is not ends the demo with exit code 1."""
+import json
+import sys
+import time
+
+from box import Box, BoxError, BusError, NoReply, wait_until
+
+DISK = "sda"
+LABEL = "Photos"
+FILES = {"holiday.txt": "Sand, sea and sun.\n"}
+USER, PASSWORD = "alice", "summer-2026"
+SHARES = ("/ws/nas/fileservices", "com.kelvanto.nimbrel.nas.fileservices")
+
+
+class NotSeen(Exception):
+    """A step did not come about."""
+
+
+class Timeline:
+    def __init__(self):
+        self.start = time.monotonic()
+
+    def now(self):
+        return time.monotonic() - self.start
+
+    def event(self, text):
+        """Something that the demo does."""
+        print(f"\n{self.now():5.1f} s  {text}", flush=True)
+
+    def seen(self, condition, text):
+        """Something that came of it: the condition says whether it was really observed."""
+        if not condition:
+            raise NotSeen(text)
+        print(f"{self.now():5.1f} s    - {text}", flush=True)
+
+
+def smbclient(box, share, *login):
+    """What a client on the network gets when it reads the file from the share."""
+    command = f"get {next(iter(FILES))} -"
+    return box.run(["smbclient", *login, f"//127.0.0.1/{share}", "-c", command], check=False)
+
+
+def wait_read(box, *login):
+    """The file's text, once the share can be read with that login (the servers need a moment)."""
+    def attempt():
+        result = smbclient(box, LABEL, *login)
+        return result.stdout if result.returncode == 0 else None
+    return wait_until(attempt, 5, "the share is readable")
+
+
+def start(box, line):
+    line.event("A gateway in software: system bus, s6, sudo, disk daemon, front display, media server.")
+    line.event("s6 starts the daemon.")
+    box.start_daemon()
+    status = open(f"/proc/{box.daemon_pid()}/status").read()
+    line.seen("\nUid:\t7001\t7001\t7001\t" in status, "it runs as the unprivileged user nimbrelc")
+    names = ["com.kelvanto." + name for name in ("nimbrel", "pamauth", "nssauth", "firmware")]
+    for name in names:
+        box.call("/ws/core/info", "com.kelvanto.nimbrel.app", "getApplicationStatus", name=name)
+    line.seen(True, "it owns and serves " + ", ".join(names))
+    line.seen(not box.is_up("smbd"), "no disk, no share: smbd is down")
+
+
+def plug(box, line):
+    line.event(f"A USB disk is plugged in: partition 1 is mounted as {LABEL!r}, partition 2 is not mountable.")
+    box.plug(DISK, partitions=[{"label": LABEL, "files": FILES}, {"mount_point": None, "type": "hfs"}])
+    plugged = line.now()
+    event = box.peer("lcd").wait_calls("addEvent")[0]
+    texts = {text["Language"]: text["Description"] for text in json.loads(event[1])}
+    line.seen(texts.get("en") == "USB device attached",
+              "the front display says: " + ", ".join(f"{text} ({code})" for code, text in texts.items()))
+    box.wait_up("smbd")
+    waited = line.now() - plugged
+    line.seen(2.9 <= waited, f"{waited:.1f} s later (3 s for the dust to settle) s6 runs smbd and nmbd on "
+              "the generated configuration")
+    line.seen(box.is_up("nmbd") and f"[{LABEL}]" in box.read("/tmp/nimbrel/configs/samba.config"),
+              f"which holds the share [{LABEL}] and nothing of partition 2")
+    text = wait_read(box, "-N")
+    line.seen(text == FILES["holiday.txt"], f"a guest reads holiday.txt with smbclient: {text.strip()!r}")
+
+
+def protect(box, line):
+    line.event(f"Share protection is switched on over the bus, for user {USER}.")
+    box.call(*SHARES, "updateCredentialsForUserShares", True, USER, PASSWORD)
+    stored = box.config()["storage"]
+    line.seen(stored["enabled"] and PASSWORD not in json.dumps(stored), "the password is stored encrypted")
+    (allowed,) = box.call("/com/kelvanto/pam", "com.kelvanto.authentification", "AuthRequest", USER, PASSWORD)
+    (denied,) = box.call("/com/kelvanto/pam", "com.kelvanto.authentification", "AuthRequest", USER, "wrong")
+    line.seen((allowed, denied) == (1, 0), "PAM may let the user in, and nobody with another password")
+    box.wait_up("smbd", up=False)
+    line.seen(True, "Samba goes down to learn of it")
+    box.wait_up("smbd", timeout=15)
+    text = wait_read(box, "-U", f"{USER}%{PASSWORD}")
+    line.seen(text == FILES["holiday.txt"], f"and is back: {USER} reads holiday.txt with the password")
+    line.seen(smbclient(box, LABEL, "-N").returncode != 0, "the guest is refused")
+    line.seen(smbclient(box, LABEL, "-U", f"{USER}%wrong").returncode != 0, "so is a wrong password")
+
+
+def pull(box, line):
+    line.event("The disk is pulled out.")
+    box.unplug(DISK)
+    box.wait_up("smbd", up=False, timeout=15)
+    box.wait_up("nmbd", up=False)
+    line.seen(True, "smbd and nmbd are down")
+    line.seen(smbclient(box, LABEL, "-U", f"{USER}%{PASSWORD}").returncode != 0, "the share is gone")
+
+
+STEPS = [start, plug, protect, pull]
+
+
+def main():
+    line = Timeline()
+    with Box() as box:
+        try:
+            for step in STEPS:
+                step(box, line)
+            if box.faults():
+                raise NotSeen("a daemon without faults: " + "\n".join(box.faults()))
+        except (NotSeen, BoxError, BusError, NoReply) as error:
+            print(f"{line.now():5.1f} s    NOT SEEN: {error}\n\nThe box's log:\n{box.log()}", file=sys.stderr)
+            return 1
+    print(f"\n{line.now():5.1f} s  Every step was seen. The box is gone, the host is as it was.")
+    return 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())
