@@ -24,13 +24,13 @@ struct storage_config {
     std::string password;  // plain text
 };
 
-// Fills `config` from the configuration; what is not stored is empty. False when the stored password
-// does not decrypt: the other two are filled all the same, the password is empty.
+// Fills `config` from the configuration; what is not stored is empty. False when the stored
+// password does not decrypt: the other two are filled all the same, the password is empty.
 bool file_services_request_handler_get_storage_config(storage_config &config);
 
 // The stored form (base64) of a plain password; nothing for null, "" or on failure (logged).
 std::optional<std::string> file_services_request_handler_encrypt_storage_password(const char *text);
 
-// The plain text of a stored password, up to its first zero byte; nothing for null, "" or on failure
-// (logged).
+// The plain text of a stored password, up to its first zero byte; nothing for null, "" or on
+// failure (logged).
 std::optional<std::string> file_services_request_handler_decrypt_storage_password(const char *text);
