@@ -10,7 +10,11 @@
 #include "app_info.h"
 #include "common/msg_bus/message_bus.h"
 #include "config.h"
+#include "dlna_manager.h"
+#include "file_services_request_handler.h"
 #include "logger.h"
+#include "syslog_utils.h"
+#include "upgrade_config.h"
 
 namespace {
 
@@ -24,6 +28,10 @@ struct service {
 
 // Kept: stopping runs in the order of starting too.
 constexpr service services[] = {
+    {"file_services_request_handler", file_services_request_handler_start,
+     file_services_request_handler_stop},
+    {"dlna_manager", dlna_manager_start, dlna_manager_stop},
+    {"upgrade_config", upgrade_config_start, upgrade_config_stop},
     {"app_info", app_info_start, app_info_stop},
 };
 
