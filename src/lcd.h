@@ -8,17 +8,29 @@
 #include <cstdint>
 #include <string>
 
+enum lcd_event : int {
+    LCD_EVENT_SD_ATTACHED = 0,
+    LCD_EVENT_USB_ATTACHED = 1,
+    LCD_EVENT_USB_UNSUPPORTED = 2,
+    LCD_EVENT_SD_UNSUPPORTED = 3,
+    LCD_EVENT_STICK_IN_WRONG_PORT = 4,
+    LCD_EVENT_USB_FILESYSTEM_UNSUPPORTED = 5,
+    LCD_EVENT_SD_FILESYSTEM_UNSUPPORTED = 6,
+    LCD_EVENT_FIRMWARE_UPGRADE = 7,
+};
+
 // Fails, and nothing will be shown, when the texts cannot be read or parsed.
 bool lcd_start(event_base *base);
 bool lcd_stop();
 
-// Shows `event` (see lcd_event_get) under `key`. `flag` is handed to the display service.
+// Shows `event` (an lcd_event; unknown numbers show nothing) under `key`. `flag` is handed to the
+// display service.
 void lcd_show_event(const char *key, int event, bool flag);
 // Clears the first message shown under `key`.
 void lcd_dismiss_event(const char *key);
 
-// True when the bus call was sent; a key may be used more than once. `number` and the two flags are
-// the display service's own.
+// True when the bus call was sent. A key may be used more than once; what is shown without one
+// (null) cannot be cleared. The meaning of `number` and of the two flags is the display service's.
 bool lcd_display_message(const char *key, int event, uint32_t number, bool first_flag,
                          bool second_flag);
 // True when the bus call was sent; false also for a key that is not stored.

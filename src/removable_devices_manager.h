@@ -21,8 +21,9 @@ void removable_devices_set_listener(removable_devices_callback list_received,
                                     removable_devices_callback connected,
                                     removable_devices_callback disconnected);
 
-// The partition records, or null before start and after stop. Borrowed: not to be kept beyond the
-// callback. Whatever the disk daemon sent stands in it; it need not be an array of objects.
+// The partition records: an array, or null before start and after stop. Borrowed: not to be kept
+// beyond the callback. Its items are whatever the disk daemon sent; fields may be missing or of any
+// kind.
 cJSON *get_partitions_list();
 
 // How many partitions have a "mount_point", which is how many have a supported filesystem.
