@@ -10,7 +10,10 @@
 #include "app_info.h"
 #include "common/msg_bus/message_bus.h"
 #include "config.h"
+#include "device_request_handler.h"
+#include "lcd.h"
 #include "logger.h"
+#include "removable_devices_manager.h"
 
 namespace {
 
@@ -24,6 +27,9 @@ struct service {
 
 // Kept: stopping runs in the order of starting too.
 constexpr service services[] = {
+    {"removable_devices_manager", removable_devices_manager_start, removable_devices_manager_stop},
+    {"device_request_handler", device_request_handler_start, device_request_handler_stop},
+    {"lcd", lcd_start, lcd_stop},
     {"app_info", app_info_start, app_info_stop},
 };
 

@@ -1,6 +1,7 @@
 #include "removable_devices_manager.h"
 
 #include <cstring>
+#include <string>
 #include <utility>
 
 #include "common/json_ptr.h"
