@@ -8,11 +8,15 @@
 #include <sys/stat.h>
 
 #include "app_info.h"
+#include "backup.h"
 #include "common/msg_bus/message_bus.h"
 #include "config.h"
+#include "device_request_handler.h"
 #include "dlna_manager.h"
 #include "file_services_request_handler.h"
+#include "lcd.h"
 #include "logger.h"
+#include "removable_devices_manager.h"
 #include "syslog_utils.h"
 #include "upgrade_config.h"
 
@@ -28,10 +32,14 @@ struct service {
 
 // Kept: stopping runs in the order of starting too.
 constexpr service services[] = {
+    {"removable_devices_manager", removable_devices_manager_start, removable_devices_manager_stop},
+    {"device_request_handler", device_request_handler_start, device_request_handler_stop},
     {"file_services_request_handler", file_services_request_handler_start,
      file_services_request_handler_stop},
     {"dlna_manager", dlna_manager_start, dlna_manager_stop},
+    {"backup", backup_start, backup_stop},
     {"upgrade_config", upgrade_config_start, upgrade_config_stop},
+    {"lcd", lcd_start, lcd_stop},
     {"app_info", app_info_start, app_info_stop},
 };
 

@@ -33,8 +33,7 @@ private:
     };
     template <class Callable>
     struct holder : base {
-        template <class Source>
-        explicit holder(Source &&source) : callable(std::forward<Source>(source)) {}
+        explicit holder(Callable source) : callable(std::move(source)) {}
         Result call(Arguments... arguments) override {
             return callable(std::forward<Arguments>(arguments)...);
         }

@@ -1,0 +1,134 @@
+"""The web interface's storage object: list, unmount, rename."""
+
+import json
+
+import pytest
+
+from box import NoReply, u
+
+PATH = "/ws/nas/devices"
+INTERFACE = "com.kelvanto.nimbrel.nas.devices"
+
+SD = "{syspath: '/sd', device_type: 'STORAGE', connection_type: 'SD'}"
+USB = "{syspath: '/usb', device_type: 'STORAGE', connection_type: 'USB'}"
+
+
+def call(box, method, *args, timeout=5):
+    return box.call(PATH, INTERFACE, method, *args, timeout=timeout)[0]
+
+
+def serve(box, devices, partitions):
+    box.peer("ddm").answer("DeviceList", devices)
+    box.peer("ddm").answer("PartitionList", partitions)
+
+
+@pytest.fixture
+def gateway(shared_box):
+    if not shared_box.daemon_pid():
+        shared_box.start_daemon()
+        shared_box.wait_log("Partition list received")
+    shared_box.peer("ddm").clear()
+    return shared_box
+
+
+def test_list_shows_each_kind_of_entry(gateway):
+    assert call(gateway, "list") == '{"status":200,"data":[]}'
+
+    serve(gateway, "[" + ",".join([
+        SD,
+        "{syspath: '/stick', device_type: 'LTE', connection_type: 'USB', vendor: 'Acme', "
+        "model: 'M 1'}",
+        USB,
+        "{syspath: '/odd', device_type: 'STORAGE', connection_type: 'eSATA'}",
+        "{syspath: '/empty', device_type: 'STORAGE', connection_type: 'USB'}",
+    ]) + "]", "[" + ",".join([
+        "{disk_syspath: '/usb', syspath: '/usb/1', uuid: 'U1', label: 'Raw', type: 'ext9', "
+        "mount_point: '', capacity: 9, free: 9}",
+        "{disk_syspath: '/sd', syspath: '/sd/1', uuid: 'S1', label: 'Photos', type: 'vfat', "
+        "mount_point: '/mnt/1', capacity: 12345678901234, free: 1.5}",
+        "{disk_syspath: '/odd', syspath: '/odd/1', uuid: 'O1', mount_point: '/mnt/2'}",
+        "{disk_syspath: '/gone', syspath: '/gone/1', uuid: 'G1', mount_point: '/mnt/3'}",
+        "{syspath: '/lost', mount_point: '/mnt/4'}",
+    ]) + "]")
+    assert call(gateway, "list") == '{"status":200,"data":[' + ",".join([
+        '{"id":"S1","type":"sd-card","label":"Photos","fsType":"vfat",'
+        '"capacity":12345678901234,"freeSpace":1.5,"supported":true}',
+        '{"label":"Acme M 1","id":"/stick","type":"usb-disk","fsType":null,'
+        '"capacity":null,"freeSpace":null,"supported":false}',
+        '{"id":"/usb/1","type":"usb-disk","label":"Raw","fsType":"ext9",'
+        '"capacity":null,"freeSpace":null,"supported":false}',
+        '{"id":"O1","type":"undefined-storage","label":"","fsType":"",'
+        '"capacity":0,"freeSpace":0,"supported":true}',
+    ]) + "]}"
+    # One line for each storage disk that was looked up.
+    gateway.wait_log("Unidentified disk syspath for partition", count=4)
+
+
+def test_list_texts_and_numbers_of_any_kind(gateway):
+    serve(gateway, "[null,7,{device_type: 'STORAGE', syspath: ''},"
+                   "{syspath: '/x', device_type: 'LTE', connection_type: 5}," + USB + "]",
+          "[1,'x'," + ",".join(
+              f"{{disk_syspath: '/usb', mount_point: '/m', uuid: 'u', label: '{label}', "
+              f"capacity: {number}, free: {number}}}"
+              for label, number in [("a\\\"b\\\\c\\u0001\\n", "1e20"), ("ü/€", "-5"),
+                                    ("t", "1e15"), ("n", "'12'"), ("d", "0.1"), ("z", "null")])
+          + "]")
+    text = call(gateway, "list")
+    data = json.loads(text)["data"]
+    assert [entry["label"] for entry in data] == [
+        " ", " ", " ", "a\"b\\c\x01\n", "ü/€", "t", "n", "d", "z"]
+    assert [entry["type"] for entry in data[:3]] == ["undefined-storage"] * 3
+    assert [entry["capacity"] for entry in data[3:]] == [1e20, -5, 1e15, 0, 0.1, 0]
+    assert '"label":"a\\"b\\\\c\\u0001\\n"' in text and '"capacity":0.1,' in text
+    for line in ["Unsupported storage type", "NULL valuestring", "Unidentified syspath for device"]:
+        gateway.wait_log(line)
+
+
+def test_list_of_a_full_box(gateway):
+    serve(gateway, "[" + ",".join(
+        f"{{syspath: '/d{i}', device_type: 'STORAGE', connection_type: 'USB'}}"
+        for i in range(32)) + "]", "[" + ",".join(
+            f"{{syspath: '/d{i}/{j}', disk_syspath: '/d{i}', uuid: 'U{i}-{j}', mount_point: '/m', "
+            f"capacity: {i}, free: {j}}}" for j in range(32) for i in range(32)) + "]")
+    data = json.loads(call(gateway, "list"))["data"]
+    assert [entry["id"] for entry in data] == [f"U{i}-{j}" for i in range(32) for j in range(32)]
+
+
+def test_list_errors(gateway):
+    handling_failed = '{"status":500,"error":"Error handling DeviceList"}'
+    for bad in ["{sizeMB: 1}", "", "{syspath: '/d'}"]:
+        serve(gateway, bad, "[]")
+        assert call(gateway, "list") == handling_failed
+    # Everything else leaves the caller to its time-out.
+    serve(gateway, u(1), "[]")
+    with pytest.raises(NoReply):
+        call(gateway, "list", timeout=0.7)
+    gateway.wait_log("Bad params passed to removable_devices_list_callback")
+    serve(gateway, "[" + SD + "]", "{sizeMB: 1}")
+    with pytest.raises(NoReply):
+        call(gateway, "list", timeout=0.7)
+    gateway.wait_log("convert_ddm_respone_data_to_json failed")
+    gateway.peer("ddm").fail("PartitionList")
+    with pytest.raises(NoReply):
+        call(gateway, "list", timeout=0.7)
+    gateway.wait_log("Bad params passed to removable_partitions_list_callback")
+    serve(gateway, "[]", "[]")
+    assert call(gateway, "list", "an argument", u(1)) == '{"status":200,"data":[]}'
+
+
+def test_unmount_and_rename_are_forwarded_without_waiting(gateway):
+    gateway.peer("ddm").mute("UnmountDevice")
+    gateway.peer("ddm").fail("ChangeLabel")
+    assert call(gateway, "unmount", "AAAA-1") == '{"status":204}'
+    assert call(gateway, "rename", "AAAA-1", "New; 'label' %s") == '{"status":204}'
+    gateway.peer("ddm").wait_calls("ChangeLabel")
+    forwarded = [("UnmountDevice", "AAAA-1"), ("ChangeLabel", "AAAA-1", "New; 'label' %s")]
+    assert gateway.peer("ddm").calls() == forwarded
+
+    for method, args in [("unmount", ()), ("unmount", (u(1),)), ("unmount", ("a", "b")),
+                         ("rename", ("a",)), ("rename", ("a", True)), ("rename", ("a", "b", "c"))]:
+        with pytest.raises(NoReply):
+            call(gateway, method, *args, timeout=0.3)
+    gateway.wait_log("Bad params passed to request_unmount_callback")
+    gateway.wait_log("Bad params passed to request_rename_callback")
+    assert gateway.peer("ddm").calls() == forwarded

@@ -1,0 +1,89 @@
+"""Messages on the front display: their texts, and the keys by which they are cleared."""
+import json
+
+from box import u
+
+STICK = json.dumps({"Internet backup stick in wrong port": {"en": "Stick"}})
+
+
+def start(box, locales):
+    box.write("/opt/app/locales.json", locales)
+    box.start_daemon()
+    box.wait_log("Partition list received")
+
+
+def show(box, key, device_type="LTE", connection_type="USB"):
+    box.disk_signal("DeviceAttached", {"syspath": key, "device_type": device_type,
+                                       "connection_type": connection_type})
+
+
+def dismiss(box, key):
+    box.disk_signal("DeviceDetached", {"syspath": key, "device_type": "LTE"})
+
+
+def test_texts_go_out_in_the_order_of_the_file(box):
+    start(box, json.dumps({
+        "Internet backup stick in wrong port": {
+            "fr": "Clé \"mal\"", "en": "Wrong port", "xx": None, "yy": 5},
+        "Unsupported USB device attached": {},
+        "Unsupported SD device attached": "no languages",
+    }))
+    show(box, "/s", "UNRECOGNIZED", "SD")
+    box.wait_log("Failed to find proper locale object for event id: ")
+    show(box, "/s")
+    show(box, "/u", "UNRECOGNIZED")
+    assert [call[1] for call in box.peer("lcd").wait_calls("addEvent", 2)] == [
+        '[{"Language":"fr","Description":"Clé \\"mal\\""},'
+        '{"Language":"en","Description":"Wrong port"},'
+        '{"Language":"xx","Description":""},{"Language":"yy","Description":""}]',
+        "[]",
+    ]
+
+
+def test_a_broken_locale_file_leaves_the_daemon_running(box):
+    start(box, "{broken")
+    box.wait_log("Cannot parse json LCD locale")
+    show(box, "/s")
+    box.wait_log("Locale not parsed or invalid, won't send message")
+    dismiss(box, "/s")
+    box.wait_log('Attempt to remove non-existent message from list, key: "/s"')
+    assert not box.peer("lcd").calls()
+
+
+def test_messages_are_cleared_by_key_first_shown_first(box):
+    start(box, STICK)
+    lcd = box.peer("lcd")
+    for count, (key, identifier) in enumerate([("/a", 11), ("/b", 22), ("/a", 4000000000)], 1):
+        lcd.answer("addEvent", u(identifier))
+        show(box, key)
+        lcd.wait_calls("addEvent", count)
+    box.wait_log('Message with registration key: "/a" already exists in list')
+    for key, count in [("/a", 1), ("/a", 2), ("/b", 1)]:
+        dismiss(box, key)
+        box.wait_log(f'Message with key: "{key}" removed, dbus argc: 0', count=count)
+    dismiss(box, "/a")
+    box.wait_log('Attempt to remove non-existent message from list, key: "/a"')
+    assert lcd.calls("clearEvent") == [
+        ("clearEvent", 11), ("clearEvent", 4000000000), ("clearEvent", 22)]
+
+
+def test_a_message_without_identifier_is_stored_all_the_same(box):
+    start(box, STICK)
+    lcd = box.peer("lcd")
+    lcd.answer("addEvent", "not a number")
+    show(box, "/a")
+    lcd.wait_calls("addEvent")
+    lcd.fail("addEvent")
+    show(box, "/b")
+    box.wait_log("DBus call to addEvent failed, we didn't get a valid ID in callback", count=2)
+    lcd.fail("clearEvent")
+    dismiss(box, "/a")
+    box.wait_log('Message with key: "/a" removed, dbus argc: -1')
+
+    # Dismissed twice before the display answers: the first answer finds the message.
+    lcd.delay("clearEvent", 0.5)
+    dismiss(box, "/b")
+    dismiss(box, "/b")
+    box.wait_log('Requested to delete a non-existent message with key: "/b"')
+    assert lcd.calls("clearEvent") == [("clearEvent", 0)] * 3
+    assert box.log().count('Message with key: "/b" removed') == 1
