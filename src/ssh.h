@@ -1,6 +1,6 @@
 // Remote access by SSH for a limited time: the server runs, a key is installed and an external port
-// of the gateway is forwarded to it. The activation's start is kept in the configuration, so that it
-// goes on, or ends, across a restart of the daemon.
+// of the gateway is forwarded to it. The activation's start is kept in the configuration, so that
+// it goes on, or ends, across a restart of the daemon.
 #pragma once
 
 #include <event2/event.h>

@@ -1,6 +1,6 @@
-// The box's L2TP-over-IPsec server: keeps its credentials (secrets encrypted), hands them to the two
-// daemons through a script, starts and stops these together with the matching firewall mode, and
-// serves the web front end on the bus object "/ws/vpn".
+// The box's L2TP-over-IPsec server: keeps its credentials (secrets encrypted), hands them to the
+// two daemons through a script, starts and stops these together with the matching firewall mode,
+// and serves the web front end on the bus object "/ws/vpn".
 #pragma once
 
 #include <event2/event.h>
