@@ -10,7 +10,10 @@
 #include "app_info.h"
 #include "common/msg_bus/message_bus.h"
 #include "config.h"
+#include "dbus_signals.h"
 #include "logger.h"
+#include "ssh.h"
+#include "vpn.h"
 
 namespace {
 
@@ -24,6 +27,9 @@ struct service {
 
 // Kept: stopping runs in the order of starting too.
 constexpr service services[] = {
+    {"ssh", ssh_start, ssh_stop},
+    {"vpn", vpn_start, vpn_stop},
+    {"dbus_signals", dbus_signals_start, dbus_signals_stop},
     {"app_info", app_info_start, app_info_stop},
 };
 
