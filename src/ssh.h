@@ -1,0 +1,26 @@
+// Remote access by SSH for a limited time: the server runs, a key is installed and an external port
+// of the gateway is forwarded to it. The activation's start is kept in the configuration, so that
+// it goes on, or ends, across a restart of the daemon.
+#pragma once
+
+#include <event2/event.h>
+
+#include "common/msg_bus/message_bus.h"
+
+// Applies the "ssh" section of the configuration: installs the key, then begins, continues or ends
+// an activation. `base` is kept for the timer. False when the section is invalid or a step failed.
+bool ssh_start(event_base *base);
+
+// Stops the server and deletes the forwarding. Timer and configuration stay as they are, for the
+// next start to continue the activation.
+bool ssh_stop();
+
+// Data-model hook: applies the configuration after a change.
+bool ssh_configure(event_base *base);
+
+// Data-model setter of the duration, an unsigned number of minutes. Re-times a running activation
+// from its first date; saves, and answers true, only when the configuration could be applied.
+bool ssh_set_activation_duration(const message_bus_arg &value, message_bus_request request);
+
+// Sets the forwarding when SSH is enabled, deletes it otherwise.
+bool ssh_update_port_forwarding();
