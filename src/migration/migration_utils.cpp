@@ -1,7 +1,9 @@
 #include "migration/migration_utils.h"
 
+#include <cstring>
+
+#include <algorithm>
 #include <array>
-#include <memory>
 
 #include <openssl/crypto.h>
 #include <openssl/evp.h>
@@ -21,69 +23,28 @@ constexpr size_t header_size = salt_size + iv_size;
 constexpr int key_size = 32;
 constexpr int iterations = 1000;
 
-struct cipher_context_deleter {
-    void operator()(EVP_CIPHER_CTX *context) const {
-        EVP_CIPHER_CTX_free(context);
-    }
-};
-
-using r8_key = std::array<unsigned char, EVP_MAX_KEY_LENGTH>;
-
 const unsigned char *bytes_of(std::string_view text) {
     return reinterpret_cast<const unsigned char *>(text.data());
 }
 
-bool derive_key(std::string_view salt, std::string_view passphrase, r8_key &key) {
+std::optional<std::string> decrypt_blob(std::string_view blob, std::string_view passphrase) {
+    // A blob without a whole header leaves nothing to decrypt, which fails as cut cipher text does.
+    std::string header(blob.substr(0, header_size));
+    header.resize(header_size);
+    const std::string_view salt = std::string_view(header).substr(0, salt_size);
+    const std::string_view iv = std::string_view(header).substr(salt_size);
+    std::array<unsigned char, EVP_MAX_KEY_LENGTH> key = {};
     std::array<unsigned char, EVP_MAX_IV_LENGTH> unused_iv = {};
     const int size = EVP_BytesToKey(EVP_aes_256_cbc(), EVP_sha1(), bytes_of(salt),
                                     bytes_of(passphrase), static_cast<int>(passphrase.size()),
                                     iterations, key.data(), unused_iv.data());
+    std::optional<std::string> plain;
     if (size != key_size) {
         LOG_ERROR("Incorrect key size: %d", size);
-        return false;
-    }
-    return true;
-}
-
-std::optional<std::string> decrypt_with_key(std::string_view blob, const r8_key &key) {
-    const std::unique_ptr<EVP_CIPHER_CTX, cipher_context_deleter> context(EVP_CIPHER_CTX_new());
-    if (!context) {
-        LOG_ERROR("EVP_CIPHER_CTX_new failed");
-        return std::nullopt;
-    }
-    const std::string_view iv = blob.substr(salt_size, iv_size);
-    const std::string_view ciphertext = blob.substr(header_size);
-    if (EVP_DecryptInit_ex(context.get(), EVP_aes_256_cbc(), nullptr, key.data(), bytes_of(iv)) !=
-        1) {
-        LOG_ERROR("EVP_DecryptInit_ex failed: %s", nimbrelc_utils_crypto_error().c_str());
-        return std::nullopt;
-    }
-    std::string plain(ciphertext.size() + EVP_MAX_BLOCK_LENGTH, '\0');
-    auto *output = reinterpret_cast<unsigned char *>(plain.data());
-    int updated = 0;
-    if (EVP_DecryptUpdate(context.get(), output, &updated, bytes_of(ciphertext),
-                          static_cast<int>(ciphertext.size())) != 1) {
-        LOG_ERROR("EVP_DecryptUpdate failed: %s", nimbrelc_utils_crypto_error().c_str());
-        return std::nullopt;
-    }
-    int finished = 0;
-    if (EVP_DecryptFinal_ex(context.get(), output + updated, &finished) != 1) {
-        LOG_ERROR("EVP_DecryptFinal_ex failed: %s", nimbrelc_utils_crypto_error().c_str());
-        return std::nullopt;
-    }
-    plain.resize(static_cast<size_t>(updated + finished));
-    return plain;
-}
-
-std::optional<std::string> decrypt_blob(std::string_view blob, std::string_view passphrase) {
-    if (blob.size() < header_size) {
-        LOG_ERROR("EVP_DecryptUpdate failed: %s", "no initialisation vector");
-        return std::nullopt;
-    }
-    r8_key key = {};
-    std::optional<std::string> plain;
-    if (derive_key(blob.substr(0, salt_size), passphrase, key)) {
-        plain = decrypt_with_key(blob, key);
+    } else {
+        plain = nimbrelc_utils_run_cipher(log_category, cipher_direction::decrypt,
+                                          EVP_aes_256_cbc(), key.data(), bytes_of(iv),
+                                          blob.substr(std::min(blob.size(), header_size)));
     }
     OPENSSL_cleanse(key.data(), key.size());
     return plain;
@@ -133,7 +94,6 @@ std::optional<std::string> migration_utils_decrypt_string_R8(const char *text,
         LOG_ERROR("Decryption failed");
         return std::nullopt;
     }
-    // Text ends where a terminator stands.
-    plain->resize(plain->find('\0') == std::string::npos ? plain->size() : plain->find('\0'));
+    plain->resize(strlen(plain->c_str()));
     return plain;
 }
