@@ -1,6 +1,6 @@
 #include "config.h"
 
-#include <cstring>
+#include <utility>
 
 #include "common/json_ptr.h"
 #include "logger.h"

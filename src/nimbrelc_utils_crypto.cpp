@@ -9,6 +9,7 @@
 
 #include <cstring>
 #include <memory>
+#include <utility>
 
 #include "logger.h"
 #include "nimbrelc_utils.h"

@@ -76,7 +76,7 @@ TEST_F(nimbrelc_utils, reads_what_was_written) {
     EXPECT_EQ(cmp_file_content(file.c_str(), steps.c_str()), CMP_FILE_EQUAL);
 }
 
-// Each of these once hung, crashed or ended a daemon somewhere.
+// Opened carelessly, each of these hangs or ends the process.
 TEST_F(nimbrelc_utils, refuses_what_is_not_a_plain_file) {
     const std::string fifo = path("fifo");
     ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
@@ -118,7 +118,7 @@ TEST_F(nimbrelc_utils, replaces_a_file_in_one_step) {
     EXPECT_EQ(nimbrelc_utils_read_file(file.c_str()), "one");
 }
 
-// The closing flush is the only step that sees this device being full.
+// Short texts stay in the stream's buffer: only the closing flush sees that there is no room.
 TEST_F(nimbrelc_utils, sees_a_write_that_falls_short) {
     const std::string file = path("file");
     ASSERT_TRUE(safe_dump_string_to_file(file.c_str(), "kept"));

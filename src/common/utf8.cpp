@@ -14,16 +14,16 @@ bool is_continuation(char byte) {
 // Length of the valid sequence at the start of `text` (not empty), 0 when there is none.
 size_t sequence_length(std::string_view text) {
     struct form {
-        unsigned char mask;
-        unsigned char lead;
         size_t length;
         uint32_t smallest;
+        unsigned char mask;
+        unsigned char lead;
     };
     static constexpr form forms[] = {
-        {0x80, 0x00, 1, 0},
-        {0xE0, 0xC0, 2, 0x80},
-        {0xF0, 0xE0, 3, 0x800},
-        {0xF8, 0xF0, 4, 0x10000},
+        {1, 0, 0x80, 0x00},
+        {2, 0x80, 0xE0, 0xC0},
+        {3, 0x800, 0xF0, 0xE0},
+        {4, 0x10000, 0xF8, 0xF0},
     };
 
     const auto first = static_cast<unsigned char>(text[0]);
