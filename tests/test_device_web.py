@@ -71,12 +71,12 @@ def test_list_texts_and_numbers_of_any_kind(gateway):
               f"{{disk_syspath: '/usb', mount_point: '/m', uuid: 'u', label: '{label}', "
               f"capacity: {number}, free: {number}}}"
               for label, number in [("a\\\"b\\\\c\\u0001\\n", "1e20"), ("ü/€", "-5"),
-                                    ("t", "1e15"), ("n", "'12'"), ("d", "0.1"), ("z", "null")])
+                                    ("\\\"t", "1e15"), ("n", "'12'"), ("d", "0.1"), ("z", "null")])
           + "]")
     text = call(gateway, "list")
     data = json.loads(text)["data"]
     assert [entry["label"] for entry in data] == [
-        " ", " ", " ", "a\"b\\c\x01\n", "ü/€", "t", "n", "d", "z"]
+        " ", " ", " ", "a\"b\\c\x01\n", "ü/€", "\"t", "n", "d", "z"]
     assert [entry["type"] for entry in data[:3]] == ["undefined-storage"] * 3
     assert [entry["capacity"] for entry in data[3:]] == [1e20, -5, 1e15, 0, 0.1, 0]
     assert '"label":"a\\"b\\\\c\\u0001\\n"' in text and '"capacity":0.1,' in text

@@ -55,10 +55,10 @@ def test_a_disk_is_shown_with_its_last_partition(gateway):
             ("SD", [True, False, False], SD)]):
         disk = f"/disk{number}"
         gateway.disk_signal("DeviceAttached", device(disk, connection, partitions=len(mounted)))
-        for index, is_mounted in enumerate(mounted):
+        for index, usable in enumerate(mounted):
             # None of them is the disk's last one.
             gateway.disk_signal("PartitionConnected", partition("/other", "/unknown"))
-            gateway.disk_signal("PartitionConnected", partition(f"{disk}/{index}", disk, is_mounted))
+            gateway.disk_signal("PartitionConnected", partition(f"{disk}/{index}", disk, usable))
         expected += [message] if message else []
     assert shown(gateway, 4) == expected
 
