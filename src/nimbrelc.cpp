@@ -14,6 +14,7 @@
 #include "dbus_signals.h"
 #include "device_request_handler.h"
 #include "dlna_manager.h"
+#include "file_services_manager.h"
 #include "file_services_request_handler.h"
 #include "lcd.h"
 #include "logger.h"
@@ -37,6 +38,7 @@ struct service {
 constexpr service services[] = {
     {"removable_devices_manager", removable_devices_manager_start, removable_devices_manager_stop},
     {"device_request_handler", device_request_handler_start, device_request_handler_stop},
+    {"file_services_manager", file_services_manager_start, file_services_manager_stop},
     {"file_services_request_handler", file_services_request_handler_start,
      file_services_request_handler_stop},
     {"dlna_manager", dlna_manager_start, dlna_manager_stop},

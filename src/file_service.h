@@ -1,0 +1,48 @@
+// What a file-sharing service (Samba, AFP, Avahi) offers to the file services manager, and the few
+// operations that all of them need on their configured switch and on their daemons.
+#pragma once
+
+#include <optional>
+
+// Kinds of action that take a daemon some time.
+enum file_service_action : int {
+    FILE_SERVICE_START = 0,
+    FILE_SERVICE_STOP = 1,
+    FILE_SERVICE_RELOAD = 2,
+};
+
+// One service. The operations only begin an action: the daemon needs `time_req_for` seconds (0 for
+// an unknown action) until it shows. Booleans are success unless they answer a question.
+struct file_service {
+    const char *name;  // as shown to users and in the log
+    bool (*start)();
+    bool (*stop)();
+    bool (*reload)();
+    bool (*save_state)(bool enabled);
+    bool (*is_enabled)();
+    bool (*is_running)();
+    int (*time_req_for)(int action);
+};
+
+// Seconds per action.
+struct file_service_times {
+    int start;
+    int stop;
+    int reload;
+};
+
+// The entry of `action`, a file_service_action; 0 for any other value.
+int file_service_time_for(const file_service_times &times, int action);
+
+// The switch at a dotted path of the configuration, exactly: only the boolean true is on.
+bool file_service_is_enabled(const char *enabled_path);
+
+// The switch as starting and reloading see it: a number other than zero is on too.
+bool file_service_is_switched_on(const char *enabled_path);
+
+// Stores the switch and saves the configuration, unless it already has that value. False when the
+// save failed (memory stays changed) or the service has no section in the configuration.
+bool file_service_save_state(const char *enabled_path, bool enabled);
+
+// Whether a supervised daemon is up; nothing when that cannot be determined.
+std::optional<bool> file_service_is_daemon_up(const char *daemon);

@@ -1,0 +1,34 @@
+// What the generated configuration files of Samba and AFP have in common. Values come from disks
+// and settings: no value can add a line or a section to a file, or change what another line means.
+#pragma once
+
+#include <cjson/cJSON.h>
+
+#include <functional>
+#include <string>
+#include <string_view>
+
+// A value as it is written: control characters and a backslash at its end (which would join the
+// next line to it) become "_".
+std::string file_service_written_value(std::string_view value);
+
+// A partition's label as it is written between brackets: also without "]", and never the name of
+// the section that holds the global settings.
+std::string file_service_written_label(const cJSON *partition);
+
+// Two blanks, the key, " = ", the value (in double quotes when it contains a blank), a newline.
+void file_service_write_line(std::string &text, const char *key, std::string_view value);
+
+// One line per {"directive": text, "args": [texts]}: two blanks, the directive, " = ", the
+// arguments joined by blanks. No quoting here.
+void file_service_write_directives(std::string &text, const cJSON *directives);
+
+// A partition is shared when it is mounted.
+bool file_service_is_shared(const cJSON *partition);
+
+// A section per shared partition, in list order; `write_lines` adds the lines below its header.
+void file_service_write_shares(std::string &text, const cJSON *partitions,
+                               const std::function<void(const cJSON *partition)> &write_lines);
+
+// String member of an object, "" when it has none. Borrowed.
+const char *file_service_text(const cJSON *object, const char *name);

@@ -1,0 +1,32 @@
+// Decides when Samba, AFP and Avahi are started, stopped, reconfigured or restarted. Requests
+// become events in a queue per service; three seconds after the last one the queue is reduced to a
+// single action, and after that action the daemon is watched for as long as it needs.
+#pragma once
+
+#include <event2/event.h>
+
+#include "common/json_ptr.h"
+
+// Keeps the loop and listens to partitions coming and going. Always true.
+bool file_services_manager_start(event_base *base);
+
+// Stops the three services at once, past their queues. Always true.
+bool file_services_manager_stop();
+
+// Saves the switch of the service with exactly this display name ("Samba", "AFP", "Avahi") and
+// requests what follows from it. False, with nothing requested, for null, an unknown name, or when
+// the switch cannot be saved.
+bool file_services_manager_change_file_service_state_by_name(const char *name, bool enabled);
+
+// Reconciles all services with the partitions that are present.
+void file_services_manager_update_file_services();
+
+// Requests a restart of every service that is enabled and running.
+void file_services_manager_reload_file_services();
+
+// Requests a stop of every service that is running or about to be started.
+void file_services_manager_stop_file_services();
+
+// {"fileServices": [{"service": display name, "enabled": boolean, "running": boolean}, ...]}, one
+// object per service, always in the same order.
+json_ptr file_services_manager_get_services_status();
