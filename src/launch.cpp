@@ -1,6 +1,8 @@
 #include "launch.h"
 
 #include <fcntl.h>
+#include <poll.h>
+#include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -13,6 +15,7 @@
 #include <utility>
 #include <vector>
 
+#include "common/file_ptr.h"
 #include "logger.h"
 #include "nimbrelc_utils.h"
 
@@ -28,6 +31,67 @@ std::vector<pid_t> abandoned_children;
 void collect_abandoned_children() {
     std::erase_if(abandoned_children,
                   [](pid_t child) { return waitpid(child, nullptr, WNOHANG) != 0; });
+}
+
+// A shell that runs, and what it writes.
+struct shell {
+    pid_t process = -1;
+    file_ptr output;
+};
+
+// popen() in mode "re", but for the process id. False, with errno.
+bool start_shell(const char *command, shell &child) {
+    int ends[2];
+    if (pipe2(ends, O_CLOEXEC) == -1) {
+        return false;
+    }
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_adddup2(&actions, ends[1], STDOUT_FILENO);
+    const char *const argv[] = {"sh", "-c", "--", command, nullptr};
+    const int error = posix_spawn(&child.process, "/bin/sh", &actions, nullptr,
+                                  const_cast<char *const *>(argv), environ);
+    posix_spawn_file_actions_destroy(&actions);
+    close(ends[1]);
+    child.output.reset(fdopen(ends[0], "r"));
+    errno = error;
+    return error == 0;
+}
+
+// Output that nobody wants is dropped while the shell runs: closing the pipe at once would kill a
+// command that says a single line. One that says more than a pipe holds meets the closed pipe, and
+// one that leaves a process behind with the pipe in its hands is not waited for.
+void drop_output(const shell &child) {
+    constexpr size_t pipe_capacity = 65536;
+    constexpr int check_interval_ms = 100;
+    const int descriptor = fileno(child.output.get());
+    char dropped[4096];
+    size_t total = 0;
+    while (total < pipe_capacity) {
+        pollfd waiting = {.fd = descriptor, .events = POLLIN, .revents = 0};
+        const int ready = poll(&waiting, 1, check_interval_ms);
+        if (ready == 0) {
+            siginfo_t ended = {};
+            if (waitid(P_PID, static_cast<id_t>(child.process), &ended,
+                       WEXITED | WNOHANG | WNOWAIT) != 0 ||
+                ended.si_pid != 0) {
+                return;
+            }
+        } else {
+            const ssize_t count = read(descriptor, dropped, sizeof dropped);
+            if (count <= 0) {
+                return;
+            }
+            total += static_cast<size_t>(count);
+        }
+    }
+}
+
+// pclose(): the raw wait status, or -1.
+int end_shell(shell &child) {
+    child.output.reset();
+    int status = -1;
+    return waitpid(child.process, &status, 0) == -1 ? -1 : status;
 }
 
 // Forks and executes; `input` (or no_descriptor) becomes the child's standard input. Gives the
@@ -118,20 +182,22 @@ int launch(const char *command, int *status, std::string *output) {
         return LAUNCH_NO_COMMAND;
     }
     collect_abandoned_children();
-    FILE *stream = popen(command, "re");
-    if (!stream) {
+    shell child;
+    if (!start_shell(command, child)) {
         LOG_ERROR("popen failed: %s", strerror(errno));
         return LAUNCH_SHELL_ERROR;
     }
     std::optional<std::string> text;
     if (output) {
-        text = read_to_buffer(stream);
+        text = read_to_buffer(child.output.get());
         if (!text) {
-            pclose(stream);
+            end_shell(child);
             return LAUNCH_SHELL_ERROR;
         }
+    } else {
+        drop_output(child);
     }
-    const int child_status = pclose(stream);
+    const int child_status = end_shell(child);
     if (child_status == -1) {
         LOG_ERROR("pclose failed: %s", strerror(errno));
         return LAUNCH_SHELL_ERROR;

@@ -52,6 +52,18 @@ protected:
     std::string output = "old";
 };
 
+TEST_F(launcher, output_that_nobody_wants) {
+    EXPECT_EQ(launch("sleep 0.05; echo done || exit 5", &status, nullptr), LAUNCH_OK);
+    EXPECT_EQ(status, 0);
+    EXPECT_EQ(launch("exec yes", &status, nullptr), LAUNCH_SHELL_ERROR);  // more than a pipe holds
+    // A process left behind with the pipe in its hands is not waited for.
+    const std::string mark = testing::TempDir() + "launch_left_behind";
+    std::filesystem::remove(mark);
+    EXPECT_EQ(launch(("(sleep 1; touch " + mark + ") & exit 0").c_str(), &status, nullptr),
+              LAUNCH_OK);
+    EXPECT_FALSE(std::filesystem::exists(mark));
+}
+
 TEST_F(launcher, shell_results) {
     EXPECT_EQ(launch("printf out; exit 3", &status, &output), LAUNCH_OK);
     EXPECT_EQ(WEXITSTATUS(status), 3);
