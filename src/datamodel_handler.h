@@ -1,9 +1,15 @@
-// Shapes of the functions behind a row of the data model. Each answers its request itself.
+// One row of the data model and the shapes of the functions behind it. Getters and setters answer
+// their request themselves, some of them later.
 #pragma once
+
+#include <event2/event.h>
+
+#include <cstdint>
 
 #include "common/msg_bus/message_bus.h"
 
 using datamodel_getter = void (*)(message_bus_request request);
+// `index` is the number in the parameter's name `key`, as it was written there.
 using datamodel_indexed_getter = void (*)(message_bus_request request, uint32_t index,
                                           const char *key);
 // Setters return what the reply operation returned.
@@ -12,3 +18,16 @@ using datamodel_indexed_setter = bool (*)(const message_bus_arg &value, message_
                                           uint32_t index, const char *key);
 // Runs after every SetValue of its row; false means failure.
 using datamodel_after_set = bool (*)(event_base *base);
+
+struct datamodel_handler {
+    const char *name = nullptr;
+    const char *name_format = nullptr;  // scanf pattern with one "%u": a family of parameters
+    const char *config_key = nullptr;   // words between blanks: a path in the configuration
+    datamodel_getter get = nullptr;
+    datamodel_indexed_getter get_indexed = nullptr;
+    datamodel_setter set = nullptr;
+    datamodel_indexed_setter set_indexed = nullptr;
+    datamodel_after_set after_set = nullptr;
+    int32_t reply_type = 0;        // of a number from the configuration; 0 is MB_ARG_INT32
+    bool config_writable = false;  // SetValue may write `config_key`
+};

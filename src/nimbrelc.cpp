@@ -11,6 +11,7 @@
 #include "backup.h"
 #include "common/msg_bus/message_bus.h"
 #include "config.h"
+#include "datamodel.h"
 #include "dbus_signals.h"
 #include "device_request_handler.h"
 #include "dlna_manager.h"
@@ -19,6 +20,7 @@
 #include "lcd.h"
 #include "logger.h"
 #include "removable_devices_manager.h"
+#include "segfault.h"
 #include "ssh.h"
 #include "syslog_utils.h"
 #include "upgrade_config.h"
@@ -42,11 +44,13 @@ constexpr service services[] = {
     {"file_services_request_handler", file_services_request_handler_start,
      file_services_request_handler_stop},
     {"dlna_manager", dlna_manager_start, dlna_manager_stop},
+    {"datamodel", datamodel_start, datamodel_stop},
     {"backup", backup_start, backup_stop},
     {"ssh", ssh_start, ssh_stop},
     {"vpn", vpn_start, vpn_stop},
     {"upgrade_config", upgrade_config_start, upgrade_config_stop},
     {"lcd", lcd_start, lcd_stop},
+    {"segfault", segfault_start, segfault_stop},
     {"dbus_signals", dbus_signals_start, dbus_signals_stop},
     {"app_info", app_info_start, app_info_stop},
 };

@@ -1,0 +1,253 @@
+"""The management agent's parameters: values from the configuration, from the box and from peers."""
+import json
+
+import pytest
+
+from box import NoReply, i, u
+
+DEVICE = "Device.X_KELVANTO-COM_DeviceManagement."
+SYSLOG = DEVICE + "Syslog."
+STATE = DEVICE + "ProvisioningState"
+STORAGE = "Device.StorageService.1."
+BUS = ("/com/kelvanto/nimbrel", "com.kelvanto.nimbrel.datamodel")
+
+
+@pytest.fixture
+def gateway(box):
+    box.start_daemon()
+    return box
+
+
+def get(box, key):
+    """The value with its type, as dbus-send prints it; "" for an empty reply."""
+    return box.run(["dbus-send", "--system", "--print-reply=literal", "--dest=com.kelvanto.nimbrel", BUS[0],
+                    BUS[1] + ".GetValue", "string:" + key]).stdout.strip()
+
+
+def set_value(box, key, value):
+    return box.data_model("SetValue", key, value) == (True,)
+
+
+def object_at(box, key):
+    (text,) = box.data_model("GetObject", key)
+    return json.loads(text)
+
+
+@pytest.mark.sanitize
+def test_values_of_the_configuration(box):
+    def change(config):
+        config["cpeDevice"]["deviceInfo"]["provisioningCode"] = 'a "code" % ü'
+        config["segfault"]["firmwareVersion"] = "08.05.09"
+        config["segfault"]["count"] = 5000000000
+        config["upgradeConfig"]["minimumFirmwareVersion"] = -7
+        config["upgradeConfig"]["developmentBuildsAllowed"] = ["a list"]
+        del config["upgradeConfig"]["firmwareValidationEnabled"]
+        config["deviceManagement"] = 5
+    box.edit_config(change)
+    box.start_daemon()
+    box.wait_log("Cannot find ProvisioningState configuration")
+    box.wait_log("Cannot start service [datamodel]")
+
+    assert get(box, "Device.DeviceInfo.SoftwareVersion") == "08.05.09"
+    assert get(box, "Device.DeviceInfo.ProvisioningCode") == 'a "code" % ü'
+    assert box.data_model("GetValue", "Device.DeviceInfo.FirstUseDate") == ("",)
+    assert get(box, DEVICE + "Storage.CentralStorageEnabled") == "boolean true"
+    assert get(box, SYSLOG + "NumberOfFiles") == "uint32 5"
+    assert get(box, SYSLOG + "Persistent") == "boolean false"
+    assert get(box, DEVICE + "MinimumFWVersion") == "int32 -7"
+    assert get(box, DEVICE + "Debug.Segfault.Count") == "uint32 2147483647"
+
+    for key in [DEVICE + "DevelopmentBuildsAllowed", DEVICE + "FWUpgradeValidation", STATE,
+                STORAGE + "PhysicalMedium.1", "", "%s%n", "Device.LAN.IPAddress ", "x" * 100000]:
+        assert box.data_model("GetValue", key) == ()
+    for line in ["Cannot handle config type 5 in request for config value at key "
+                 " upgradeConfig developmentBuildsAllowed",
+                 "Cannot find object for key  upgradeConfig firmwareValidationEnabled",
+                 f"Failed to get value for key {STORAGE}PhysicalMedium.1: handler not found"]:
+        box.wait_log(line)
+
+    for bad in [(), ("a", "b"), (u(1),), (("as", ["a"]),)]:
+        assert box.call(*BUS, "GetValue", *bad) == box.call(*BUS, "GetObject", *bad) == ()
+    for bad in [(), (SYSLOG + "MaxFileSize",), (u(1), u(2)), (SYSLOG + "MaxFileSize", u(1), u(2))]:
+        assert box.call(*BUS, "SetValue", *bad) == (False,)
+    # Values of the configuration are no objects.
+    assert box.data_model("GetObject", SYSLOG + "MaxFileSize") == ()
+    assert box.config()["syslog"]["maxFileSize"] == 512
+
+
+@pytest.mark.sanitize
+def test_writing_the_configuration(gateway):
+    box = gateway
+    assert set_value(box, SYSLOG + "NumberOfFiles", u(7))
+    assert get(box, SYSLOG + "NumberOfFiles") == "uint32 7"  # asked for once the hook has run
+    assert box.read("/media/s6log.opts") == "s524288 n7 /var/log/syslog"
+    # A signed number is read as unsigned; the integer copy, which everybody reads, saturates.
+    assert set_value(box, SYSLOG + "NumberOfFiles", i(-1))
+    assert box.config()["syslog"]["numberOfFiles"] == 4294967295
+    assert get(box, SYSLOG + "NumberOfFiles") == "uint32 2147483647"
+    box.wait_log(f"Failed to apply value for key {SYSLOG}NumberOfFiles")
+    assert set_value(box, SYSLOG + "NumberOfFiles", i(9))
+
+    texts = ['', 'x', 'a"b\\c\n[x]\x01ü', '{"a": 1}', "%s", "y" * 50000]
+    for text in texts:
+        assert set_value(box, "Device.DeviceInfo.ProvisioningCode", text)
+        assert box.data_model("GetValue", "Device.DeviceInfo.ProvisioningCode") == (text,)
+    assert set_value(box, DEVICE + "DevelopmentBuildsAllowed", True)
+    expected = box.config()
+    assert expected["cpeDevice"]["deviceInfo"]["provisioningCode"] == texts[-1]
+    assert expected["upgradeConfig"]["developmentBuildsAllowed"] is True
+    assert list(expected["syslog"]) == ["numberOfFiles", "maxFileSize", "persistent",
+                                        "activationDuration", "activationDate"]
+
+    applied = box.log().count("syslogd-log already run with the right options")
+    for key, value in [(SYSLOG + "NumberOfFiles", "7"), (SYSLOG + "NumberOfFiles", True),
+                       (SYSLOG + "NumberOfFiles", ("x", 7)), (SYSLOG + "Persistent", u(1)),
+                       (SYSLOG + "Persistent", ("v", ("b", True))),
+                       ("Device.DeviceInfo.ProvisioningCode", u(1))]:
+        assert not set_value(box, key, value)
+    # Kept: the hook runs after a refused value too.
+    box.wait_log("syslogd-log already run with the right options", count=applied + 5)
+    for key in ["Device.DeviceInfo.SoftwareVersion", DEVICE + "Storage.PasswordProtectionEnabled",
+                DEVICE + "Storage.CentralStorageEnabled", SYSLOG + "PersistentLogActivationDate",
+                DEVICE + "Debug.Segfault.Count", STORAGE + "PhysicalMedium.1", "Device.LAN.IPAddress"]:
+        assert not set_value(box, key, "x")
+        box.wait_log(f"Failed to get value for key {key}: handler callback not found")
+    assert not set_value(box, "Device.Nothing", "x")
+    assert box.config() == expected
+
+    # A change that cannot be saved is answered false; memory keeps it.
+    box.run(["mkdir", "-p", "/media/nimbrelc.json.tmp/full"])
+    assert not set_value(box, DEVICE + "MinimumFWVersion", "08")
+    assert get(box, DEVICE + "MinimumFWVersion") == "08"
+    assert box.config() == expected
+
+
+def test_values_of_the_box(gateway):
+    box = gateway
+    kind, seconds = get(box, "Device.DeviceInfo.UpTime").split()
+    assert kind == "uint32" and abs(int(seconds) - float(box.read("/proc/uptime").split()[0])) < 3
+    assert get(box, "Device.LAN.IPAddress") == "192.168.1.1"
+    assert get(box, "Device.LAN.MACAddress") == "02:00:5e:10:00:01"
+    assert box.data_model("GetObject", "Device.LAN.IPAddress") == ("192.168.1.1",)
+    box.run(["ip", "link", "del", "eth1"])
+    assert get(box, "Device.LAN.IPAddress") == "0.0.0.0"
+    assert box.data_model("GetValue", "Device.LAN.MACAddress") == ("",)
+    box.wait_log("Failed to get local IP address")
+    box.wait_log("Failed to get MAC address")
+
+
+@pytest.mark.sanitize
+def test_values_of_peers(gateway):
+    box = gateway
+    hardware, disks = box.peer("hardware"), box.peer("ddm")
+    bootloader, sleep = DEVICE + "BootloaderVersion", DEVICE + "Storage.DiskSleepEnabled"
+    assert get(box, bootloader) == "bootloader 3.4"
+    for wrong in [(), ("a", "b"), ("a", "b", u(3)), ("a", "b", "c", "d")]:
+        hardware.answer("HardwareInfoRequest", *wrong)
+        assert box.data_model("GetValue", bootloader) == ()
+    hardware.fail("HardwareInfoRequest")
+    assert box.data_model("GetValue", bootloader) == ()
+    hardware.leave()
+    assert box.data_model("GetValue", bootloader) == ()
+
+    assert get(box, sleep) == "boolean false"
+    disks.answer("SetDiskSleepEnabled", False)
+    assert box.data_model("SetValue", sleep, True) == (False,)
+    assert disks.calls("SetDiskSleepEnabled") == [("SetDiskSleepEnabled", True)]
+    assert box.data_model("SetValue", sleep, u(1)) == (False,)
+    assert len(disks.calls("SetDiskSleepEnabled")) == 1
+    for wrong in [(), (u(1),), (True, True)]:
+        disks.answer("SetDiskSleepEnabled", *wrong)
+        assert box.data_model("SetValue", sleep, False) == ()
+
+    # Others are served while one waits; a caller that has gone takes nothing down.
+    disks.delay("IsDiskSleepEnabled", 1)
+    with pytest.raises(NoReply):
+        box.data_model("GetValue", sleep, timeout=0.2)
+    assert get(box, "Device.DeviceInfo.SoftwareVersion") == "08.05.09"
+    assert get(box, sleep) == "boolean false"
+
+
+def test_provisioning_state(gateway):
+    box, agent = gateway, gateway.peer("agent")
+    assert agent.wait_calls("set") == [("set", {"ProvisioningState": "UNPROVISIONED"})]
+    box.wait_log("Service [datamodel] successfully started")
+    agent.clear()
+    states = ["PROVISIONED", 'a"b', "$(touch /tmp/a)`touch /tmp/b`$HOME", "a\\", "%s%n %d", "two\nlines;",
+              "it's > /tmp/c & 'x"]
+    for number, state in enumerate(states, 1):
+        assert set_value(box, STATE, state)
+        assert agent.wait_calls("set", number)[-1] == ("set", {"ProvisioningState": state})
+        assert box.config()["deviceManagement"]["provisioningState"] == state
+    assert not any(box.exists("/tmp/" + name) for name in "abc")
+    for bad in ["", u(1), True]:
+        assert not set_value(box, STATE, bad)
+    box.wait_log("Invalid ProvisioningState, ignoring", count=3)
+    # The agent's own failure changes nothing about the value.
+    agent.fail("set")
+    assert set_value(box, STATE, "last")
+    assert get(box, STATE) == "last"
+    box.run(["mkdir", "-p", "/media/nimbrelc.json.tmp/full"])
+    calls = len(agent.calls("set"))
+    assert not set_value(box, STATE, "unsaved")
+    assert get(box, STATE) == "unsaved" and len(agent.calls("set")) == calls
+
+
+@pytest.mark.sanitize
+def test_storage(gateway):
+    box, disks = gateway, gateway.peer("ddm")
+    counts = {STORAGE + "PhysicalMediumNumberOfEntries": "uint32",
+              STORAGE + "LogicalVolumeNumberOfEntries": "uint32",
+              DEVICE + "Storage.USBStorageDevicesCount": "int32",
+              DEVICE + "Storage.SDCardPresent": "boolean"}
+
+    def summary():
+        return [get(box, key) for key in counts]
+    assert summary() == ["uint32 0", "uint32 0", "int32 0", "boolean false"]
+    box.plug("sda", partitions=[{"label": "Photos", "type": "ntfs"}, {"mount_point": None}, {}])
+    box.plug("printer", device_type="PRINTER")
+    assert summary() == ["uint32 2", "uint32 2", "int32 1", "boolean false"]
+    box.plug("mmc", kind="SD")
+    assert summary() == ["uint32 3", "uint32 3", "int32 1", "boolean true"]
+
+    assert object_at(box, STORAGE + "PhysicalMedium.3.Vendor") == {
+        "Name": "Acme Stick", "Vendor": "Acme", "Model": "Stick", "SerialNumber": "serial-mmc",
+        "ConnectionType": "SD", "Removable": True, "Status": "Online", "Capacity": 976}
+    assert object_at(box, STORAGE + "LogicalVolume.1")["FileSystem"] == "NTFS"
+    assert object_at(box, STORAGE + "LogicalVolume.2")["Name"] == "sda3"
+    assert (object_at(box, STORAGE + "LogicalVolume.3")["PhysicalReference"]
+            == STORAGE + "PhysicalMedium.3.")
+    indexed = [STORAGE + "PhysicalMedium.1", STORAGE + "LogicalVolume.1"]
+    for key in [STORAGE + "PhysicalMedium.0", STORAGE + "LogicalVolume.4", STORAGE + "PhysicalMedium.-1"]:
+        assert box.data_model("GetObject", key) == ()
+    for line in ["physical_medium_getter: invalid index -1", "logical_volume_getter: invalid index 3",
+                 "physical_medium_getter: invalid index -2", "read_devices_and_partitions: callback error"]:
+        box.wait_log(line)
+
+    for key, value in [(indexed[1] + ".Name", "Photos"), (indexed[1] + ".Name", ""), (indexed[1], "x"),
+                       (indexed[1] + ".Name", u(1))]:
+        assert not set_value(box, key, value)
+    box.wait_log(f"logical_volume_name_setter: failed to set value of parameter {indexed[1]}.Name", count=2)
+    assert box.log().count("logical_volume_name_setter: not supported") == 1
+
+    # Whatever the disk daemon answers, the caller gets an empty reply.
+    def all_empty():
+        return (all(box.data_model("GetValue", key) == () for key in counts) and
+                all(box.data_model("GetObject", key) == () for key in indexed))
+    for wrong in [(), (u(1),), ("[]", "[]"), ("{a: 'b'}",), ("nonsense: [",), ("",)]:
+        disks.answer("DeviceList", *wrong)
+        disks.answer("PartitionList", *wrong)
+        assert all_empty()
+    disks.fail("DeviceList")
+    disks.fail("PartitionList")
+    assert all_empty()
+    disks.clear()
+    disks.fail("PartitionList")
+    assert [box.data_model("GetObject", key) for key in indexed] == [(), ()]
+    box.wait_log("read_devices_and_partitions: removable_partitions_list wrong out arg")
+    box.wait_log("sd_card_present_getter: cannot convert to json")
+    disks.clear()
+    disks.answer("DeviceList", "[null,7,'x',{device_type: 5}]")
+    disks.answer("PartitionList", "[[],{mount_point: true},{mount_point: '/m'}]")
+    assert summary() == ["uint32 4", "uint32 1", "int32 0", "boolean false"]
+    assert box.data_model("GetObject", indexed[1]) == ()

@@ -1,0 +1,93 @@
+"""The record of crashed processes."""
+import json
+import re
+import time
+
+import pytest
+
+from box import u
+
+PREFIX = "Device.X_KELVANTO-COM_DeviceManagement.Debug.Segfault."
+EMPTY = {"time": None, "processName": None}
+
+
+def add(box, *args):
+    return box.call("/debug/segfault", "com.kelvanto.nimbrel.debug.segfault", "AddDump", *args)
+
+
+def get(box, name):
+    (value,) = box.data_model("GetValue", PREFIX + name)
+    return value
+
+
+def record(box):
+    return box.config()["segfault"]
+
+
+def names(box):
+    return [slot["processName"] for slot in record(box)["dumps"]]
+
+
+def start(box, **members):
+    box.edit_config(lambda config: config["segfault"].update(members))
+    box.start_daemon()
+
+
+@pytest.mark.sanitize
+def test_crashes_are_recorded(box):
+    start(box, count=7, lastTimestamp="x", firmwareVersion=None,
+          dumps=[{"time": "t", "processName": "old", "more": 1}, EMPTY, {"time": 5}])
+    # Nothing says which firmware the record is of: it is reset, the slots stay.
+    box.wait_log("Service [segfault] successfully started")
+    assert record(box) == {"count": 0, "lastTimestamp": None, "firmwareVersion": "08.05.09",
+                           "dumps": [{**EMPTY, "more": 1}, EMPTY, {"time": None}]}
+    assert get(box, "Count") == 0 and get(box, "LastTimeStamp") == "" and get(box, "DumpNumberOfEntries") == 3
+    assert json.loads(box.data_model("GetObject", PREFIX + "Dump.1")[0]) == {"Time": "", "ProcessName": ""}
+
+    before = time.strftime("%Y-%m-%dT%H:%M:%SZ")
+    for name in ["a", "b", "", 'd" \\ $(x)\n%s']:
+        assert add(box, name) == ()
+    assert names(box) == ['d" \\ $(x)\n%s', "", "b"]
+    stamp = record(box)["dumps"][0]["time"]
+    assert stamp >= before and re.fullmatch(r"\d{4}-\d\d-\d\dT\d\d:\d\d:\d\dZ", stamp)
+    assert get(box, "Count") == 4 and get(box, "LastTimeStamp") == stamp
+    # One line, in this order of members.
+    assert box.data_model("GetObject", PREFIX + "Dump.1") == (
+        '{"Time":"' + stamp + '","ProcessName":"d\\" \\\\ $(x)\\n%s"}',)
+
+    kept = record(box)
+    for bad in [(), ("a", "b"), (u(1),), (("as", ["a"]),)]:
+        assert add(box, *bad) == ()
+    for number in ["0", "4", "-1", "2147483649"]:
+        assert box.data_model("GetObject", PREFIX + "Dump." + number) == ()
+    box.wait_log("segfault_dump_getter: invalid index -1")
+    assert record(box) == kept
+
+    # The same firmware keeps the record, another one resets it.
+    box.stop_daemon()
+    start(box)
+    assert record(box) == kept
+    box.stop_daemon()
+    box.write("/etc/version", "08.06.00\n", owner="root")
+    start(box)
+    box.wait_log("Services started successfully", count=3)
+    assert record(box)["count"] == 0 and names(box) == [None] * 3
+
+
+@pytest.mark.sanitize
+@pytest.mark.parametrize("section", [
+    None, "text", {}, {"count": None, "dumps": []}, {"count": 1, "dumps": {"a": EMPTY}},
+    {"dumps": [None, 1, []], "lastTimestamp": 0},
+])
+def test_damaged_records(box, section):
+    box.edit_config(lambda config: config.update(segfault=section))
+    box.start_daemon()
+    box.wait_log("Service [segfault] successfully started")
+    assert add(box, "a") == add(box, "b") == ()
+    for number in range(3):
+        assert len(box.data_model("GetObject", f"{PREFIX}Dump.{number}")) in (0, 1)
+    kept = record(box)
+    # What the document lacks is not added.
+    assert type(kept) is type(section) and set(kept or ()) == set(section or ())
+    if type(section) is dict and isinstance(section.get("dumps"), list):
+        assert len(kept["dumps"]) == len(section["dumps"])
