@@ -89,6 +89,9 @@ def test_a_passed_deadline(box):
     else:
         box.wait_log("SSH stopped")
         assert ran(box)[1:] == [SET, START, DELETE]
+        # Seconds beyond 31 bits count as negative: the timer fires at once here too.
+        assert restart(box, enable=True, activationDuration=4294967295)[1:3] == [SET, START]
+        wait_until(lambda: section(box)["activationDate"] is None, 5, "the end of the activation")
 
 
 def test_disabled_at_start(box):
@@ -96,6 +99,21 @@ def test_disabled_at_start(box):
     assert ran(box) == [["set_auth_key.sh", ""]] + (
         [STOP, DELETE] if box.flavour == "release" else [DELETE, START])
     assert (section(box)["activationDate"] is None) == (box.flavour == "release")
+
+
+def test_a_restore_restarts_the_daemon_but_not_the_activation(box):
+    start(box, enable=True)
+    date = section(box)["activationDate"]
+    box.call("/backup", "com.kelvanto.nimbrel.backup", "store", "/tmp/backup")
+    first = len(box.commands())
+    assert box.call("/backup", "com.kelvanto.nimbrel.backup", "restore", "/tmp/backup") == (True,)
+    box.wait_log("Services started successfully", count=2)
+    assert ran(box, first) == [STOP] * (box.flavour == "release") + [
+        DELETE, ["set_auth_key.sh", ""], SET, START]
+    assert (section(box)["enable"], section(box)["activationDate"]) == (True, date)
+    vpn = [argv[-2:] for argv in box.commands()[first:] if "ipsec" in argv or argv[0].endswith("ctl")]
+    word = "release" if box.flavour == "release" else "debug"
+    assert vpn[:3] == [["change", "ipsec"], ["stop", word], ["stop", word]]
 
 
 @pytest.mark.sanitize
