@@ -419,8 +419,9 @@ void set_last_connection_details(const char *end_date, uint32_t seconds) {
         LOG_ERROR("Invalid  end date");
         return;
     }
+    const uint32_t minutes = seconds / 60;
     store(last_connect_timestamp_path, cJSON_CreateString(end_date));
-    store(last_connection_duration_path, cJSON_CreateNumber(seconds / 60));
+    store(last_connection_duration_path, cJSON_CreateNumber(minutes));
     if (!nimbrelc_config_save()) {
         LOG_ERROR("set_last_connection failed");
     }

@@ -1,0 +1,29 @@
+"""Signals of other services: a new WAN address, a firmware upgrade."""
+
+
+def test_a_new_address(box):
+    box.start_daemon()
+    box.wait_log("Services started successfully")
+    box.script("updateConfig.sh", code=3)
+    box.script("delete_port_forwarding.sh", code=1)
+    first = len(box.commands())
+    box.signal("com.kelvanto.systemcalls", "IPAddressChanged", "10.0.0.1")
+    box.wait_log("ip_address_changed_callback doesn't accept arguments")
+    assert box.commands()[first:] == []
+    box.signal("com.kelvanto.systemcalls", "IPAddressChanged")
+    box.wait_log("Failed to update ssh port forwarding")
+    box.wait_log("updateConfig.sh exited with status: 3")
+    box.wait_log("Failed to restart VPN")
+    names = [argv[0].split("/")[-1] for argv in box.commands()[first:]]
+    assert names == ["s6-rc", "s6-rc", "firewallctl", "updateConfig.sh", "delete_port_forwarding.sh"]
+
+
+def test_an_upgrade_is_shown(box):
+    box.start_daemon()
+    lcd = box.peer("lcd")
+    box.signal("com.kelvanto.nimbrel.upgrade", "ShowUpgradeMessage", "ignored")
+    ((_, texts, *_),) = lcd.wait_calls("addEvent")
+    assert "upgrade" in texts.lower()
+    box.wait_log("Services started successfully")
+    box.signal("com.kelvanto.nimbrel.upgrade", "HideUpgradeMessage")
+    lcd.wait_calls("clearEvent")
