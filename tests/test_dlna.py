@@ -1,0 +1,98 @@
+"""What the media server is told, and when."""
+import json
+import os
+import time
+
+import pytest
+
+from box import NoReply
+
+STREAMING = ("/ws/dlna", "com.kelvanto.nimbrel.dlna")
+SWITCH = ("/ws/centralstorage", "com.kelvanto.nimbrel.centralstorage")
+
+DONE = {"status": 200}
+FAILED = {"status": 500, "error": "Error saving configuration"}
+DELIVERED = "DMS manager configuration delivered successfully"
+NOT_READY = "DMS manager not ready, scheduling reconfiguration"
+
+
+def set_streaming(box, wanted):
+    return json.loads(box.call(*STREAMING, "setMediaStreamingState", wanted)[0])
+
+
+def told(box, count):
+    """What the media server was told, once that is `count` states."""
+    return [call[1] for call in box.peer("dlna").wait_calls("DmsStreamingState", count)]
+
+
+@pytest.mark.sanitize
+def test_streaming_follows_both_switches(box):
+    box.start_daemon()
+    assert told(box, 1) == [True]
+    assert set_streaming(box, True) == FAILED  # it is on already
+    box.wait_log("Media streaming configuration has not been changed")
+    box.wait_log(DELIVERED)
+    assert set_streaming(box, False) == DONE
+    assert told(box, 2) == [True, False]
+    box.call(*SWITCH, "SetState", False)
+    assert set_streaming(box, True) == DONE
+    box.wait_log("Media streaming state changed but central storage is off, no need to notify DMS")
+    assert box.call(*STREAMING, "getMediaStreamingState") == (
+        '{"status":200,"data":{"mediaStreamingEnabled":true}}',)
+    assert box.config()["dlna"] == {"mediaStreamingEnabled": True}
+    box.call(*SWITCH, "SetState", True)
+    assert told(box, 3) == [True, False, True]
+    box.wait_log(DELIVERED, count=3)
+
+    os.makedirs(box.path("/media/nimbrelc.json.tmp/in the way"))
+    assert set_streaming(box, False) == FAILED
+    box.wait_log("Error saving media streaming configuration")
+    with pytest.raises(NoReply):
+        box.call(*STREAMING, "setMediaStreamingState", "on", timeout=0.3)
+    assert len(told(box, 3)) == 3
+
+
+def test_nothing_is_told_where_streaming_is_not_wanted(box):
+    box.edit_config(lambda config: config["dlna"].update(mediaStreamingEnabled=False))
+    box.start_daemon()
+    box.call(*SWITCH, "SetState", False)
+    box.call(*SWITCH, "SetState", True)
+    assert box.peer("dlna").calls() == []
+
+
+def test_changes_wait_for_the_reply(box):
+    dlna = box.peer("dlna")
+    dlna.delay("DmsStreamingState", 1)
+    box.start_daemon()
+    assert told(box, 1) == [True]
+    for wanted in (False, True, False):
+        assert set_streaming(box, wanted) == DONE
+    assert told(box, 1) == [True]
+    assert told(box, 2) == [True, False]
+    for wanted in (True, False):  # the last wish is what is on its way
+        set_streaming(box, wanted)
+    box.wait_log(DELIVERED, count=2)
+    assert told(box, 2) == [True, False]
+
+
+def test_a_server_that_is_not_ready_is_asked_every_five_seconds(box):
+    dlna = box.peer("dlna")
+    dlna.answer("DmsStreamingState", False)
+    box.start_daemon()
+    told(box, 1)
+    started = time.monotonic()
+    box.wait_log(NOT_READY)
+    dlna.fail("DmsStreamingState")
+    assert told(box, 2) == [True, True]
+    assert 4.5 < time.monotonic() - started < 6.5
+    dlna.answer("DmsStreamingState", "true")  # no boolean
+    assert told(box, 3) == [True] * 3
+    assert 9.5 < time.monotonic() - started < 12
+    box.wait_log(NOT_READY, count=3)
+    dlna.answer("DmsStreamingState", True)
+    # A new state goes out at once, and the timer that runs repeats it once.
+    set_streaming(box, False)
+    assert told(box, 4)[3:] == [False]
+    assert time.monotonic() - started < 14
+    assert told(box, 5)[3:] == [False, False]
+    box.wait_log(DELIVERED, count=2)

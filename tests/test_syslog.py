@@ -1,0 +1,148 @@
+"""The options of the log service, and persistent logging that ends by itself."""
+import os
+from datetime import datetime, timedelta
+
+import pytest
+
+from box import i, u, wait_until
+
+OPTIONS = "/media/s6log.opts"
+PLAIN = "s524288 n5 /var/log/syslog"
+PERSISTENT = "s524288 n5 /media/syslog"
+KEY = "Device.X_KELVANTO-COM_DeviceManagement.Syslog."
+
+SETUP_FAILED = "Failed to setup persistent logging"
+BAD_VALUES = "Bad configuration. Some fields have bad values."
+STOPPED = "Persistent logging stopped"
+
+
+def configure(box, **members):
+    box.edit_config(lambda config: config["syslog"].update(members))
+
+
+def activated(seconds_ago):
+    return (datetime.now() - timedelta(seconds=seconds_ago)).strftime("%FT%TZ")
+
+
+def log_path(box):
+    (path,) = box.call("/com/kelvanto/nimbrel", "com.kelvanto.nimbrel.syslog", "GetCurrentLogPath")
+    return path
+
+
+def set_value(box, member, value):
+    """Sets a parameter; back when it was applied too, which comes after the answer."""
+    assert box.data_model("SetValue", KEY + member, value) == (True,)
+    log_path(box)
+
+
+def restarts(box):
+    return sum("syslogd-log" in command and "-d" in command for command in box.sudo())
+
+
+def start_fails(box, *texts):
+    """Starts the daemon, which gives up with these lines in the log."""
+    known = len(box.log())
+    box.start_daemon(wait=False)
+    wait_until(lambda: "Failed to configure syslogd" in box.log()[known:], 10, "the start fails")
+    box.stop_daemon()
+    for text in texts:
+        assert text in box.log()[known:]
+
+
+def test_the_options_follow_the_configuration(box):
+    box.start_daemon()
+    assert box.read(OPTIONS) == PLAIN
+    assert restarts(box) == 1
+    assert log_path(box) == "/var/log/syslog"
+    written = os.stat(box.path(OPTIONS)).st_ino
+    box.stop_daemon()
+    box.start_daemon()
+    box.wait_log("syslogd-log already run with the right options")
+    assert os.stat(box.path(OPTIONS)).st_ino == written  # a write is a new file
+    assert restarts(box) == 1
+
+    set_value(box, "NumberOfFiles", u(99))
+    set_value(box, "MaxFileSize", u(4000000))  # more bytes than 32 bits can tell
+    assert box.read(OPTIONS) == "s4096000000 n99 /var/log/syslog"
+    # A bad value is stored, and not applied.
+    for member, value in [("NumberOfFiles", i(-1)), ("NumberOfFiles", u(100)), ("NumberOfFiles", u(0))]:
+        set_value(box, member, value)
+    box.wait_log(BAD_VALUES, count=3)
+    assert box.read(OPTIONS) == "s4096000000 n99 /var/log/syslog"
+    set_value(box, "NumberOfFiles", u(1))
+    assert box.read(OPTIONS) == "s4096000000 n1 /var/log/syslog"
+
+
+def test_a_bad_section_ends_the_start(box):
+    for members in ({"numberOfFiles": "5"}, {"maxFileSize": 0}, {"maxFileSize": None},
+                    {"activationDuration": True}):
+        configure(box, **members)
+        start_fails(box, BAD_VALUES)
+        configure(box, numberOfFiles=5, maxFileSize=512, activationDuration=30)
+    for date in ("yesterday", "", 7):
+        configure(box, persistent=True, activationDate=date)
+        start_fails(box, "strptime failed to parse the date: ", "Failed to set persistent logs timer",
+                    SETUP_FAILED)
+    box.edit_config(lambda config: config["syslog"].pop("activationDate"))
+    start_fails(box, "Bad configuration. One of the fields is not present")
+    box.edit_config(lambda config: config.update(syslog=[]))
+    start_fails(box, "Bad configuration. One of the fields is not present")
+    assert not box.exists(OPTIONS)
+
+
+def test_an_options_file_that_cannot_be_used_ends_the_start(box):
+    box.write(OPTIONS, PLAIN, mode=0o600, owner="root")
+    start_fails(box, "Failed to compare the files", "Failed to reconfigure syslogd-log")
+    assert restarts(box) == 0
+    box.write(OPTIONS, "other")
+    os.makedirs(box.path(OPTIONS + ".tmp/in the way"))
+    start_fails(box, "Failed to write syslog opts file")
+    assert box.read(OPTIONS) == "other"
+
+
+@pytest.mark.sanitize
+def test_persistent_logging_ends_by_itself(box):
+    configure(box, activationDuration=1)
+    box.start_daemon()
+    set_value(box, "Persistent", True)
+    box.wait_log("Starting timer to stop persistent logging in 60 sec.")
+    stored = box.config()["syslog"]
+    age = datetime.now() - datetime.strptime(stored["activationDate"], "%Y-%m-%dT%H:%M:%SZ")
+    assert stored["persistent"] and timedelta() <= age < timedelta(seconds=10)
+    assert box.read(OPTIONS) == PERSISTENT
+    assert log_path(box) == "/media/syslog"
+
+    # A restart within the period goes on with what is left of it.
+    box.stop_daemon()
+    configure(box, activationDate=activated(55))
+    box.start_daemon()
+    box.wait_log("Continuing persistent logging for next ")
+    box.wait_log(STOPPED)
+    stored = box.config()["syslog"]
+    assert (stored["persistent"], stored["activationDate"]) == (False, None)
+    assert box.read(OPTIONS) == PLAIN
+    assert log_path(box) == "/var/log/syslog"
+    assert "Failed to remove the timer" not in box.log()
+
+    # A period that ended while the daemon was down.
+    box.stop_daemon()
+    configure(box, persistent=True, activationDate=activated(61))
+    box.write(OPTIONS, PERSISTENT)
+    box.start_daemon()
+    assert box.config()["syslog"] == stored
+    assert box.read(OPTIONS) == PLAIN
+
+
+@pytest.mark.sanitize
+def test_every_timer_fires_and_the_first_one_ends_the_logging(box):
+    configure(box, persistent=True, activationDuration=1, activationDate=activated(55))
+    box.start_daemon()
+    set_value(box, "NumberOfFiles", u(6))
+    set_value(box, "NumberOfFiles", u(7))
+    box.wait_log("Starting timer to stop persistent logging", count=3)
+    box.wait_log(STOPPED)
+    # The first one cancelled the third; the second found none left.
+    box.wait_log("Stopping persistent logging...", count=2)
+    box.wait_log("Failed to remove the timer: ")
+    assert box.log().count(STOPPED) == 1
+    assert box.read(OPTIONS) == "s524288 n7 /var/log/syslog"
