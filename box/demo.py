@@ -68,7 +68,7 @@ def start(box, line):
 
 def plug(box, line):
     line.event(f"A USB disk is plugged in: partition 1 is mounted as {LABEL!r}, partition 2 is not mountable.")
-    box.plug(DISK, partitions=[{"label": LABEL, "files": FILES}, {"mount_point": None, "type": "hfs"}])
+    box.plug(DISK, partitions=[{"label": LABEL, "type": "ntfs", "files": FILES}, {"mount_point": None, "type": "hfs"}])
     plugged = line.now()
     event = box.peer("lcd").wait_calls("addEvent")[0]
     texts = {text["Language"]: text["Description"] for text in json.loads(event[1])}
@@ -129,6 +129,11 @@ def pull(box, line):
     line.seen(smbclient(box, LABEL, "-U", f"{USER}%{PASSWORD}").returncode != 0, "the share is gone")
 
 
+def forwarding(box):
+    """The arguments of each call of the script that forwards a port."""
+    return [command[1:] for command in box.commands() if command[0].endswith("/set_port_forwarding.sh")]
+
+
 def ssh(box, line):
     line.event("The agent opens SSH for a support engineer: her key, then the switch.")
     box.run(["dropbearkey", "-t", "ed25519", "-f", "/tmp/key"])
@@ -137,8 +142,8 @@ def ssh(box, line):
     for parameter, value in (("SSH.AuthorizedKey", key), ("SSH.Enable", True)):
         (done,) = box.data_model("SetValue", MAKER + parameter, value)
         line.seen(done, f"{parameter} = {value}")
-    forward = [command[1:] for command in box.commands() if command[0].endswith("/set_port_forwarding.sh")]
-    line.seen(forward and forward[-1][:2] == ["internal", "100"], "a port is forwarded: " + " ".join(forward[-1]))
+    wait_until(lambda: forwarding(box), 5, "a port is forwarded")
+    line.seen(True, "a port is forwarded: " + " ".join(forwarding(box)[-1]))
     box.wait_up("dropbear")
     login = box.run(["dbclient", "-y", "-i", "/tmp/key", "root@192.168.1.1", "hostname"], check=False)
     line.seen(login.stdout == "box\n", "she logs in, dropbear is real: the host says 'box'")
