@@ -1,15 +1,19 @@
 """./dev demo: the daemon's main job in a box, as a timeline. Each step is really observed; the first
 one that is not ends the demo with exit code 1."""
 import json
+import os
 import sys
 import time
 
-from box import Box, BoxError, BusError, NoReply, wait_until
+from box import Box, BoxError, BusError, NoReply, ROOT, wait_until
 
 DISK = "sda"
 LABEL = "Photos"
 FILES = {"holiday.txt": "Sand, sea and sun.\n"}
 USER, PASSWORD = "alice", "summer-2026"
+MAKER = "Device.X_KELVANTO-COM_DeviceManagement."
+STREAMING = ("/ws/dlna", "com.kelvanto.nimbrel.dlna")
+BACKUP = ("/backup", "com.kelvanto.nimbrel.backup")
 SHARES = ("/ws/nas/fileservices", "com.kelvanto.nimbrel.nas.fileservices")
 
 
@@ -64,7 +68,7 @@ def start(box, line):
 
 def plug(box, line):
     line.event(f"A USB disk is plugged in: partition 1 is mounted as {LABEL!r}, partition 2 is not mountable.")
-    box.plug(DISK, partitions=[{"label": LABEL, "files": FILES}, {"mount_point": None, "type": "hfs"}])
+    box.plug(DISK, partitions=[{"label": LABEL, "type": "ntfs", "files": FILES}, {"mount_point": None, "type": "hfs"}])
     plugged = line.now()
     event = box.peer("lcd").wait_calls("addEvent")[0]
     texts = {text["Language"]: text["Description"] for text in json.loads(event[1])}
@@ -78,6 +82,25 @@ def plug(box, line):
               f"which holds the share [{LABEL}] and nothing of partition 2")
     text = wait_read(box, "-N")
     line.seen(text == FILES["holiday.txt"], f"a guest reads holiday.txt with smbclient: {text.strip()!r}")
+
+
+def web(box, line):
+    line.event("The web front end asks what is plugged in.")
+    (reply,) = box.call("/ws/nas/devices", "com.kelvanto.nimbrel.nas.devices", "list")
+    entries = json.loads(reply)["data"]
+    for entry in entries:
+        line.seen(True, json.dumps(entry))
+    line.seen([entry["supported"] for entry in entries] == [True, False], "one of the two is supported")
+
+
+def agent(box, line):
+    line.event("The management agent reads the data model.")
+    for key in ("Device.DeviceInfo.SoftwareVersion", "Device.LAN.IPAddress",
+                "Device.StorageService.1.LogicalVolumeNumberOfEntries"):
+        reply = box.data_model("GetValue", key)
+        line.seen(len(reply) == 1, f"{key} = {reply[0] if reply else ''}")
+    (volume,) = box.data_model("GetObject", "Device.StorageService.1.LogicalVolume.1")
+    line.seen(json.loads(volume)["Name"] == LABEL, f"Device.StorageService.1.LogicalVolume.1 = {volume}")
 
 
 def protect(box, line):
@@ -106,7 +129,56 @@ def pull(box, line):
     line.seen(smbclient(box, LABEL, "-U", f"{USER}%{PASSWORD}").returncode != 0, "the share is gone")
 
 
-STEPS = [start, plug, protect, pull]
+def forwarding(box):
+    """The arguments of each call of the script that forwards a port."""
+    return [command[1:] for command in box.commands() if command[0].endswith("/set_port_forwarding.sh")]
+
+
+def ssh(box, line):
+    line.event("The agent opens SSH for a support engineer: her key, then the switch.")
+    box.run(["dropbearkey", "-t", "ed25519", "-f", "/tmp/key"])
+    key = next(text for text in box.run(["dropbearkey", "-y", "-f", "/tmp/key"]).stdout.splitlines()
+               if text.startswith("ssh-"))
+    for parameter, value in (("SSH.AuthorizedKey", key), ("SSH.Enable", True)):
+        (done,) = box.data_model("SetValue", MAKER + parameter, value)
+        line.seen(done, f"{parameter} = {value}")
+    wait_until(lambda: forwarding(box), 5, "a port is forwarded")
+    line.seen(True, "a port is forwarded: " + " ".join(forwarding(box)[-1]))
+    box.wait_up("dropbear")
+    login = box.run(["dbclient", "-y", "-i", "/tmp/key", "root@192.168.1.1", "hostname"], check=False)
+    line.seen(login.stdout == "box\n", "she logs in, dropbear is real: the host says 'box'")
+
+
+def backup(box, line):
+    line.event("The settings are backed up; then somebody switches media streaming off.")
+    box.call(*BACKUP, "store", "/media/backup")
+    stored = box.run(["od", "-An", "-tx1", "-N16", "/media/backup"]).stdout.strip()
+    line.seen(stored, f"the backup is encrypted: {stored} ...")
+    box.call(*STREAMING, "setMediaStreamingState", False)
+    line.seen(box.peer("dlna").wait_calls("DmsStreamingState", 2)[-1][1] is False, "the media server stops")
+    line.event("The backup is restored.")
+    (restored,) = box.call(*BACKUP, "restore", "/media/backup")
+    line.seen(restored, "the daemon took it and will start anew")
+    wait_until(box.exits, 10, "the daemon ends")
+    line.seen(box.exits() == [(0, 0)], "3 s later it ended by itself, with exit code 0")
+    wait_until(box.serving, 10, "the daemon serves again")
+    (state,) = box.call(*STREAMING, "getMediaStreamingState")
+    line.seen(json.loads(state)["data"]["mediaStreamingEnabled"], "s6 started it again: streaming is on")
+
+
+def migrate(box, line):
+    line.event("A box with firmware 08.04.99 gets this one: one run of the daemon with -m.")
+    box.stop_daemon()
+    with open(os.path.join(ROOT, "tests", "boxes", "08.04.99.json"), encoding="utf-8") as file:
+        box.write("/media/nimbrelc.json", file.read())
+    line.seen(box.migrate().returncode == 0, "exit code 0")
+    version = box.config()["cpeDevice"]["deviceInfo"]["softwareVersion"]
+    line.seen(version == "08.05.09", f"the configuration is one of {version} now")
+    box.start_daemon()
+    line.seen(True, "and the daemon serves with it")
+
+
+STEPS = [start, plug, web, agent, protect, ssh, pull, backup, migrate]
 
 
 def main():
