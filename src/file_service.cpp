@@ -1,11 +1,19 @@
 #include "file_service.h"
 
-#include <utility>
-
 #include "common/json_ptr.h"
 #include "config.h"
 #include "nimbrelc_utils_json.h"
 #include "service_manager.h"
+
+namespace {
+
+constexpr const char *switch_key = "enabled";
+
+const cJSON *get_switch(const char *section_path) {
+    return cJSON_GetObjectItem(get_config_item(section_path), switch_key);
+}
+
+}  // namespace
 
 int file_service_time_for(const file_service_times &times, int action) {
     switch (action) {
@@ -20,28 +28,31 @@ int file_service_time_for(const file_service_times &times, int action) {
     }
 }
 
-bool file_service_is_enabled(const char *enabled_path) {
-    return cJSON_IsTrue(get_config_item(enabled_path)) != 0;
+bool file_service_is_enabled(const char *section_path) {
+    return cJSON_IsTrue(get_switch(section_path)) != 0;
 }
 
-bool file_service_is_switched_on(const char *enabled_path) {
-    const cJSON *enabled = get_config_item(enabled_path);
+bool file_service_is_switched_on(const char *section_path) {
+    const cJSON *enabled = get_switch(section_path);
     return cJSON_IsTrue(enabled) != 0 || (cJSON_IsNumber(enabled) != 0 && enabled->valueint != 0);
 }
 
-bool file_service_save_state(const char *enabled_path, bool enabled) {
-    cJSON *section = nullptr;
-    const cJSON *stored = nimbrelc_utils_get_json_object(get_config_root(), enabled_path, &section);
+bool file_service_save_state(const char *section_path, bool enabled) {
+    cJSON *section = get_config_item(section_path);
+    if (cJSON_IsObject(section) == 0) {
+        return false;
+    }
+    const cJSON *stored = cJSON_GetObjectItem(section, switch_key);
     if (cJSON_IsBool(stored) != 0 && (cJSON_IsTrue(stored) != 0) == enabled) {
         return true;
     }
-    json_ptr value(cJSON_CreateBool(enabled ? 1 : 0));
-    if (stored != nullptr) {
-        return nimbrelc_utils_replace_json_object(get_config_root(), enabled_path,
-                                                  std::move(value)) &&
-               nimbrelc_config_save();
+    if (stored == nullptr) {
+        cJSON_AddBoolToObject(section, switch_key, enabled ? 1 : 0);
+    } else {
+        nimbrelc_utils_replace_json_object(section, switch_key,
+                                           json_ptr(cJSON_CreateBool(enabled ? 1 : 0)));
     }
-    return false;
+    return nimbrelc_config_save();
 }
 
 std::optional<bool> file_service_is_daemon_up(const char *daemon) {

@@ -34,15 +34,18 @@ struct file_service_times {
 // The entry of `action`, a file_service_action; 0 for any other value.
 int file_service_time_for(const file_service_times &times, int action);
 
-// The switch at a dotted path of the configuration, exactly: only the boolean true is on.
-bool file_service_is_enabled(const char *enabled_path);
+// The next three take the dotted path of the service's section in the configuration, whose member
+// "enabled" is its switch.
+
+// The switch exactly: only the boolean true is on.
+bool file_service_is_enabled(const char *section_path);
 
 // The switch as starting and reloading see it: a number other than zero is on too.
-bool file_service_is_switched_on(const char *enabled_path);
+bool file_service_is_switched_on(const char *section_path);
 
 // Stores the switch and saves the configuration, unless it already has that value. False when the
-// save failed (memory stays changed) or the service has no section in the configuration.
-bool file_service_save_state(const char *enabled_path, bool enabled);
+// save failed (memory stays changed) or the service has no section.
+bool file_service_save_state(const char *section_path, bool enabled);
 
 // Whether a supervised daemon is up; nothing when that cannot be determined.
 std::optional<bool> file_service_is_daemon_up(const char *daemon);

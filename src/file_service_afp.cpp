@@ -24,7 +24,7 @@ namespace {
 
 constexpr const char *log_category = "afp";
 
-constexpr const char *enabled_path = "nas.fileServices.afp.enabled";
+constexpr const char *section_path = "nas.fileServices.afp";
 constexpr const char *daemon_config_path = "nas.fileServices.afp.daemonConfig";
 constexpr const char *daemon_name = "netatalk";
 constexpr const char *cnid_directory = "/var/netatalk/CNID";
@@ -167,7 +167,7 @@ bool afp_is_volume(const cJSON *partitions, const char *name) {
 }
 
 bool afp_start() {
-    if (!file_service_is_switched_on(enabled_path)) {
+    if (!file_service_is_switched_on(section_path)) {
         LOG_INFO("Afp daemon is disabled");
         return true;
     }
@@ -211,11 +211,11 @@ bool afp_is_running() {
 }
 
 bool afp_is_enabled() {
-    return file_service_is_enabled(enabled_path);
+    return file_service_is_enabled(section_path);
 }
 
 bool afp_save_state(bool enabled) {
-    return file_service_save_state(enabled_path, enabled);
+    return file_service_save_state(section_path, enabled);
 }
 
 int afp_time_req_for(int action) {

@@ -11,7 +11,7 @@ namespace {
 
 constexpr const char *log_category = "avahi";
 
-constexpr const char *enabled_path = "nas.fileServices.avahi.enabled";
+constexpr const char *section_path = "nas.fileServices.avahi";
 constexpr const char *daemon_name = "avahi";
 constexpr file_service_times action_times = {.start = 3, .stop = 3, .reload = 3};
 
@@ -27,7 +27,7 @@ bool start_daemon() {
 }  // namespace
 
 bool avahi_start() {
-    if (!file_service_is_switched_on(enabled_path)) {
+    if (!file_service_is_switched_on(section_path)) {
         LOG_INFO("Avahi daemon is disabled");
         return true;
     }
@@ -60,7 +60,7 @@ bool avahi_stop() {
 }
 
 bool avahi_reload() {
-    if (!file_service_is_switched_on(enabled_path)) {
+    if (!file_service_is_switched_on(section_path)) {
         LOG_INFO("Avahi daemon is disabled");
         return true;
     }
@@ -88,11 +88,11 @@ bool avahi_is_running() {
 }
 
 bool avahi_is_enabled() {
-    return file_service_is_enabled(enabled_path);
+    return file_service_is_enabled(section_path);
 }
 
 bool avahi_save_state(bool enabled) {
-    return file_service_save_state(enabled_path, enabled);
+    return file_service_save_state(section_path, enabled);
 }
 
 int avahi_time_req_for(int action) {

@@ -7,27 +7,64 @@
 #include "nimbrelc_utils.h"
 #include "nimbrelc_utils_json.h"
 
+namespace {
+
+constexpr char replacement = '_';
+
+// Servers ignore case and blanks in the name of the global section, and take its plural for it too.
+bool is_global_section(std::string name) {
+    name.erase(std::remove(name.begin(), name.end(), ' '), name.end());
+    return strcasecmp(name.c_str(), "global") == 0 || strcasecmp(name.c_str(), "globals") == 0;
+}
+
+// The text before the "=" of a line, "" for one that makes no line: a bracket at its start would
+// open a section, and for a line without a name servers refuse the whole file.
+std::string written_directive(const cJSON *directive) {
+    std::string written = file_service_written_value(file_service_text(directive, "directive"));
+    const size_t first = written.find_first_not_of(' ');
+    if (first == std::string::npos) {
+        return {};
+    }
+    if (written[first] == '[' || written[first] == '=') {
+        written[first] = replacement;
+    }
+    return written;
+}
+
+std::string joined_texts(const cJSON *texts) {
+    std::string joined;
+    const cJSON *text = nullptr;
+    cJSON_ArrayForEach(text, texts) {
+        if (text != texts->child) {
+            joined += ' ';
+        }
+        joined += nimbrelc_utils_empty_if_null_json(text);
+    }
+    return joined;
+}
+
+}  // namespace
+
 const char *file_service_text(const cJSON *object, const char *name) {
     return nimbrelc_utils_empty_if_null_json(cJSON_GetObjectItem(object, name));
 }
 
 std::string file_service_written_value(std::string_view value) {
     std::string written = nimbrelc_utils_printable(value);
-    if (!written.empty() && written.back() == '\\') {
-        written.back() = '_';
+    // Blanks after it do not keep a backslash from joining the next line.
+    const size_t last = written.find_last_not_of(' ');
+    if (last != std::string::npos && written[last] == '\\') {
+        written[last] = replacement;
     }
     return written;
 }
 
 std::string file_service_written_label(const cJSON *partition) {
     std::string written = nimbrelc_utils_printable(file_service_text(partition, "label"));
-    std::replace(written.begin(), written.end(), ']', '_');
-    // The servers ignore case, and blanks around a section's name.
-    const size_t first = written.find_first_not_of(' ');
-    const size_t last = written.find_last_not_of(' ');
-    if (first != std::string::npos &&
-        strcasecmp(written.substr(first, last - first + 1).c_str(), "global") == 0) {
-        written.insert(first, "_");
+    std::replace(written.begin(), written.end(), ']', replacement);
+    // For a section without a name servers refuse the whole file, with every other share.
+    if (written.empty() || is_global_section(written)) {
+        written.insert(written.begin(), replacement);
     }
     return written;
 }
@@ -42,23 +79,13 @@ void file_service_write_line(std::string &text, const char *key, std::string_vie
 void file_service_write_directives(std::string &text, const cJSON *directives) {
     const cJSON *directive = nullptr;
     cJSON_ArrayForEach(directive, directives) {
-        std::string line = file_service_text(directive, "directive");
-        line += " = ";
-        const cJSON *args = cJSON_GetObjectItem(directive, "args");
-        const cJSON *argument = nullptr;
-        cJSON_ArrayForEach(argument, args) {
-            if (argument != args->child) {
-                line += ' ';
-            }
-            line += nimbrelc_utils_empty_if_null_json(argument);
+        const std::string name = written_directive(directive);
+        if (name.empty()) {
+            continue;
         }
-        std::string written = file_service_written_value(line);
-        // A bracket at the start of a line opens a section.
-        const size_t first = written.find_first_not_of(' ');
-        if (first != std::string::npos && written[first] == '[') {
-            written[first] = '_';
-        }
-        text.append("  ").append(written).append("\n");
+        const std::string value = joined_texts(cJSON_GetObjectItem(directive, "args"));
+        text.append("  ").append(name).append(" = ");
+        text.append(file_service_written_value(value)).append("\n");
     }
 }
 

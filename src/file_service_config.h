@@ -12,15 +12,15 @@
 // next line to it) become "_".
 std::string file_service_written_value(std::string_view value);
 
-// A partition's label as it is written between brackets: also without "]", and never the name of
-// the section that holds the global settings.
+// A partition's label as it is written between brackets: also without "]", never empty, and never
+// the name of the section that holds the global settings.
 std::string file_service_written_label(const cJSON *partition);
 
 // Two blanks, the key, " = ", the value (in double quotes when it contains a blank), a newline.
 void file_service_write_line(std::string &text, const char *key, std::string_view value);
 
 // One line per {"directive": text, "args": [texts]}: two blanks, the directive, " = ", the
-// arguments joined by blanks. No quoting here.
+// arguments joined by blanks. No quoting here; an entry without a directive makes no line.
 void file_service_write_directives(std::string &text, const cJSON *directives);
 
 // A partition is shared when it is mounted.

@@ -22,7 +22,7 @@ namespace {
 
 constexpr const char *log_category = "samba";
 
-constexpr const char *enabled_path = "nas.fileServices.samba.enabled";
+constexpr const char *section_path = "nas.fileServices.samba";
 constexpr const char *daemon_config_path = "nas.fileServices.samba.daemonConfig";
 constexpr const char *users_map = "/tmp/nimbrel/configs/sambausers.map";
 constexpr file_service_times action_times = {.start = 3, .stop = 5, .reload = 3};
@@ -194,7 +194,7 @@ bool update_samba_aliases_config() {
 }
 
 bool samba_start() {
-    if (!file_service_is_switched_on(enabled_path)) {
+    if (!file_service_is_switched_on(section_path)) {
         LOG_INFO("Samba daemon is disabled");
         return true;
     }
@@ -211,7 +211,7 @@ bool samba_start() {
 }
 
 bool samba_reload() {
-    if (!file_service_is_switched_on(enabled_path)) {
+    if (!file_service_is_switched_on(section_path)) {
         LOG_INFO("Samba daemon is disabled");
         return true;
     }
@@ -239,11 +239,11 @@ bool samba_is_running() {
 }
 
 bool samba_is_enabled() {
-    return file_service_is_enabled(enabled_path);
+    return file_service_is_enabled(section_path);
 }
 
 bool samba_save_state(bool enabled) {
-    return file_service_save_state(enabled_path, enabled);
+    return file_service_save_state(section_path, enabled);
 }
 
 int samba_time_req_for(int action) {
