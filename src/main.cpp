@@ -18,7 +18,7 @@ namespace {
 constexpr const char *log_category = "main";
 constexpr const char *program_version = "0.0.2";
 
-// A file-creation-proof way down: the group changes while the process may still change it.
+// In the order of switching: the group while the process may still change it, then the user.
 struct identity {
     const char *variable;
     int (*set)(unsigned int id);

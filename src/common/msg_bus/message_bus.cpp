@@ -40,10 +40,8 @@ struct signal_listener {
     message_bus_signal_handler handler;
 };
 
+// What the bus library keeps for a call until its reply has been delivered.
 struct message_bus_pending_call {
-    const char *method;
-    const char *interface;
-    const char *path;
     message_bus_reply_ctx_cb reply_cb;
 };
 
@@ -307,18 +305,17 @@ bool append_table(DBusMessage *message, std::span<const message_bus_arg> table) 
 
 // --- Delivery
 
+// A method call may leave its interface out: it then fits every listener of that member, as in
+// dbus_message_is_method_call(). Calls and signals always carry a member.
 template <class Listener>
 const Listener *find_listener(const std::vector<Listener> &listeners, DBusMessage *message) {
     const char *interface = dbus_message_get_interface(message);
     const char *member = dbus_message_get_member(message);
-    if (interface == nullptr || member == nullptr) {
-        return nullptr;
-    }
-    const auto found = std::find_if(listeners.begin(), listeners.end(),
-                                    [interface, member](const Listener &listener) {
-                                        return strcmp(listener.member, member) == 0 &&
-                                               strcmp(listener.interface, interface) == 0;
-                                    });
+    const auto found = std::find_if(
+        listeners.begin(), listeners.end(), [interface, member](const Listener &listener) {
+            return strcmp(listener.member, member) == 0 &&
+                   (interface == nullptr || strcmp(listener.interface, interface) == 0);
+        });
     return found == listeners.end() ? nullptr : &*found;
 }
 
@@ -355,6 +352,9 @@ DBusHandlerResult filter_message(DBusConnection *, DBusMessage *message, void *)
 }
 
 bool add_match_rule(const char *interface, const char *member) {
+    if (bus.connection == nullptr) {
+        return false;
+    }
     const std::string rule =
         std::string("type='signal',interface='") + interface + "',member='" + member + "'";
     bus_error error;
@@ -447,7 +447,8 @@ bool call_method(const char *destination, const char *path, const char *interfac
     }
     DBusPendingCall *queued = nullptr;
     // A connection that is gone gives success without a pending call.
-    if (!dbus_connection_send_with_reply(bus.connection, message.get(), &queued,
+    if (bus.connection == nullptr ||
+        !dbus_connection_send_with_reply(bus.connection, message.get(), &queued,
                                          default_time_out) ||
         queued == nullptr) {
         LOG_WARN("failed to call dbus method");
@@ -456,7 +457,7 @@ bool call_method(const char *destination, const char *path, const char *interfac
     // The library keeps a reference of its own until the reply has been delivered.
     const std::unique_ptr<DBusPendingCall, pending_call_deleter> pending(queued);
     auto record = std::make_unique<message_bus_pending_call>(
-        message_bus_pending_call{method, interface, path, std::move(reply_cb)});
+        message_bus_pending_call{std::move(reply_cb)});
     if (!dbus_pending_call_set_notify(pending.get(), reply_arrived, record.get(),
                                       free_pending_call)) {
         LOG_WARN("failed to set dbus method call notify function");
@@ -492,12 +493,15 @@ bus_message_ptr new_signal(const char *path, const char *interface, const char *
 
 bool send_signal(DBusMessage *signal) {
     dbus_uint32_t serial = 0;
-    return dbus_connection_send(bus.connection, signal, &serial);
+    return bus.connection != nullptr && dbus_connection_send(bus.connection, signal, &serial);
 }
 
 }  // namespace
 
 bool connection_setup() {
+    if (bus.connection == nullptr) {
+        return false;
+    }
     dbus_connection_set_dispatch_status_function(bus.connection, dispatch_status_changed, nullptr,
                                                  nullptr);
     if (!bus.dispatch) {
@@ -553,6 +557,9 @@ int message_bus_set_dbus_socket(const char *address) {
 }
 
 bool message_bus_request_name(const char *name) {
+    if (bus.connection == nullptr) {
+        return false;
+    }
     bus_error error;
     const int result =
         dbus_bus_request_name(bus.connection, name, DBUS_NAME_FLAG_REPLACE_EXISTING, &error);
@@ -694,10 +701,12 @@ bool message_bus_validate_params(const message_bus_request &request, int32_t arg
     if (reason == nullptr) {
         return true;
     }
+    // Signals and replies come without a message, and a call may come without an interface.
     DBusMessage *message = request.message();
-    // Signals and replies come without a message.
+    const char *interface = message != nullptr ? dbus_message_get_interface(message) : nullptr;
+    const char *member = message != nullptr ? dbus_message_get_member(message) : nullptr;
     LOG_WARN("Error validating dbus message params for %s.%s: %s",
-             message != nullptr ? dbus_message_get_interface(message) : "(null)",
-             message != nullptr ? dbus_message_get_member(message) : "(null)", reason);
+             interface != nullptr ? interface : "(null)", member != nullptr ? member : "(null)",
+             reason);
     return false;
 }

@@ -61,8 +61,9 @@ constexpr int32_t message_bus_max_args = 16;
 class message_bus_request {
 public:
     message_bus_request() = default;
-    // Takes a reference of its own on `message`.
-    explicit message_bus_request(DBusMessage *message) : message_(dbus_message_ref(message)) {}
+    // Takes a reference of its own on `message`, which may be null.
+    explicit message_bus_request(DBusMessage *message)
+        : message_(message != nullptr ? dbus_message_ref(message) : nullptr) {}
 
     // A second reference, for the one method that deliberately answers twice.
     message_bus_request share() const {
