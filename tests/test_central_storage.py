@@ -237,7 +237,7 @@ def test_a_thousand_switches_leave_nothing_behind(box):
     switch(1000)
     memory, descriptors, rules = measure()
     assert (descriptors, rules) == before[1:]
-    assert memory < before[0] + 256  # KiB
+    assert memory < before[0] + 64  # KiB: a timer or record per switch would be more
 
     dlna.forget()
     dlna.wait_calls("DmsStreamingState")
