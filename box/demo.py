@@ -53,6 +53,11 @@ def wait_read(box, *login):
     return wait_until(attempt, 5, "the share is readable")
 
 
+def may_enter(box, user, password):
+    """What the daemon tells the PAM module."""
+    return box.call("/com/kelvanto/pam", "com.kelvanto.authentification", "AuthRequest", user, password) == (1,)
+
+
 def start(box, line):
     line.event("A gateway in software: system bus, s6, sudo, disk daemon, front display, media server.")
     line.event("s6 starts the daemon.")
@@ -108,9 +113,8 @@ def protect(box, line):
     box.call(*SHARES, "updateCredentialsForUserShares", True, USER, PASSWORD)
     stored = box.config()["storage"]
     line.seen(stored["enabled"] and PASSWORD not in json.dumps(stored), "the password is stored encrypted")
-    (allowed,) = box.call("/com/kelvanto/pam", "com.kelvanto.authentification", "AuthRequest", USER, PASSWORD)
-    (denied,) = box.call("/com/kelvanto/pam", "com.kelvanto.authentification", "AuthRequest", USER, "wrong")
-    line.seen((allowed, denied) == (1, 0), "PAM may let the user in, and nobody with another password")
+    line.seen(may_enter(box, USER, PASSWORD) and not may_enter(box, USER, "wrong"),
+              "PAM may let the user in, and nobody with another password")
     box.wait_up("smbd", up=False)
     line.seen(True, "Samba goes down to learn of it")
     box.wait_up("smbd", timeout=15)
@@ -130,8 +134,9 @@ def pull(box, line):
 
 
 def forwarding(box):
-    """The arguments of each call of the script that forwards a port."""
-    return [command[1:] for command in box.commands() if command[0].endswith("/set_port_forwarding.sh")]
+    """What the scripts that forward and unforward a port were told, in order."""
+    return [os.path.basename(command[0]).removesuffix("_port_forwarding.sh") + " " + " ".join(command[1:])
+            for command in box.commands() if command[0].endswith("_port_forwarding.sh")]
 
 
 def ssh(box, line):
@@ -142,28 +147,43 @@ def ssh(box, line):
     for parameter, value in (("SSH.AuthorizedKey", key), ("SSH.Enable", True)):
         (done,) = box.data_model("SetValue", MAKER + parameter, value)
         line.seen(done, f"{parameter} = {value}")
-    wait_until(lambda: forwarding(box), 5, "a port is forwarded")
-    line.seen(True, "a port is forwarded: " + " ".join(forwarding(box)[-1]))
+    wait_until(lambda: forwarding(box)[-1].startswith("set"), 5, "a port is forwarded")
+    line.seen(True, "a port is forwarded: " + forwarding(box)[-1])
     box.wait_up("dropbear")
     login = box.run(["dbclient", "-y", "-i", "/tmp/key", "root@192.168.1.1", "hostname"], check=False)
     line.seen(login.stdout == "box\n", "she logs in, dropbear is real: the host says 'box'")
 
 
+def ssh_ends(box, line):
+    line.event("The box is switched off; an hour and a half later it comes back.")
+    box.stop_daemon()
+    late = time.strftime("%Y-%m-%dT%H:%M:%SZ", time.localtime(time.time() - 5400))
+    box.edit_config(lambda config: config["ssh"].update(activationDate=late, activationDuration=60))
+    box.start_daemon()
+    wait_until(lambda: not box.config()["ssh"]["enable"], 5, "the activation ends")
+    line.seen(box.config()["ssh"]["activationDate"] is None, "her hour is over: SSH is disabled")
+    line.seen(forwarding(box)[-1] == "delete internal 100", "the forwarding is gone")
+
+
 def backup(box, line):
-    line.event("The settings are backed up; then somebody switches media streaming off.")
+    line.event("The settings are backed up.")
     box.call(*BACKUP, "store", "/media/backup")
     stored = box.run(["od", "-An", "-tx1", "-N16", "/media/backup"]).stdout.strip()
     line.seen(stored, f"the backup is encrypted: {stored} ...")
-    box.call(*STREAMING, "setMediaStreamingState", False)
-    line.seen(box.peer("dlna").wait_calls("DmsStreamingState", 2)[-1][1] is False, "the media server stops")
-    line.event("The backup is restored.")
-    (restored,) = box.call(*BACKUP, "restore", "/media/backup")
-    line.seen(restored, "the daemon took it and will start anew")
-    wait_until(box.exits, 10, "the daemon ends")
-    line.seen(box.exits() == [(0, 0)], "3 s later it ended by itself, with exit code 0")
-    wait_until(box.serving, 10, "the daemon serves again")
-    (state,) = box.call(*STREAMING, "getMediaStreamingState")
-    line.seen(json.loads(state)["data"]["mediaStreamingEnabled"], "s6 started it again: streaming is on")
+    with Box(box.build) as other, open(box.path("/media/backup"), "rb") as file:
+        other.edit_config(lambda config: config["dlna"].update(mediaStreamingEnabled=False))
+        other.start_daemon()
+        other.write("/media/backup", file.read())
+        line.event(f"It is restored on another box, which does not know {USER} and does not stream.")
+        line.seen(not may_enter(other, USER, PASSWORD), f"{USER} is not let in")
+        (restored,) = other.call(*BACKUP, "restore", "/media/backup")
+        line.seen(restored, "the daemon took it and will start anew")
+        wait_until(other.exits, 10, "the daemon ends")
+        line.seen(other.exits() == [(0, 0)], "3 s later it ended by itself, with exit code 0")
+        wait_until(other.serving, 10, "the daemon serves again")
+        (state,) = other.call(*STREAMING, "getMediaStreamingState")
+        line.seen(json.loads(state)["data"]["mediaStreamingEnabled"], "s6 started it again: streaming is on")
+        line.seen(may_enter(other, USER, PASSWORD), f"and {USER} is let in")
 
 
 def migrate(box, line):
@@ -172,13 +192,16 @@ def migrate(box, line):
     with open(os.path.join(ROOT, "tests", "boxes", "08.04.99.json"), encoding="utf-8") as file:
         box.write("/media/nimbrelc.json", file.read())
     line.seen(box.migrate().returncode == 0, "exit code 0")
-    version = box.config()["cpeDevice"]["deviceInfo"]["softwareVersion"]
+    config = box.config()
+    version = config["cpeDevice"]["deviceInfo"]["softwareVersion"]
     line.seen(version == "08.05.09", f"the configuration is one of {version} now")
+    line.seen(config["nas"]["fileServices"]["samba"]["daemonConfig"]["serverName"] == "Attic",
+              "the shares' settings are as they were")
     box.start_daemon()
-    line.seen(True, "and the daemon serves with it")
+    line.seen(may_enter(box, "family", "photos2024"), "the daemon serves with it, and the share's old password works")
 
 
-STEPS = [start, plug, web, agent, protect, ssh, pull, backup, migrate]
+STEPS = [start, plug, web, agent, protect, ssh, pull, ssh_ends, backup, migrate]
 
 
 def main():
