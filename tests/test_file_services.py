@@ -1,0 +1,149 @@
+"""When the file services are started, stopped, reloaded and restarted, seen from outside."""
+import json
+import os
+import re
+import time
+
+import pytest
+
+from box import wait_until
+
+SERVICES = ("/ws/nas/fileservices", "com.kelvanto.nimbrel.nas.fileservices")
+CENTRAL = ("/ws/centralstorage", "com.kelvanto.nimbrel.centralstorage")
+DONE = {"success": True}
+REFUSED = {"success": False, "failure": "INTERNAL_ERROR"}
+
+
+def only(*names):
+    """A change of the configuration that leaves these services enabled."""
+    def change(config):
+        for name, section in config["nas"]["fileServices"].items():
+            section["enabled"] = name in names
+    return change
+
+
+def start(box, *names):
+    box.edit_config(only(*names))
+    box.start_daemon()
+    box.wait_log("Update file services on startup")
+
+
+def set_state(box, service, enabled):
+    text = json.dumps({"service": service, "enabled": enabled})
+    return json.loads(box.call(*SERVICES, "setState", text)[0])
+
+
+def status(box):
+    reply = json.loads(box.call(*SERVICES, "list")[0])
+    assert reply.pop("success") is True
+    return [(row["service"], row["enabled"], row["running"]) for row in reply["fileServices"]]
+
+
+def changes(box):
+    """What s6 was told to do with the daemons, in order: "+smbd", "-nmbd", "~smbd" for a reload."""
+    signs = {"s6-rc -u change": "+", "s6-rc -d change": "-", "s6-svc -h": "~"}
+    order = r"/usr/bin/(s6-rc -[ud] change|s6-svc -h) (?:/run/service/)?(smbd|nmbd|netatalk|avahi)$"
+    return [signs[match[1]] + match[2] for match in map(re.compile(order).match, box.sudo()) if match]
+
+
+def outcomes(box, service):
+    """What the service's queue was reduced to, each time."""
+    return re.findall(rf"Events queue for \[{service}\] simplified to: (\S+)", box.log())
+
+
+@pytest.mark.sanitize
+def test_bursts_collapse_and_wait_for_the_action_before(box):
+    start(box, "samba", "afp", "avahi")
+    begin = time.monotonic()
+    box.plug("sda")
+    time.sleep(1.5)
+    box.plug("sdb", partitions=[{}, {}])
+    box.wait_log("Schedule start verification of [AFP]")
+    assert 4.2 < time.monotonic() - begin < 6.5  # three seconds after the last one
+    wait_until(lambda: len(changes(box)) == 4, 5, "all started")
+    # AFP has ten seconds for its start; what comes meanwhile waits, Samba and Avahi go on.
+    box.wait_log("No pending events for [Avahi]")
+    box.plug("sdc")
+    box.wait_log("We are currently handling previous event for [AFP]")
+    assert status(box) == [("Samba", True, True), ("AFP", True, True), ("Avahi", True, True)]
+    box.wait_log("Service [AFP] is running - as expected", timeout=15)
+    box.wait_log("Found 1 pending events for [AFP]")
+    begin = time.monotonic()
+    box.wait_log("Service [AFP] should be reloaded now", timeout=15)
+    assert 5.5 < time.monotonic() - begin < 8  # three to wait, three to watch
+    # Services do not wait for each other, but Samba's two daemons keep their order.
+    assert [name for name in changes(box) if name[1:] in ("nmbd", "smbd")] == [
+        "+nmbd", "+smbd", "~nmbd", "~smbd"]
+    assert sorted(changes(box)[:4]) == ["+avahi", "+netatalk", "+nmbd", "+smbd"]
+    assert sorted(changes(box)[4:]) == ["~avahi", "~netatalk", "~nmbd", "~smbd"]
+    for service in "Samba", "AFP", "Avahi":
+        assert outcomes(box, service) == ["START", "RELOAD"]
+    assert "[sdc1]" in box.read("/tmp/nimbrel/configs/afp.config")
+
+
+def test_a_restart_waits_for_the_stop(box):
+    start(box, "samba")
+    box.plug("sda")
+    box.wait_log("Start of service [Samba] initiaded")
+    # Off and on again while the start is watched.
+    assert set_state(box, "Samba", False) == DONE
+    assert box.config()["nas"]["fileServices"]["samba"]["enabled"] is False
+    assert status(box)[0] == ("Samba", False, True)
+    assert set_state(box, "Samba", True) == DONE
+    box.wait_log("Stop of service [Samba] initiated")
+    begin = time.monotonic()
+    box.wait_log("Start of service [Samba] successfully initiated")
+    assert 4 < time.monotonic() - begin < 7
+    assert changes(box) == ["+nmbd", "+smbd", "-smbd", "-nmbd", "+nmbd", "+smbd"]
+    # A stop that stops nothing ends the restart, and the next request finds the way free.
+    box.write("/usr/bin/s6-rc", "#!/bin/sh\nexit 0\n", 0o755, "root")
+    assert set_state(box, "Samba", False) == set_state(box, "Samba", True) == DONE
+    box.wait_log("File service [Samba] is still running", timeout=15)
+    assert set_state(box, "Samba", False) == DONE
+    box.wait_log("File service [Samba] has to be stopped")
+    assert outcomes(box, "Samba") == ["START", "RESTART", "RESTART", "STOP"]
+
+
+def test_switches(box):
+    start(box, "avahi")
+    written = os.stat(box.path("/media/nimbrelc.json")).st_ino
+    assert set_state(box, "samba", True) == set_state(box, "", True) == REFUSED
+    assert set_state(box, "AFP", False) == DONE
+    assert os.stat(box.path("/media/nimbrelc.json")).st_ino == written  # nothing to change
+    assert set_state(box, "AFP", True) == DONE  # no disk: nothing to start
+    box.plug("sda", partitions=[{"mount_point": None}])
+    # A disk that comes and goes within the three seconds.
+    box.plug("sdb")
+    box.unplug("sdb")
+    box.wait_log("is not running - STOP is not needed", count=2)
+    assert [outcomes(box, name) for name in ("Samba", "AFP", "Avahi")] == [[], ["STOP"], ["STOP"]]
+    assert changes(box) == []
+    # A start that fails leaves the way free for the next request.
+    box.script("s6-rc", code=1)
+    box.plug("sdc")
+    box.wait_log("Cannot start file service [AFP]")
+    assert "Schedule start verification" not in box.log()
+    box.script("s6-rc")
+    assert set_state(box, "AFP", True) == DONE
+    box.wait_log("Start of service [AFP] initiaded")
+    assert box.is_up("netatalk")
+
+
+def test_central_storage_is_asked_before_a_start(box):
+    box.edit_config(lambda config: config["centralStorage"].update(enabled=False))
+    start(box, "samba", "avahi")
+    box.plug("sda")
+    box.wait_log("Central storage is off - START request cannot be generated", count=2)
+    assert set_state(box, "Samba", True) == DONE
+    assert "Requested event" not in box.log()
+    box.call(*CENTRAL, "SetState", True)
+    box.wait_up("smbd")
+    box.wait_up("avahi")
+    # A daemon that comes back finds the disk and the servers as they are.
+    box.stop_daemon()
+    box.start_daemon()
+    box.wait_log("should be reloaded now", count=2, timeout=15)
+    assert sorted(changes(box)) == ["+avahi", "+nmbd", "+smbd", "~avahi", "~nmbd", "~smbd"]
+    box.call(*CENTRAL, "SetState", False)
+    box.wait_up("smbd", up=False, timeout=15)
+    box.wait_up("avahi", up=False)

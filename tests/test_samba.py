@@ -1,0 +1,114 @@
+"""The shares as a real Samba serves them."""
+import pytest
+
+from box import wait_until
+
+SHARES = ("/ws/nas/fileservices", "com.kelvanto.nimbrel.nas.fileservices")
+CONFIG = "/tmp/nimbrel/configs/samba.config"
+USERS = "/tmp/nimbrel/configs/sambausers.map"
+GUEST = ("-N",)
+OWNER = ("-U", "alice%secret99")
+INTRUDER = ("-U", "alice%secret98")
+
+
+@pytest.fixture
+def gateway(box):
+    def change(config):
+        for name, section in config["nas"]["fileServices"].items():
+            section["enabled"] = name == "samba"
+    box.edit_config(change)
+    return box
+
+
+def smb(box, login, share, command):
+    result = box.run(["smbclient", *login, f"//127.0.0.1/{share}", "-c", command], check=False)
+    return result.stdout if result.returncode == 0 else None
+
+
+def wait_served(box, login, share, timeout=20):
+    return wait_until(lambda: smb(box, login, share, "get hello.txt -"), timeout, f"{share} served")
+
+
+def write(box, login, share):
+    return smb(box, login, share, f"put /etc/hostname {login[0].strip('-')}.txt") is not None
+
+
+def test_protection_turns_guests_away(gateway):
+    gateway.start_daemon()
+    gateway.plug("sda", partitions=[
+        {"label": "Photos 2024", "mount_point": "/media/Photos 2024"},
+        {"label": "Films", "read_only": True}])
+    assert wait_served(gateway, GUEST, "Photos 2024") == "Hello from sda1\n"
+    assert write(gateway, GUEST, "Photos 2024") and not write(gateway, GUEST, "Films")
+    assert not gateway.exists(USERS)
+
+    gateway.call(*SHARES, "updateCredentialsForUserShares", True, "alice", "secret99")
+    gateway.wait_log("Start of service [Samba] successfully initiated", timeout=20)
+    assert wait_served(gateway, OWNER, "Photos 2024") == "Hello from sda1\n"
+    assert write(gateway, OWNER, "Photos 2024") and not write(gateway, OWNER, "Films")
+    for login in GUEST, INTRUDER, ("-U", "default%wrong"):
+        assert smb(gateway, login, "Photos 2024", "ls") is None
+    assert gateway.read(USERS) == "default=alice"
+
+    # Without them again, and with a user map that is gone already.
+    gateway.run(["rm", USERS])
+    gateway.call(*SHARES, "changeStateCredentialsForUserShares", False)
+    gateway.wait_log("Start of service [Samba] successfully initiated", timeout=20, count=2)
+    assert wait_served(gateway, GUEST, "Films") == "Hello from sda2\n"
+    assert gateway.log().count("Failed to remove sambausers.map: No such file or directory") == 2
+
+
+@pytest.mark.sanitize
+def test_no_disk_spoils_the_configuration(gateway):
+    labels = ["global", " GLOBALS ", "homes", "a]b", "tail\\", "", "#x;", "line\ttab", "%U", "two words"]
+    points = ["/media/plain", "/media/tail\\", "/media/two words", "/media/two words\\",
+              "/media/tab\there"]
+    gateway.start_daemon()
+    for number, label in enumerate(labels):
+        gateway.disk_signal("PartitionConnected", {
+            "syspath": f"/s{number}", "label": label.replace("\\", "\\\\").replace("\t", "\\t"),
+            "mount_point": points[number % 5].replace("\\", "\\\\").replace("\t", "\\t")})
+    # Records that are half of one, or none.
+    gateway.disk_signal("PartitionConnected", {"syspath": "/half", "mount_point": "/media/half"})
+    gateway.disk_signal("PartitionConnected", {"syspath": "/odd", "label": 5, "mount_point": 6})
+    gateway.wait_up("smbd")
+    result = gateway.run(["testparm", "-s", CONFIG], check=False)
+    assert result.returncode == 0, result.stderr
+    sections, section = {}, None
+    for line in map(str.strip, result.stdout.splitlines()):
+        if line.startswith("["):
+            section = sections.setdefault(line[1:-1], {})
+        elif " = " in line:
+            key, value = line.split(" = ", 1)
+            section[key] = value
+    assert sections["global"]["server string"] == '"Home gateway"'
+    assert not {"path", "guest ok", "oplocks"} & set(sections.pop("global"))
+    expected = ["_global", "_ GLOBALS ", "homes", "a_b", "tail\\", "_", "#x;", "line_tab", "%U",
+                "two words"]
+    assert [" ".join(name.split()) for name in sections] == [" ".join(name.split()) for name in expected]
+    assert {name: entry.get("path") for name, entry in sections.items()}["a_b"] == '"/media/two words_"'
+    assert all(entry["guest ok"] == "Yes" for entry in sections.values())
+
+
+def test_nothing_starts_without_its_files(gateway):
+    gateway.edit_config(lambda config: config["nas"]["fileServices"]["samba"]["daemonConfig"].update(
+        configFileLocation="/tmp/nimbrel/nowhere/samba.config"))
+    gateway.start_daemon()
+    gateway.plug("sda")
+    gateway.wait_log("Cannot start file service [Samba]")
+    assert "Error saving samba config" in gateway.log()
+    gateway.stop_daemon()
+    # Protection without a password that can be read.
+    gateway.edit_config(lambda config: config["nas"]["fileServices"]["samba"]["daemonConfig"].update(
+        configFileLocation=CONFIG))
+    gateway.edit_config(lambda config: config["storage"].update(
+        enabled=True, username="alice", password4="bm90IGEgc2VjcmV0"))
+    gateway.start_daemon()
+    gateway.wait_log("Cannot start file service [Samba]", count=2)
+    log = gateway.log()
+    texts = ["Username and password are required to enable samba shares protection",
+             "Failed to enable samba shares protection",
+             "Error updating samba auxiliary config files", "Failed to save samba config"]
+    assert sorted(texts, key=log.rindex) == texts
+    assert "guest ok = no" in gateway.read(CONFIG)  # the new file stays
+    assert not gateway.is_up("nmbd") and not gateway.is_up("smbd")
