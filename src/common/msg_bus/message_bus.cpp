@@ -171,7 +171,7 @@ dbus_bool_t add_timeout(DBusTimeout *timeout, void *data) {
     }
     dbus_timeout_set_data(timeout, data, nullptr);
     const int interval = dbus_timeout_get_interval(timeout);
-    const timeval delay = {.tv_sec = interval / 1000, .tv_usec = (interval % 1000) * 1000};
+    const timeval delay = {.tv_sec = interval / 1000, .tv_usec = (interval % 1000) * 1000L};
     event_add(timer.get(), &delay);
     bus.timeouts.push_back({std::move(timer), timeout});
     return TRUE;
@@ -456,14 +456,14 @@ bool call_method(const char *destination, const char *path, const char *interfac
     }
     // The library keeps a reference of its own until the reply has been delivered.
     const std::unique_ptr<DBusPendingCall, pending_call_deleter> pending(queued);
-    auto record = std::make_unique<message_bus_pending_call>(
-        message_bus_pending_call{std::move(reply_cb)});
+    auto record =
+        std::make_unique<message_bus_pending_call>(message_bus_pending_call{std::move(reply_cb)});
     if (!dbus_pending_call_set_notify(pending.get(), reply_arrived, record.get(),
                                       free_pending_call)) {
         LOG_WARN("failed to set dbus method call notify function");
         return false;
     }
-    record.release();
+    static_cast<void>(record.release());  // freed by free_pending_call
     return true;
 }
 
