@@ -26,8 +26,8 @@ enum mb_arg_type : int32_t {
 // and never null for MB_ARG_STRING. `word` holds the three other types.
 struct message_bus_arg {
     int32_t type = 0;
-    const char *string = nullptr;
     uint32_t word = 0;
+    const char *string = nullptr;
 
     int32_t int32() const {
         return static_cast<int32_t>(word);
