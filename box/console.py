@@ -1,5 +1,5 @@
-"""./dev box [COMMANDS]: a shell in a running box, or the given commands in one. Short commands in the shell reach this process, which holds the
-box and its peers, through a socket of the box."""
+"""./dev box [COMMANDS]: a shell in a running box, or the given commands in one. Short commands in it
+reach this process, which holds the box and its peers, through a socket of the box."""
 import json
 import socketserver
 import subprocess
