@@ -62,7 +62,7 @@ def test_nothing_is_told_where_streaming_is_not_wanted(box):
 
 def test_changes_wait_for_the_reply(box):
     dlna = box.peer("dlna")
-    dlna.delay("DmsStreamingState", 1)
+    dlna.delay("DmsStreamingState", 2)
     box.start_daemon()
     assert told(box, 1) == [True]
     for wanted in (False, True, False):
