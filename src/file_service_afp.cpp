@@ -159,7 +159,9 @@ bool afp_is_volume(const cJSON *partitions, const char *name) {
     }
     const cJSON *partition = nullptr;
     cJSON_ArrayForEach(partition, partitions) {
-        if (file_service_is_shared(partition) && file_service_written_label(partition) == name) {
+        // A volume without a label has no directory to keep.
+        if (file_service_is_shared(partition) && file_service_text(partition, "label")[0] != '\0' &&
+            file_service_written_label(partition) == name) {
             return true;
         }
     }

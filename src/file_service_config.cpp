@@ -17,6 +17,13 @@ bool is_global_section(std::string name) {
     return strcasecmp(name.c_str(), "global") == 0 || strcasecmp(name.c_str(), "globals") == 0;
 }
 
+// A backslash there would join the next line to this one.
+void end_without_backslash(std::string &text, size_t length) {
+    if (length > 0 && text[length - 1] == '\\') {
+        text[length - 1] = replacement;
+    }
+}
+
 // The text before the "=" of a line, "" for one that makes no line: a bracket at its start would
 // open a section, and for a line without a name servers refuse the whole file.
 std::string written_directive(const cJSON *directive) {
@@ -51,11 +58,8 @@ const char *file_service_text(const cJSON *object, const char *name) {
 
 std::string file_service_written_value(std::string_view value) {
     std::string written = nimbrelc_utils_printable(value);
-    // Blanks after it do not keep a backslash from joining the next line.
-    const size_t last = written.find_last_not_of(' ');
-    if (last != std::string::npos && written[last] == '\\') {
-        written[last] = replacement;
-    }
+    // Without quotes, blanks after a backslash do not save the next line.
+    end_without_backslash(written, written.find_last_not_of(' ') + 1);
     return written;
 }
 
@@ -70,7 +74,8 @@ std::string file_service_written_label(const cJSON *partition) {
 }
 
 void file_service_write_line(std::string &text, const char *key, std::string_view value) {
-    const std::string written = file_service_written_value(value);
+    std::string written = nimbrelc_utils_printable(value);
+    end_without_backslash(written, written.size());
     const char *quote = written.find(' ') != std::string::npos ? "\"" : "";
     text.append("  ").append(key).append(" = ");
     text.append(quote).append(written).append(quote).append("\n");

@@ -8,8 +8,8 @@
 #include <string>
 #include <string_view>
 
-// A value as it is written: control characters and a backslash at its end (which would join the
-// next line to it) become "_".
+// A value as it is written without quotes: control characters and a backslash at its end (which
+// would join the next line to it) become "_".
 std::string file_service_written_value(std::string_view value);
 
 // A partition's label as it is written between brackets: also without "]", never empty, and never

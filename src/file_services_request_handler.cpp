@@ -118,7 +118,7 @@ bool change_protection(bool wanted, const char *username, const char *password) 
     if (new_password && has_password) {
         const auto encrypted = file_services_request_handler_encrypt_storage_password(password);
         if (!encrypted) {
-            return false;
+            return false;  // kept: what is stored above stays in memory, unsaved
         }
         store_text(password_path, encrypted->c_str());
     }
