@@ -150,9 +150,12 @@ void restore_plain_vpn_secret(cJSON *root, const cJSON *values, const vpn_secret
 
 void restore_value(cJSON *root, const cJSON *member) {
     const cJSON *field = nimbrelc_utils_get_json_object(root, member->string, nullptr);
-    // A section is no field: one value never replaces many settings.
-    if (field == nullptr || cJSON_IsObject(field) || cJSON_IsArray(field)) {
+    if (field == nullptr) {
         LOG_WARN("No field %s in nimbrelc configuration", member->string);
+        return;
+    }
+    // One value never replaces a section or a list, which are many settings.
+    if (cJSON_IsObject(field) || cJSON_IsArray(field)) {
         return;
     }
     if (json_ptr value = copy_value(member)) {

@@ -117,7 +117,8 @@ void nimbrelc_utils_copy_values_to_json(const cJSON *source, cJSON *target, bool
         if (stored == nullptr || !kinds_agree(stored, member)) {
             continue;
         }
-        if (cJSON_IsObject(stored) && cJSON_IsObject(member)) {
+        if (cJSON_IsObject(member)) {
+            // A null has nothing to merge: it never takes a whole section away.
             nimbrelc_utils_copy_values_to_json(stored, member, copy_arrays);
         } else if (copy_arrays || !cJSON_IsArray(stored)) {
             replace_member(target, member, json_ptr(cJSON_Duplicate(stored, true)));

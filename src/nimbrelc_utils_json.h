@@ -31,7 +31,8 @@ const char *nimbrelc_utils_empty_if_null_json(const cJSON *item);
 double nimbrelc_utils_zero_if_null(const cJSON *item);
 
 // For every member of object `target` that `source` has too: takes the source's value if the kinds
-// agree (null agrees with all), objects member by member. Source arrays only with `copy_arrays`.
+// agree (null agrees with all), objects member by member. An object of the target always stays one.
+// Source arrays are taken only with `copy_arrays`.
 void nimbrelc_utils_copy_values_to_json(const cJSON *source, cJSON *target, bool copy_arrays);
 
 // JSON text, indented or without white space; none when there is nothing printable.
