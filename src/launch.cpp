@@ -187,13 +187,13 @@ int launch(const char *command, int *status, std::string *output) {
         LOG_ERROR("popen failed: %s", strerror(errno));
         return LAUNCH_SHELL_ERROR;
     }
-    std::optional<std::string> text;
     if (output) {
-        text = read_to_buffer(child.output.get());
+        std::optional<std::string> text = read_to_buffer(child.output.get());
         if (!text) {
             end_shell(child);
             return LAUNCH_SHELL_ERROR;
         }
+        *output = *std::move(text);
     } else {
         drop_output(child);
     }
@@ -208,9 +208,6 @@ int launch(const char *command, int *status, std::string *output) {
     }
     if (status) {
         *status = child_status;
-    }
-    if (output) {
-        *output = *std::move(text);
     }
     return LAUNCH_OK;
 }
@@ -254,7 +251,7 @@ int launch_and_write(const char *const argv[], int *status, const char *text) {
         close(ends[1]);
         return LAUNCH_ERROR;
     }
-    const bool written = write_text(ends[1], text);
+    const bool written = write_text(ends[1], nimbrelc_utils_empty_if_null(text));
     if (!written) {
         LOG_ERROR("write failed: %s", strerror(errno));
         // kept: not waited for. No reader is left, so that only this process sees the pipe close.

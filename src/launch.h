@@ -14,8 +14,8 @@ enum launch_result : int {
 };
 
 // Runs `command` through the shell. On LAUNCH_OK only, `status` (may be null) receives the raw wait
-// status. `output` (may be null) receives the child's whole standard output; it is left empty when
-// the result is not LAUNCH_OK.
+// status. `output` (may be null) receives the child's whole standard output, also that of a child
+// that a signal killed. Output that is not wanted is dropped, up to what a pipe holds.
 int launch(const char *command, int *status, std::string *output);
 
 // Formats the command line, then behaves as launch().

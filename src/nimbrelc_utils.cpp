@@ -262,6 +262,22 @@ std::optional<std::string> nimbrelc_utils_escape_quotes(const char *text) {
     return result;
 }
 
+bool safe_append_string(std::string &buffer, size_t &capacity, const char *text) {
+    if (text == nullptr) {
+        return true;
+    }
+    const std::string_view added = text;
+    if (added.size() >= capacity) {
+        return false;
+    }
+    if (buffer.size() + added.size() >= capacity) {
+        capacity *= 2;
+        buffer.reserve(capacity);
+    }
+    buffer += added;
+    return true;
+}
+
 std::string copy_replace_str(std::string_view text, std::string_view find,
                              std::string_view replacement) {
     std::string result(text);

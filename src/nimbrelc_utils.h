@@ -55,6 +55,11 @@ const char *nimbrelc_utils_empty_if_null(const char *text);
 // Every double quote gets a backslash before it; nothing for null.
 std::optional<std::string> nimbrelc_utils_escape_quotes(const char *text);
 
+// Appends to a buffer that is kept within `capacity`, its terminator included; where the two do not
+// fit, the capacity is doubled once. Null changes nothing. False, with nothing changed, for a text
+// as long as the capacity or longer.
+bool safe_append_string(std::string &buffer, size_t &capacity, const char *text);
+
 // The first occurrence of `find` replaced.
 std::string copy_replace_str(std::string_view text, std::string_view find,
                              std::string_view replacement);

@@ -7,6 +7,7 @@
 #include <openssl/evperr.h>
 #include <openssl/rand.h>
 
+#include <algorithm>
 #include <cstring>
 #include <memory>
 #include <utility>
@@ -22,6 +23,7 @@ constexpr size_t salt_size = 32;
 constexpr size_t iv_size = 16;
 constexpr size_t header_size = salt_size + iv_size;
 constexpr int key_iterations = 1000;
+constexpr const char *blanks = " \t\r\n";
 
 struct secret_key {
     unsigned char bytes[32];
@@ -215,7 +217,9 @@ std::optional<std::string> nimbrelc_utils_base64_decode(const char *text) {
     const int count = BIO_read(decoder.get(), data.data(), static_cast<int>(data.size()));
     // The decoder stops without a word at an error behind its first kilobyte: a text that gave
     // fewer bytes than its length promises is damaged too.
-    const size_t length = std::string_view(text).find_last_not_of(" \t\r\n") + 1;
+    const std::string_view view = text;
+    const size_t end = view.find_last_not_of(blanks) + 1;
+    const size_t length = end - std::min(end, view.find_first_not_of(blanks));
     if (count <= 0 || static_cast<size_t>(count) + 2 < length / 4 * 3) {
         LOG_ERROR("Base64 decode failed with code: %d", count);
         ERR_clear_error();

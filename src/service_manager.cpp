@@ -85,7 +85,7 @@ int service_manager_is_up(const char *name, bool *is_up) {
     std::string output;
     const int launched = launch_with_args("sudo s6-svstat /run/service/%s", &status, &output, name);
     if (launched != LAUNCH_OK) {
-        // kept: the text is the command's output, which a failed launch leaves empty.
+        // kept: the text is the command's output, normally none.
         LOG_ERROR("launch_with_args failed: %s", output.c_str());
         return launched;
     }
