@@ -2,16 +2,14 @@
 
 #include <gtest/gtest.h>
 
-#include <cstdlib>
-#include <filesystem>
 #include <string>
 
+#include "helpers.h"
 #include "nimbrelc_utils.h"
 
 TEST(config, edits_and_saves_one_document) {
-    char pattern[] = "/tmp/config_test.XXXXXX";
-    const std::string directory = mkdtemp(pattern);
-    const std::string file = directory + "/nimbrelc.json";
+    const temporary_directory directory;
+    const std::string file = directory / "nimbrelc.json";
     EXPECT_FALSE(nimbrelc_config_save());
     EXPECT_STREQ(nimbrelc_config_get_software_version(), "");
 
@@ -21,7 +19,7 @@ TEST(config, edits_and_saves_one_document) {
     EXPECT_STREQ(nimbrelc_config_get_software_version(), "08.05.09");
 
     // A load that fails leaves the document, yet the next save goes to its path.
-    const std::string broken = directory + "/broken.json";
+    const std::string broken = directory / "broken.json";
     ASSERT_TRUE(dump_string_to_file(broken.c_str(), std::string(2000, '[').c_str()));
     EXPECT_FALSE(nimbrelc_config_load(broken.c_str()));
     ASSERT_NE(get_config_item("ssh"), nullptr);
@@ -33,5 +31,4 @@ TEST(config, edits_and_saves_one_document) {
 
     EXPECT_TRUE(nimbrelc_config_free());
     EXPECT_EQ(get_config_root(), nullptr);
-    std::filesystem::remove_all(directory);
 }

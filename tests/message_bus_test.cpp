@@ -2,16 +2,13 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <unistd.h>
 
-#include <chrono>
-#include <filesystem>
 #include <functional>
-#include <iterator>
 #include <memory>
 #include <string>
-#include <vector>
 
-#include "logger.h"
+#include "helpers.h"
 #include "private_bus.h"
 
 namespace {
@@ -19,100 +16,62 @@ namespace {
 constexpr const char *path = "/test";
 constexpr const char *other_path = "/test/other";
 constexpr const char *interface = "com.kelvanto.test";
+constexpr const char *peer_name = "com.kelvanto.peer";
 
-// A second participant of the bus; what it receives is taken by hand, nothing is answered for it.
 struct peer_deleter {
     void operator()(DBusConnection *connection) const {
         dbus_connection_close(connection);
         dbus_connection_unref(connection);
     }
 };
-using peer_ptr = std::unique_ptr<DBusConnection, peer_deleter>;
-
-peer_ptr new_peer() {
-    peer_ptr connection(dbus_bus_get_private(DBUS_BUS_SYSTEM, nullptr));
-    dbus_connection_set_exit_on_disconnect(connection.get(), FALSE);
-    return connection;
-}
 
 std::string describe(int32_t argc, const message_bus_arg *args) {
     std::string text = std::to_string(argc) + ":";
     for (int32_t i = 0; i < std::min(argc, message_bus_max_args); ++i) {
         const message_bus_arg &arg = args[i];
-        text += " " + std::to_string(arg.type);
-        if (arg.type == MB_ARG_STRING) {
-            text += std::string("=") + arg.string;
-        } else if (arg.type == MB_ARG_INT32) {
-            text += "=" + std::to_string(arg.int32());
-        } else if (arg.type != 0) {
-            text += "=" + std::to_string(arg.word);
-        }
+        text += " " + std::to_string(arg.type) + "=";
+        text += arg.type == MB_ARG_STRING ? arg.string : std::to_string(arg.word);
     }
-    return text;
+    return text + ";";
 }
 
-// The same text for a message that a peer received.
-std::string describe(DBusMessage *message) {
+// The arguments of a message that a peer received.
+std::string describe(const bus_message_ptr &message) {
     std::string text;
     DBusMessageIter iterator;
-    dbus_message_iter_init(message, &iterator);
-    for (int type = 0; (type = dbus_message_iter_get_arg_type(&iterator)) != DBUS_TYPE_INVALID;
-         dbus_message_iter_next(&iterator)) {
+    dbus_message_iter_init(message.get(), &iterator);
+    while (const int type = dbus_message_iter_get_arg_type(&iterator)) {
         DBusBasicValue value;
         dbus_message_iter_get_basic(&iterator, &value);
-        text += text.empty() ? "" : " ";
-        text += static_cast<char>(type);
-        text += "=" + (type == DBUS_TYPE_STRING  ? std::string(value.str)
-                       : type == DBUS_TYPE_INT32 ? std::to_string(value.i32)
-                                                 : std::to_string(value.u32));
+        text += std::string(text.empty() ? "" : " ") + static_cast<char>(type) + "=";
+        text += type == DBUS_TYPE_STRING ? value.str : std::to_string(value.u32);
+        dbus_message_iter_next(&iterator);
     }
     return text;
 }
 
 // What the handlers saw, in order.
-std::vector<std::string> seen;
+std::string seen;
 std::function<void(message_bus_request)> answer;
-std::string warnings;
 
 void handle(int32_t argc, const message_bus_arg *args, message_bus_request request) {
-    seen.push_back(describe(argc, args));
+    seen += describe(argc, args);
     if (answer) {
         answer(std::move(request));
     }
 }
 
-void handle_otherwise(int32_t, const message_bus_arg *, message_bus_request request) {
-    seen.emplace_back("second handler");
-    message_bus_send_no_reply(std::move(request));
-}
-
 void hear(int32_t argc, const message_bus_arg *args) {
-    seen.push_back(describe(argc, args));
+    seen += argc == -1 && args == nullptr ? "failed;" : describe(argc, args);
 }
 
-void hear_otherwise(int32_t, const message_bus_arg *) {
-    seen.emplace_back("second listener");
-}
-
-size_t open_descriptors() {
-    const std::filesystem::directory_iterator entries("/proc/self/fd");
-    return static_cast<size_t>(std::distance(begin(entries), end(entries)));
-}
-
-class message_bus_test : public testing::Test {
+// The module against a real bus. A second participant, the peer, takes what it receives by hand;
+// nothing is answered for it.
+class message_bus : public testing::Test {
 protected:
     static void SetUpTestSuite() {
-        if (loop != nullptr) {
-            return;  // the module keeps its one connection when tests are repeated
-        }
         static const private_bus daemon;
         ASSERT_TRUE(daemon.ready()) << "needs dbus-daemon";
-        // Before there is a connection nothing works and nothing ends the process.
-        EXPECT_FALSE(connection_setup());
-        EXPECT_FALSE(message_bus_request_name(interface));
-        EXPECT_FALSE(message_bus_call_method("com.kelvanto.peer", "/", interface, "Get", nullptr));
-        EXPECT_FALSE(message_bus_send_signal("/", interface, "Changed", "x"));
-        loop = event_base_new();
         ASSERT_TRUE(message_bus_new(loop));
         ours = dbus_bus_get(DBUS_BUS_SYSTEM, nullptr);
         ASSERT_TRUE(message_bus_add_method_listener(path, interface, "Get", handle));
@@ -120,39 +79,29 @@ protected:
     }
 
     void SetUp() override {
-        static custom_logger hooks;
-        hooks.on_line = [](const char *, int, const char *text, const char *, size_t) {
-            warnings += text;
-        };
-        logger_set_custom_logger(&hooks);
-        logger_init("enabled=true:level=warn");
-        peer = new_peer();
+        peer.reset(dbus_bus_get_private(DBUS_BUS_SYSTEM, nullptr));
         ASSERT_TRUE(peer);
-        // Calls to the peer of the test before fail now.
-        settle();
+        dbus_connection_set_exit_on_disconnect(peer.get(), FALSE);
+        settle();  // calls to the peer of the test before fail now
         seen.clear();
-        warnings.clear();
         answer = nullptr;
-        ASSERT_NE(dbus_bus_request_name(peer.get(), "com.kelvanto.peer", 0, nullptr), -1);
-    }
-
-    void TearDown() override {
-        logger_cleanup();
-        logger_set_custom_logger(nullptr);
+        ASSERT_NE(dbus_bus_request_name(peer.get(), peer_name, 0, nullptr), -1);
     }
 
     // Lets both sides work until `done`.
     template <class Condition>
     bool wait_for(Condition done) {
-        using clock = std::chrono::steady_clock;
-        for (const auto end = clock::now() + std::chrono::seconds(5); !done();) {
-            if (clock::now() > end) {
-                return false;
+        for (int i = 0; i < 5000; ++i) {
+            if (done()) {
+                return true;
             }
             event_base_loop(loop, EVLOOP_NONBLOCK);
-            dbus_connection_read_write(peer.get(), 1);
+            usleep(1000);
+            if (peer) {
+                dbus_connection_read_write(peer.get(), 0);
+            }
         }
-        return true;
+        return false;
     }
 
     // The next message that the peer gets and that is not the bus's own talk; null when none comes.
@@ -181,35 +130,17 @@ protected:
                                                             of_interface, member));
     }
 
-    bus_message_ptr exchange(const bus_message_ptr &call) {
-        dbus_connection_send(peer.get(), call.get(), nullptr);
-        return receive();
+    void send(const bus_message_ptr &message) {
+        dbus_connection_send(peer.get(), message.get(), nullptr);
     }
 
-    static event_base *loop;
-    static DBusConnection *ours;
-    peer_ptr peer;
+    static inline event_base *const loop = event_base_new();
+    static inline DBusConnection *ours = nullptr;
+    std::unique_ptr<DBusConnection, peer_deleter> peer;
+    recorded_log log;
 };
 
-event_base *message_bus_test::loop = nullptr;
-DBusConnection *message_bus_test::ours = nullptr;
-
-TEST_F(message_bus_test, binds_to_one_loop_and_queues_for_a_taken_name) {
-    EXPECT_TRUE(message_bus_new(loop));
-    event_base *second = event_base_new();
-    EXPECT_FALSE(message_bus_new(second));
-    event_base_free(second);
-
-    ASSERT_TRUE(message_bus_request_name("com.kelvanto.peer"));
-    dbus_bus_release_name(peer.get(), "com.kelvanto.peer", nullptr);
-    EXPECT_EQ(dbus_bus_request_name(peer.get(), "com.kelvanto.peer", DBUS_NAME_FLAG_DO_NOT_QUEUE,
-                                    nullptr),
-              DBUS_REQUEST_NAME_REPLY_EXISTS);
-    EXPECT_TRUE(message_bus_request_name("com.kelvanto.peer"));
-    dbus_bus_release_name(ours, "com.kelvanto.peer", nullptr);
-}
-
-TEST_F(message_bus_test, listens_once_for_the_same_listener) {
+TEST_F(message_bus, listens_once_for_the_same_listener) {
     for (int i = 0; i < 3; ++i) {
         EXPECT_TRUE(message_bus_add_method_listener(path, "com.kelvanto.once", "Get", handle));
         EXPECT_TRUE(message_bus_add_signal_listener("com.kelvanto.once", "Toggled", hear));
@@ -226,72 +157,65 @@ TEST_F(message_bus_test, listens_once_for_the_same_listener) {
         dbus_error_free(&error);
         dbus_bus_add_match(ours, rule.c_str(), nullptr);
     }
-    // A rule that the bus refuses counts as success.
-    EXPECT_TRUE(message_bus_add_signal_listener("not an interface", "Toggled", hear));
-    EXPECT_NE(warnings.find("Failed to dbus_bus_add_match: "), std::string::npos);
 }
 
-TEST_F(message_bus_test, finds_the_first_listener_of_a_method) {
+TEST_F(message_bus, finds_the_first_listener_of_a_method) {
     answer = [](message_bus_request request) { message_bus_send_no_reply(std::move(request)); };
-    EXPECT_TRUE(message_bus_add_method_listener(path, interface, "Get", handle_otherwise));
-    EXPECT_TRUE(
-        message_bus_add_method_listener(path, "com.kelvanto.test2", "Get", handle_otherwise));
+    const auto later = [](int32_t, const message_bus_arg *, message_bus_request) {
+        seen += "later handler;";
+    };
+    EXPECT_TRUE(message_bus_add_method_listener(path, interface, "Get", later));
     const struct {
         const char *path;
         const char *interface;
         const char *member;
-        const char *seen;  // null: an error comes back
+        std::string seen;  // "": an error comes back
     } rows[] = {
-        {path, interface, "Get", "0:"},
-        {path, "com.kelvanto.test2", "Get", "second handler"},
-        {path, nullptr, "Get", "0:"},          // an interface may be left out
-        {other_path, interface, "Get", "0:"},  // any registered path will do
-        {"/unknown", interface, "Get", nullptr},
-        {path, interface, "Unknown", nullptr},
-        {path, "com.kelvanto.unknown", "Get", nullptr},
+        {path, interface, "Get", "0:;"},
+        {path, nullptr, "Get", "0:;"},          // an interface may be left out
+        {other_path, interface, "Get", "0:;"},  // any registered path will do
+        {"/unknown", interface, "Get", ""},
+        {path, "com.kelvanto.unknown", "Get", ""},
     };
     for (const auto &row : rows) {
         seen.clear();
-        const bus_message_ptr reply = exchange(new_call(row.member, row.path, row.interface));
+        send(new_call(row.member, row.path, row.interface));
+        const bus_message_ptr reply = receive();
         ASSERT_TRUE(reply);
         EXPECT_EQ(dbus_message_get_type(reply.get()),
-                  row.seen != nullptr ? DBUS_MESSAGE_TYPE_METHOD_RETURN : DBUS_MESSAGE_TYPE_ERROR);
-        EXPECT_EQ(seen, row.seen != nullptr ? std::vector<std::string>{row.seen}
-                                            : std::vector<std::string>{});
+                  row.seen.empty() ? DBUS_MESSAGE_TYPE_ERROR : DBUS_MESSAGE_TYPE_METHOD_RETURN);
+        EXPECT_EQ(seen, row.seen);
     }
 }
 
-TEST_F(message_bus_test, reads_the_four_types_and_leaves_no_descriptor_open) {
+TEST_F(message_bus, reads_the_four_types_and_leaves_no_descriptor_open) {
     const bus_message_ptr call = new_call();
     const char *text = "t\xC3\xBCr";
     const uint32_t word = 4000000000U;
     const int32_t number = -5;
     const dbus_bool_t truth = TRUE;
-    const int64_t wide = -1;
     const int descriptor = open("/dev/null", O_RDONLY | O_CLOEXEC);
-    const char *names[] = {"a", "b"};
-    const char **list = names;
+    const char **list = &text;
     dbus_message_append_args(call.get(), DBUS_TYPE_STRING, &text, DBUS_TYPE_UINT32, &word,
-                             DBUS_TYPE_INT32, &number, DBUS_TYPE_BOOLEAN, &truth, DBUS_TYPE_INT64,
-                             &wide, DBUS_TYPE_UNIX_FD, &descriptor, DBUS_TYPE_ARRAY,
-                             DBUS_TYPE_STRING, &list, 2, DBUS_TYPE_OBJECT_PATH, &path,
-                             DBUS_TYPE_INVALID);
-    for (int i = 0; i < 9; ++i) {
+                             DBUS_TYPE_BOOLEAN, &truth, DBUS_TYPE_UNIX_FD, &descriptor,
+                             DBUS_TYPE_ARRAY, DBUS_TYPE_STRING, &list, 1, DBUS_TYPE_OBJECT_PATH,
+                             &path, DBUS_TYPE_INVALID);
+    std::string expected = "17: 1=t\xC3\xBCr 2=4000000000 4=1 0=0 0=0 0=0";
+    for (int i = 6; i < 17; ++i) {
         dbus_message_append_args(call.get(), DBUS_TYPE_INT32, &number, DBUS_TYPE_INVALID);
+        expected += i < 16 ? " 3=4294967291" : ";";
     }
     settle();
     const size_t before = open_descriptors();
     // Nobody answers, so the request, the only owner of the descriptor, must be gone by itself.
-    dbus_connection_send(peer.get(), call.get(), nullptr);
+    send(call);
     ASSERT_TRUE(wait_for([] { return !seen.empty(); }));
-    EXPECT_EQ(seen.front(),
-              "17: 1=t\xC3\xBCr 2=4000000000 3=-5 4=1 0 0 0 0 "
-              "3=-5 3=-5 3=-5 3=-5 3=-5 3=-5 3=-5 3=-5");
+    EXPECT_EQ(seen, expected);
     EXPECT_EQ(open_descriptors(), before);
     close(descriptor);
 }
 
-TEST_F(message_bus_test, validates_parameters) {
+TEST_F(message_bus, validates_parameters) {
     const message_bus_arg args[] = {mb_string("a"), mb_int32(-1), {}};
     const struct {
         int32_t argc;
@@ -301,153 +225,120 @@ TEST_F(message_bus_test, validates_parameters) {
         {0, {}, nullptr},
         {2, {MB_ARG_STRING, MB_ARG_INT32}, nullptr},
         {-1, {}, "error reading parameters"},
-        {1, {}, "count mismatch"},
         {1, {MB_ARG_STRING, MB_ARG_INT32}, "count mismatch"},
         {2, {MB_ARG_STRING, MB_ARG_UINT32}, "type mismatch"},
         {3, {MB_ARG_STRING, MB_ARG_INT32, MB_ARG_INT32}, "type mismatch"},
     };
     const bus_message_ptr call = new_call();
     for (const auto &row : rows) {
-        warnings.clear();
-        EXPECT_EQ(
-            message_bus_validate_params(message_bus_request(call.get()), row.argc, args, row.codes),
-            row.reason == nullptr);
-        const std::string end =
-            row.reason == nullptr ? "" : std::string("com.kelvanto.test.Get: ") + row.reason + "\n";
-        EXPECT_TRUE(warnings.ends_with(end) && warnings.empty() == end.empty()) << warnings;
+        log.text.clear();
+        const message_bus_request request(call.get());
+        const bool valid = message_bus_validate_params(request, row.argc, args, row.codes);
+        EXPECT_EQ(valid, row.reason == nullptr);
+        EXPECT_TRUE(valid ? log.text.empty() : log.has(row.reason)) << log.text;
     }
-    // Neither a call without interface nor a signal has all the names of the log line.
-    const bus_message_ptr bare = new_call("Get", path, nullptr);
-    EXPECT_FALSE(message_bus_validate_params(message_bus_request(bare.get()), 1, args, {}));
-    EXPECT_FALSE(message_bus_validate_params({}, 1, args, {}));
+    EXPECT_FALSE(message_bus_validate_params({}, 1, args, {}));  // a signal has no request
 }
 
-TEST_F(message_bus_test, answers_with_each_reply_operation) {
+TEST_F(message_bus, answers_with_each_reply_operation) {
+    message_bus_arg wide = mb_boolean(true);
+    wide.word = 0x100;
     const struct {
         std::function<void(message_bus_request)> answer;
         const char *reply;
     } rows[] = {
         {[](auto request) { message_bus_send_no_reply(std::move(request)); }, ""},
         {[](auto request) { message_bus_send_bool_reply(std::move(request), true); }, "b=1"},
-        {[](auto request) { message_bus_send_string_reply(std::move(request), "ok"); }, "s=ok"},
         {[](auto request) { message_bus_send_string_reply(std::move(request), nullptr); }, "s="},
         {[](auto request) { message_bus_send_string_reply(std::move(request), "a\xFF\xC3z"); },
          "s=a\xEF\xBF\xBD\xEF\xBF\xBDz"},
-        {[](auto request) { message_bus_send_reply(std::move(request), {}); }, ""},
-        {[](auto request) {
-             message_bus_arg word = mb_boolean(true);
-             word.word = 0x100;
+        {[wide](auto request) {
              message_bus_send_reply(std::move(request),
-                                    {mb_uint32(1), mb_string("\x80"), mb_int32(-2), word});
+                                    {mb_uint32(1), mb_string("\x80"), mb_int32(-2), wide});
          },
-         "u=1 s=\xEF\xBF\xBD i=-2 b=1"},
+         "u=1 s=\xEF\xBF\xBD i=4294967294 b=1"},
+        {[](auto request) {
+             EXPECT_FALSE(message_bus_send_reply(request.share(), {{.type = 7}}));
+             EXPECT_TRUE(message_bus_send_string_reply(std::move(request), "after a bad one"));
+         },
+         "s=after a bad one"},
     };
     for (const auto &row : rows) {
         answer = row.answer;
-        const bus_message_ptr reply = exchange(new_call());
+        send(new_call());
+        const bus_message_ptr reply = receive();
         ASSERT_TRUE(reply);
         EXPECT_EQ(dbus_message_get_type(reply.get()), DBUS_MESSAGE_TYPE_METHOD_RETURN);
-        EXPECT_EQ(describe(reply.get()), row.reply);
+        EXPECT_EQ(describe(reply), row.reply);
     }
     EXPECT_FALSE(message_bus_send_no_reply({}));
-
-    // A deliberate second answer, after an argument of no type spoiled another one.
-    answer = [](message_bus_request request) {
-        EXPECT_FALSE(message_bus_send_reply(request.share(), {{.type = 7}}));
-        EXPECT_TRUE(message_bus_send_string_reply(request.share(), "first"));
-        EXPECT_TRUE(message_bus_send_string_reply(std::move(request), "second"));
-    };
-    const bus_message_ptr first = exchange(new_call());
-    const bus_message_ptr second = receive();
-    ASSERT_TRUE(first && second);
-    EXPECT_EQ(describe(first.get()) + " " + describe(second.get()), "s=first s=second");
-    EXPECT_EQ(dbus_message_get_reply_serial(first.get()),
-              dbus_message_get_reply_serial(second.get()));
 }
 
-// The state captured by a reply callback dies with the last call of it, and only then.
-TEST_F(message_bus_test, reports_the_outcome_of_a_call_once) {
+// The state captured by a reply callback dies with the one call of it, and only then.
+TEST_F(message_bus, reports_the_outcome_of_a_call_once) {
     const auto call = [](const char *destination, std::initializer_list<message_bus_arg> args) {
         auto state = std::make_shared<int>(0);
         std::weak_ptr<int> observed = state;
         const bool queued = message_bus_call_method_with_args(
-            destination, "/peer", "com.kelvanto.peer", "Do",
+            destination, "/peer", peer_name, "Do",
             [state = std::move(state)](int32_t argc, const message_bus_arg *reply) {
-                seen.push_back(describe(argc, reply) + (reply == nullptr ? " null" : ""));
+                hear(argc, reply);
             },
             args);
         EXPECT_EQ(observed.expired(), !queued);
         return observed;
     };
+    EXPECT_TRUE(call(peer_name, {{.type = 5}}).expired());
 
-    auto state = call("com.kelvanto.peer", {mb_string("x\xFE"), mb_int32(-1)});
+    auto state = call(peer_name, {mb_string("x\xFE"), mb_int32(-1)});
     bus_message_ptr request = receive();
     ASSERT_TRUE(request);
-    EXPECT_EQ(describe(request.get()), "s=x\xEF\xBF\xBD i=-1");
-    bus_message_ptr reply(dbus_message_new_method_return(request.get()));
+    EXPECT_EQ(describe(request), "s=x\xEF\xBF\xBD i=4294967295");
+    const bus_message_ptr reply(dbus_message_new_method_return(request.get()));
     const int32_t number = -3;
     dbus_message_append_args(reply.get(), DBUS_TYPE_INT32, &number, DBUS_TYPE_INVALID);
-    dbus_connection_send(peer.get(), reply.get(), nullptr);
+    send(reply);
     // A second answer to the same call reaches nobody.
-    const bus_message_ptr again(dbus_message_copy(reply.get()));
-    dbus_connection_send(peer.get(), again.get(), nullptr);
+    send(bus_message_ptr(dbus_message_copy(reply.get())));
     ASSERT_TRUE(wait_for([&] { return state.expired(); }));
     settle();
-    EXPECT_EQ(seen, std::vector<std::string>{"1: 3=-3"});
+    EXPECT_EQ(seen, "1: 3=4294967293;");
 
-    seen.clear();
-    state = call("com.kelvanto.peer", {});
+    state = call(peer_name, {});
     request = receive();
     ASSERT_TRUE(request);
-    reply.reset(dbus_message_new_error(request.get(), DBUS_ERROR_FAILED, "no"));
-    dbus_connection_send(peer.get(), reply.get(), nullptr);
+    send(bus_message_ptr(dbus_message_new_error(request.get(), DBUS_ERROR_FAILED, "no")));
     ASSERT_TRUE(wait_for([&] { return state.expired(); }));
     state = call("com.kelvanto.nobody", {});
     ASSERT_TRUE(wait_for([&] { return state.expired(); }));
     // A callee that dies without an answer, here while a call without callback waits too.
-    EXPECT_TRUE(
-        message_bus_call_method("com.kelvanto.peer", "/", "com.kelvanto.peer", "Do", nullptr));
-    state = call("com.kelvanto.peer", {});
-    ASSERT_TRUE(receive());
-    ASSERT_TRUE(receive());
-    peer = new_peer();
+    EXPECT_TRUE(message_bus_call_method(peer_name, "/", peer_name, "Do", nullptr));
+    state = call(peer_name, {});
+    ASSERT_TRUE(receive() && receive());
+    peer.reset();
     ASSERT_TRUE(wait_for([&] { return state.expired(); }));
-    EXPECT_EQ(seen, (std::vector<std::string>{"-1: null", "-1: null", "-1: null"}));
-
-    seen.clear();
-    EXPECT_TRUE(call("com.kelvanto.nobody", {{.type = 5}}).expired());
-    settle();
-    EXPECT_TRUE(seen.empty());
+    EXPECT_EQ(seen, "1: 3=4294967293;failed;failed;failed;");
 }
 
-TEST_F(message_bus_test, sends_tables_whose_booleans_are_one_byte_wide) {
-    const auto hear_reply = [](int32_t argc, const message_bus_arg *) {
-        seen.push_back(std::to_string(argc));
-    };
+TEST_F(message_bus, sends_tables_whose_booleans_are_one_byte_wide) {
     message_bus_arg wide = mb_boolean(true);
     wide.word = 0x100;
     message_bus_arg table[] = {wide, mb_boolean(true), mb_string("a"), mb_uint32(7)};
-    ASSERT_TRUE(message_bus_call_method_with_args_table(
-        "com.kelvanto.peer", "/", "com.kelvanto.peer", "Do", hear_reply, table));
-    ASSERT_TRUE(message_bus_call_method_with_args("com.kelvanto.peer", "/", "com.kelvanto.peer",
-                                                  "Do", hear_reply, {wide}));
-    for (const char *expected : {"b=0 b=1 s=a u=7", "b=1"}) {
-        const bus_message_ptr request = receive();
-        ASSERT_TRUE(request);
-        EXPECT_EQ(describe(request.get()), expected);
-    }
+    ASSERT_TRUE(
+        message_bus_call_method_with_args_table(peer_name, "/", peer_name, "Do", hear, table));
+    const bus_message_ptr request = receive();
+    ASSERT_TRUE(request);
+    EXPECT_EQ(describe(request), "b=0 b=1 s=a u=7");
     table[3].type = 5;
-    EXPECT_FALSE(message_bus_call_method_with_args_table(
-        "com.kelvanto.peer", "/", "com.kelvanto.peer", "Do", hear_reply, table));
-    EXPECT_NE(warnings.find("Unknown arg type 5\n"), std::string::npos);
+    EXPECT_FALSE(
+        message_bus_call_method_with_args_table(peer_name, "/", peer_name, "Do", hear, table));
     settle();
-    EXPECT_TRUE(seen.empty());
+    EXPECT_EQ(seen, "");
 }
 
-TEST_F(message_bus_test, ends_a_call_at_its_time_out) {
+TEST_F(message_bus, ends_a_call_at_its_time_out) {
     // With the connection's own timer, on a time-out shorter than the library's default.
-    const bus_message_ptr call(
-        dbus_message_new_method_call("com.kelvanto.peer", "/", interface, "Do"));
+    const bus_message_ptr call(dbus_message_new_method_call(peer_name, "/", interface, "Do"));
     DBusPendingCall *pending = nullptr;
     ASSERT_TRUE(dbus_connection_send_with_reply(ours, call.get(), &pending, 30));
     EXPECT_TRUE(wait_for([&] { return dbus_pending_call_get_completed(pending) != FALSE; }));
@@ -456,9 +347,11 @@ TEST_F(message_bus_test, ends_a_call_at_its_time_out) {
     dbus_pending_call_unref(pending);
 }
 
-TEST_F(message_bus_test, gives_a_signal_to_its_first_listener) {
+TEST_F(message_bus, gives_a_signal_to_its_first_listener) {
     ASSERT_TRUE(message_bus_add_signal_listener(interface, "Changed", hear));
-    ASSERT_TRUE(message_bus_add_signal_listener(interface, "Changed", hear_otherwise));
+    ASSERT_TRUE(message_bus_add_signal_listener(
+        interface, "Changed",
+        [](int32_t, const message_bus_arg *) { seen += "second listener;"; }));
     // Own signals come back, as the bus delivers them to every listener.
     EXPECT_TRUE(message_bus_send_signal("/any", interface, "Changed", "b\xC0"));
     EXPECT_TRUE(message_bus_send_signal_with_args("/any", interface, "Changed",
@@ -466,20 +359,20 @@ TEST_F(message_bus_test, gives_a_signal_to_its_first_listener) {
     EXPECT_TRUE(message_bus_send_signal_with_args("/any", interface, "Unheard", {}));
     EXPECT_FALSE(message_bus_send_signal_with_args("/any", interface, "Changed", {{.type = 9}}));
     settle();
-    EXPECT_EQ(seen, (std::vector<std::string>{"1: 1=b\xEF\xBF\xBD", "2: 3=-1 4=1"}));
+    EXPECT_EQ(seen, "1: 1=b\xEF\xBF\xBD;2: 3=4294967295 4=1;");
 }
 
-TEST_F(message_bus_test, drains_all_queued_messages_in_one_pass) {
+TEST_F(message_bus, drains_all_queued_messages_in_one_pass) {
     settle();
     for (int i = 0; i < 3; ++i) {
-        dbus_connection_send(peer.get(), new_call().get(), nullptr);
+        send(new_call());
     }
     // The bus answers the peer after it has passed the calls on.
     dbus_bus_name_has_owner(peer.get(), interface, nullptr);
     for (int i = 0; i < 10 && seen.empty(); ++i) {
         event_base_loop(loop, EVLOOP_NONBLOCK);
     }
-    EXPECT_EQ(seen.size(), 3U);
+    EXPECT_EQ(seen, "0:;0:;0:;");
 }
 
 }  // namespace

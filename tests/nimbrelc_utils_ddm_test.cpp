@@ -2,7 +2,7 @@
 
 #include <gtest/gtest.h>
 
-#include "nimbrelc_utils_json.h"
+#include "helpers.h"
 
 TEST(nimbrelc_utils_ddm, adds_the_missing_quotes) {
     const struct {
@@ -16,11 +16,8 @@ TEST(nimbrelc_utils_ddm, adds_the_missing_quotes) {
         {"{a: 'it's, so'}", R"({"a": "it"s, "so"})"},
         {"{a: 'c:/x'}", R"({"a": "c":/x"})"},
         {"a,b,\"c\", \"d\"", R"(a,b,"c", "d")"},
-        {"{", "{\""},
         {":", "\":"},
         {", ", ", \""},
-        {",", ","},
-        {"{}", "{\"}"},
         {"", ""},
     };
     for (const auto &row : rows) {
@@ -34,6 +31,6 @@ TEST(nimbrelc_utils_ddm, adds_the_missing_quotes) {
 TEST(nimbrelc_utils_ddm, parses_a_record) {
     const json_ptr disk = convert_ddm_respone_data_to_json(
         "{syspath: '/sys/block/sda', device_type: 'STORAGE', partitions_count: 1}");
-    EXPECT_EQ(nimbrelc_utils_print_json_unformatted(disk.get()),
+    EXPECT_EQ(print(disk),
               R"({"syspath":"/sys/block/sda","device_type":"STORAGE","partitions_count":1})");
 }

@@ -10,19 +10,29 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <fstream>
 #include <string>
 
 #include "common/file_ptr.h"
+#include "helpers.h"
 
 class private_bus {
 public:
     // `policy` is added to the rules of a bus on which everything is allowed.
     explicit private_bus(const std::string &policy = "") {
-        if (mkdtemp(directory_.data()) == nullptr) {
-            return;
-        }
+        const std::string configuration = directory_ / "bus.conf";
+        std::ofstream(configuration)
+            << "<!DOCTYPE busconfig PUBLIC '-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN'\n"
+               " 'http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd'>\n"
+               "<busconfig><listen>unix:path="
+            << directory_ / "socket"
+            << "</listen>\n"
+               "<policy context='default'><allow own='*'/>\n"
+               "<allow send_destination='*' send_requested_reply='false'/>\n"
+               "<allow receive_sender='*' receive_requested_reply='false'/>"
+            << policy << "\n</policy></busconfig>\n";
         int address[2];
-        if (!write_configuration(policy) || pipe2(address, O_CLOEXEC) != 0) {
+        if (pipe2(address, O_CLOEXEC) != 0) {
             return;
         }
         daemon_ = fork();
@@ -30,7 +40,7 @@ public:
             prctl(PR_SET_PDEATHSIG, SIGTERM);
             dup2(address[1], STDOUT_FILENO);
             execlp("dbus-daemon", "dbus-daemon", "--nofork", "--print-address", "--config-file",
-                   configuration().c_str(), nullptr);
+                   configuration.c_str(), nullptr);
             _exit(127);
         }
         close(address[1]);
@@ -49,9 +59,6 @@ public:
             kill(daemon_, SIGTERM);
             waitpid(daemon_, nullptr, 0);
         }
-        unlink(configuration().c_str());
-        unlink((directory_ + "/socket").c_str());
-        rmdir(directory_.c_str());
     }
     private_bus(const private_bus &) = delete;
     private_bus &operator=(const private_bus &) = delete;
@@ -61,28 +68,7 @@ public:
     }
 
 private:
-    std::string configuration() const {
-        return directory_ + "/bus.conf";
-    }
-
-    bool write_configuration(const std::string &policy) const {
-        file_ptr file(fopen(configuration().c_str(), "w"));
-        if (!file) {
-            return false;
-        }
-        fprintf(file.get(),
-                "<!DOCTYPE busconfig PUBLIC '-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN'\n"
-                " 'http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd'>\n"
-                "<busconfig><listen>unix:path=%s/socket</listen>\n"
-                "<policy context='default'><allow own='*'/>\n"
-                "<allow send_destination='*' send_requested_reply='false'/>\n"
-                "<allow receive_sender='*' receive_requested_reply='false'/>%s\n"
-                "</policy></busconfig>\n",
-                directory_.c_str(), policy.c_str());
-        return fclose(file.release()) == 0;
-    }
-
-    std::string directory_ = "/tmp/nimbrelc_bus.XXXXXX";
+    const temporary_directory directory_;
     pid_t daemon_ = -1;
     bool ready_ = false;
 };

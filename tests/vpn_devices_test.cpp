@@ -4,12 +4,12 @@
 
 #include <string>
 
-#include "nimbrelc_utils_json.h"
+#include "helpers.h"
 
 namespace {
 
 std::string parsed(const std::string &output) {
-    return nimbrelc_utils_print_json_unformatted(vpn_devices_parse(output).get()).value_or("none");
+    return print(vpn_devices_parse(output));
 }
 
 TEST(vpn_devices, tokens_are_taken_three_at_a_time) {

@@ -1,0 +1,80 @@
+// What several unit tests share: a directory of their own, JSON as text, and the log as text.
+#pragma once
+
+#include <stdlib.h>
+
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <string>
+
+#include "common/json_ptr.h"
+#include "logger.h"
+#include "nimbrelc_utils_json.h"
+
+class temporary_directory {
+public:
+    temporary_directory() : path_(mkdtemp(pattern_)) {}
+    ~temporary_directory() {
+        std::filesystem::remove_all(path_);
+    }
+    temporary_directory(const temporary_directory &) = delete;
+    temporary_directory &operator=(const temporary_directory &) = delete;
+
+    const std::string &path() const {
+        return path_;
+    }
+    std::string operator/(const char *name) const {
+        return path_ + "/" + name;
+    }
+
+private:
+    char pattern_[32] = "/tmp/nimbrelc_test.XXXXXX";
+    std::string path_;
+};
+
+inline json_ptr parse(const std::string &text) {
+    return json_ptr(cJSON_Parse(text.c_str()));
+}
+
+inline std::string print(const json_ptr &item) {
+    return nimbrelc_utils_print_json_unformatted(item.get()).value_or("nothing");
+}
+
+inline std::string content(const std::string &path) {
+    std::ifstream file(path);
+    return {std::istreambuf_iterator<char>(file), {}};
+}
+
+inline size_t open_descriptors() {
+    using entries = std::filesystem::directory_iterator;
+    return static_cast<size_t>(std::distance(entries("/proc/self/fd"), entries()));
+}
+
+// Collects what is logged, without the times, while it exists.
+class recorded_log {
+public:
+    recorded_log() {
+        static const custom_logger recorder = {nullptr, nullptr, add, nullptr};
+        text.clear();
+        logger_set_custom_logger(&recorder);
+        logger_init("enabled=true:level=info");
+    }
+    ~recorded_log() {
+        logger_set_custom_logger(nullptr);
+        logger_cleanup();
+    }
+    recorded_log(const recorded_log &) = delete;
+    recorded_log &operator=(const recorded_log &) = delete;
+
+    static bool has(const char *part) {
+        return text.find(part) != std::string::npos;
+    }
+
+    static inline std::string text;
+
+private:
+    static void add(const char *, int, const char *line, const char *, size_t) {
+        text += line + 24;
+    }
+};
