@@ -47,7 +47,7 @@ TEST_F(launcher, shell_results) {
 
     status = -1;
     EXPECT_EQ(launch("printf out; kill -TERM $$", &status, &output), LAUNCH_SHELL_ERROR);
-    EXPECT_EQ(output, "");
+    EXPECT_EQ(output, "out");
     EXPECT_EQ(launch(nullptr, &status, &output), LAUNCH_NO_COMMAND);
     EXPECT_EQ(status, -1);
     EXPECT_EQ(log.text,
