@@ -109,6 +109,15 @@ TEST_F(nimbrelc_utils, removes_a_tree_but_not_what_its_links_point_to) {
 }
 
 TEST_F(nimbrelc_utils, cuts_and_replaces_text) {
+    std::string buffer = "ab";
+    size_t capacity = 6;
+    EXPECT_TRUE(safe_append_string(buffer, capacity, nullptr));
+    EXPECT_FALSE(safe_append_string(buffer, capacity, "as long"));
+    EXPECT_TRUE(safe_append_string(buffer, capacity, "cde"));
+    EXPECT_EQ(capacity, 6U);
+    EXPECT_TRUE(safe_append_string(buffer, capacity, "f"));
+    EXPECT_EQ(capacity, 12U);
+    EXPECT_EQ(buffer, "abcdef");
     EXPECT_EQ(copy_substring("abc", 1, 10), "bc");
     EXPECT_EQ(copy_substring("abc", 2, 1), std::nullopt);
     EXPECT_EQ(copy_substring("abc", 3, 4), std::nullopt);
