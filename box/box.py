@@ -152,6 +152,11 @@ class Box:
                               stdin=subprocess.DEVNULL if input is None else None,
                               capture_output=True, encoding="utf-8", errors="replace")
 
+    def fill_medium(self):
+        """Leaves no byte free where the configuration is stored."""
+        self.run(["mount", "-o", "remount,size=1m", "/media"])
+        self.run(["sh", "-c", "cat /dev/zero >/media/full"], check=False)
+
     # The daemon ---------------------------------------------------------------------------------
 
     def config(self):

@@ -1,5 +1,6 @@
 """AFP: the configuration file, and which of the volumes' directories are kept."""
 import os
+import re
 
 import pytest
 
@@ -34,10 +35,7 @@ def test_directories_of_volumes_that_are_gone_are_removed(gateway):
     assert gateway.is_up("netatalk")
     assert removed(gateway) == gone
     assert set(os.listdir(gateway.path(CNID))) == kept | {"file", "link"}
-    lines = gateway.read(CONFIG).split("\n")
-    assert lines[:4] == ["[Global]", "  uam list = uams_dhx.so,uams_dhx2.so,uams_guest.so",
-                         "  guest account = default", "  log level = default:warn"]
-    assert [line for line in lines if line.startswith("[")] == ["[Global]", "[Data]", "[a_b]"]
+    assert re.findall(r"^\[.*\]", gateway.read(CONFIG), re.M) == ["[Global]", "[Data]", "[a_b]"]
 
     # A stop removes all of them; one that cannot be removed does not stop the walk or the stop.
     gateway.script("remove_afp_cnid_dir.sh", code=1)
@@ -49,10 +47,8 @@ def test_directories_of_volumes_that_are_gone_are_removed(gateway):
     assert gateway.log().count("Successfully removed unnecessary CNID dirs") == 2
     assert not gateway.is_up("netatalk")
 
-
-def test_a_missing_directory_fails_nothing(gateway):
+    # A directory that is missing fails nothing.
     gateway.run(["rm", "-r", CNID])
-    gateway.start_daemon()
     gateway.plug("sda")
-    gateway.wait_log("Start of service [AFP] initiaded")
+    gateway.wait_log("Start of service [AFP] initiaded", count=2)
     gateway.wait_log("Error occured while removing unecessary CNID dirs")

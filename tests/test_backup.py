@@ -13,8 +13,8 @@ KEY = hashlib.sha1(b"7v!n5&s7").digest()[:16].hex()
 FILE = "/tmp/settings.backup"
 
 
-def openssl(data, *direction):
-    return subprocess.run(["openssl", "enc", *direction, "-aes-128-ecb", "-K", KEY], input=data,
+def openssl(data, *direction, key=KEY):
+    return subprocess.run(["openssl", "enc", *direction, "-aes-128-ecb", "-K", key], input=data,
                           stdout=subprocess.PIPE, check=True).stdout
 
 
@@ -42,21 +42,20 @@ def document():
         return json.load(file)
 
 
+def start(box, wanted):
+    box.edit_config(lambda config: (config.clear(), config.update(wanted)))
+    box.start_daemon()
+
+
 @pytest.mark.sanitize
 def test_settings_move_to_another_box(box):
-    box.edit_config(lambda config: (config.clear(), config.update(document())))
-    box.start_daemon()
+    start(box, document())
     assert backup(box, "store", FILE) == ()
     stored = read_backup(box)
     old = document()
-    assert stored["version"] == "08.05.09"
-    assert list(stored["config"].items()) == [
-        ("centralStorage.enabled", True), ("dlna.mediaStreamingEnabled", True), ("devices.usbMode", "host"),
-        ("storage.enabled", True), ("storage.username", "family"),
-        ("storage.password4", old["storage"]["password4"]),
-        ("nas.fileServices.samba.enabled", True), ("nas.fileServices.afp.enabled", False),
-        ("nas.fileServices.avahi.enabled", True), ("vpn.enable", False), ("vpn.username", "road"),
-        ("vpn.password4", old["vpn"]["password4"]), ("vpn.presharedkey4", old["vpn"]["presharedkey4"]),
+    assert stored["version"] == "08.05.09" and len(stored["config"]) == 16
+    assert stored["config"]["vpn.password4"] == old["vpn"]["password4"]
+    assert list(stored["config"].items())[-3:] == [
         ("storage.password", "photos2024"), ("vpn.password", "warrior77"), ("vpn.presharedkey", "shared-key-1")]
 
     # Another box: other settings, and no "devices" section at all.
@@ -66,8 +65,7 @@ def test_settings_move_to_another_box(box):
     other["vpn"].update(username="", password4="", presharedkey4=None)
     other["nas"]["fileServices"]["samba"].update(enabled=False)
     del other["devices"]
-    box.edit_config(lambda config: (config.clear(), config.update(other)))
-    box.start_daemon()
+    start(box, other)
     assert backup(box, "restore", FILE) == (True,)
     expected = dict(old)
     del expected["devices"]
@@ -82,17 +80,14 @@ def test_settings_move_to_another_box(box):
 
 @pytest.mark.sanitize
 def test_files_that_cannot_be_restored(box):
-    box.edit_config(lambda config: (config.clear(), config.update(document())))
-    box.start_daemon()
+    start(box, document())
     pid = box.daemon_pid()
     before = box.read("/media/nimbrelc.json")
     assert backup(box, "store", FILE) == ()
     with open(box.path(FILE), "rb") as file:
         good = file.read()
-    wrong_key = subprocess.run(["openssl", "enc", "-aes-128-ecb", "-K", "00" * 16], input=b"{}",
-                               stdout=subprocess.PIPE, check=True).stdout
     for bad in [b"", good[:-1], good[:16], bytes([good[0] ^ 1]) + good[1:], good[:-1] + bytes([good[-1] ^ 1]),
-                wrong_key, openssl(b"no json"), os.urandom(1 << 20)]:
+                openssl(b"{}", key="00" * 16), openssl(b"no json"), os.urandom(1 << 20)]:
         box.write(FILE, bad)
         assert backup(box, "restore", FILE) == (False,)
     box.run(["mkfifo", "-m", "666", "/tmp/pipe"])
@@ -110,8 +105,7 @@ def test_files_that_cannot_be_restored(box):
 
 
 def test_odd_and_older_backups(box):
-    box.edit_config(lambda config: (config.clear(), config.update(document())))
-    box.start_daemon()
+    start(box, document())
     # Valid JSON that is no backup ends the loop at once; what is stored stays as it was.
     before = box.read("/media/nimbrelc.json")
     write_backup(box, {"config": [1]})
@@ -123,20 +117,19 @@ def test_odd_and_older_backups(box):
     # A backup of an older form has its secrets in plain text only.
     write_backup(box, {"version": "07.00.00", "config": {
         "storage.username": "grandma", "storage.password": "cookies-4-all", "vpn.password": "",
-        "dlna.mediaStreamingEnabled": False, "devices.usbMode": 2.7, "vpn.enable": [1], "storage": None,
-        "cpeDevice.deviceInfo": "gone"}})
+        "dlna.mediaStreamingEnabled": False, "vpn.enable": [1], "cpeDevice.deviceInfo": "gone"}})
     assert backup(box, "restore", FILE) == (True,)
     wait_restart(box, ends=2)
     config = box.config()
-    assert config["devices"]["usbMode"] == 2 and config["vpn"]["enable"] is False
+    assert config["vpn"]["enable"] is False
     assert config["vpn"]["password4"] == "" and config["dlna"]["mediaStreamingEnabled"] is False
     assert config["cpeDevice"] == document()["cpeDevice"]
     (quoted,) = box.call("/ws/nas/fileservices", "com.kelvanto.nimbrel.nas.fileservices",
                          "getCredentialsForUserShares")
     assert json.loads(json.loads(quoted)) == {"enabled": True, "username": "grandma", "password": "cookies-4-all"}
 
-    # Kept: a save that fails is answered with true, and the daemon starts anew with the old document.
-    box.run(["mkdir", "-p", "/media/nimbrelc.json.tmp/in-the-way"])
+    # Kept: on a full medium the answer is true all the same; the daemon starts anew with the old document.
+    box.fill_medium()
     write_backup(box, {"config": {"storage.username": "nobody", "storage.password4": ""}})
     assert backup(box, "restore", FILE) == (True,)
     box.wait_log("Failed to save nimbrelc's configuration")

@@ -1,6 +1,4 @@
 """The management agent's parameters: values from the configuration, from the box and from peers."""
-import json
-
 import pytest
 
 from box import NoReply, i, u
@@ -28,13 +26,8 @@ def set_value(box, key, value):
     return box.data_model("SetValue", key, value) == (True,)
 
 
-def object_at(box, key):
-    (text,) = box.data_model("GetObject", key)
-    return json.loads(text)
-
-
 @pytest.mark.sanitize
-def test_values_of_the_configuration(box):
+def test_values_of_the_configuration_and_the_box(box):
     def change(config):
         config["cpeDevice"]["deviceInfo"]["provisioningCode"] = 'a "code" % ü'
         config["segfault"]["firmwareVersion"] = "08.05.09"
@@ -45,17 +38,22 @@ def test_values_of_the_configuration(box):
         config["deviceManagement"] = 5
     box.edit_config(change)
     box.start_daemon()
-    box.wait_log("Cannot find ProvisioningState configuration")
     box.wait_log("Cannot start service [datamodel]")
 
-    assert get(box, "Device.DeviceInfo.SoftwareVersion") == "08.05.09"
-    assert get(box, "Device.DeviceInfo.ProvisioningCode") == 'a "code" % ü'
-    assert box.data_model("GetValue", "Device.DeviceInfo.FirstUseDate") == ("",)
-    assert get(box, DEVICE + "Storage.CentralStorageEnabled") == "boolean true"
-    assert get(box, SYSLOG + "NumberOfFiles") == "uint32 5"
-    assert get(box, SYSLOG + "Persistent") == "boolean false"
-    assert get(box, DEVICE + "MinimumFWVersion") == "int32 -7"
-    assert get(box, DEVICE + "Debug.Segfault.Count") == "uint32 2147483647"
+    for key, value in [("Device.DeviceInfo.SoftwareVersion", "08.05.09"),
+                       ("Device.DeviceInfo.ProvisioningCode", 'a "code" % ü'),
+                       ("Device.DeviceInfo.FirstUseDate", ""),
+                       (DEVICE + "Storage.CentralStorageEnabled", "boolean true"),
+                       (SYSLOG + "NumberOfFiles", "uint32 5"), (DEVICE + "MinimumFWVersion", "int32 -7"),
+                       (DEVICE + "Debug.Segfault.Count", "uint32 2147483647"),
+                       ("Device.LAN.IPAddress", "192.168.1.1"), ("Device.LAN.MACAddress", "02:00:5e:10:00:01")]:
+        assert get(box, key) == value, key
+    kind, seconds = get(box, "Device.DeviceInfo.UpTime").split()
+    assert kind == "uint32" and abs(int(seconds) - float(box.read("/proc/uptime").split()[0])) < 3
+    assert box.data_model("GetObject", "Device.LAN.IPAddress") == ("192.168.1.1",)
+    box.run(["ip", "link", "del", "eth1"])
+    assert get(box, "Device.LAN.IPAddress") == "0.0.0.0"
+    assert box.data_model("GetValue", "Device.LAN.MACAddress") == ("",)
 
     for key in [DEVICE + "DevelopmentBuildsAllowed", DEVICE + "FWUpgradeValidation", STATE,
                 STORAGE + "PhysicalMedium.1", "", "%s%n", "Device.LAN.IPAddress ", "x" * 100000]:
@@ -70,8 +68,7 @@ def test_values_of_the_configuration(box):
         assert box.call(*BUS, "GetValue", *bad) == box.call(*BUS, "GetObject", *bad) == ()
     for bad in [(), (SYSLOG + "MaxFileSize",), (u(1), u(2)), (SYSLOG + "MaxFileSize", u(1), u(2))]:
         assert box.call(*BUS, "SetValue", *bad) == (False,)
-    # Values of the configuration are no objects.
-    assert box.data_model("GetObject", SYSLOG + "MaxFileSize") == ()
+    assert box.data_model("GetObject", SYSLOG + "MaxFileSize") == ()  # no object
     assert box.config()["syslog"]["maxFileSize"] == 512
 
 
@@ -96,44 +93,26 @@ def test_writing_the_configuration(gateway):
     expected = box.config()
     assert expected["cpeDevice"]["deviceInfo"]["provisioningCode"] == texts[-1]
     assert expected["upgradeConfig"]["developmentBuildsAllowed"] is True
-    assert list(expected["syslog"]) == ["numberOfFiles", "maxFileSize", "persistent",
-                                        "activationDuration", "activationDate"]
 
     applied = box.log().count("syslogd-log already run with the right options")
     for key, value in [(SYSLOG + "NumberOfFiles", "7"), (SYSLOG + "NumberOfFiles", True),
                        (SYSLOG + "NumberOfFiles", ("x", 7)), (SYSLOG + "Persistent", u(1)),
-                       (SYSLOG + "Persistent", ("v", ("b", True))),
-                       ("Device.DeviceInfo.ProvisioningCode", u(1))]:
+                       (SYSLOG + "Persistent", ("v", ("b", True)))]:
         assert not set_value(box, key, value)
     # Kept: the hook runs after a refused value too.
     box.wait_log("syslogd-log already run with the right options", count=applied + 5)
-    for key in ["Device.DeviceInfo.SoftwareVersion", DEVICE + "Storage.PasswordProtectionEnabled",
-                DEVICE + "Storage.CentralStorageEnabled", SYSLOG + "PersistentLogActivationDate",
-                DEVICE + "Debug.Segfault.Count", STORAGE + "PhysicalMedium.1", "Device.LAN.IPAddress"]:
+    for key in ["Device.DeviceInfo.SoftwareVersion", DEVICE + "Storage.CentralStorageEnabled",
+                STORAGE + "PhysicalMedium.1", "Device.LAN.IPAddress"]:
         assert not set_value(box, key, "x")
         box.wait_log(f"Failed to get value for key {key}: handler callback not found")
     assert not set_value(box, "Device.Nothing", "x")
     assert box.config() == expected
 
-    # A change that cannot be saved is answered false; memory keeps it.
-    box.run(["mkdir", "-p", "/media/nimbrelc.json.tmp/full"])
+    # A change that a full medium cannot take is answered false; memory keeps it.
+    box.fill_medium()
     assert not set_value(box, DEVICE + "MinimumFWVersion", "08")
     assert get(box, DEVICE + "MinimumFWVersion") == "08"
     assert box.config() == expected
-
-
-def test_values_of_the_box(gateway):
-    box = gateway
-    kind, seconds = get(box, "Device.DeviceInfo.UpTime").split()
-    assert kind == "uint32" and abs(int(seconds) - float(box.read("/proc/uptime").split()[0])) < 3
-    assert get(box, "Device.LAN.IPAddress") == "192.168.1.1"
-    assert get(box, "Device.LAN.MACAddress") == "02:00:5e:10:00:01"
-    assert box.data_model("GetObject", "Device.LAN.IPAddress") == ("192.168.1.1",)
-    box.run(["ip", "link", "del", "eth1"])
-    assert get(box, "Device.LAN.IPAddress") == "0.0.0.0"
-    assert box.data_model("GetValue", "Device.LAN.MACAddress") == ("",)
-    box.wait_log("Failed to get local IP address")
-    box.wait_log("Failed to get MAC address")
 
 
 @pytest.mark.sanitize
@@ -142,13 +121,12 @@ def test_values_of_peers(gateway):
     hardware, disks = box.peer("hardware"), box.peer("ddm")
     bootloader, sleep = DEVICE + "BootloaderVersion", DEVICE + "Storage.DiskSleepEnabled"
     assert get(box, bootloader) == "bootloader 3.4"
-    for wrong in [(), ("a", "b"), ("a", "b", u(3)), ("a", "b", "c", "d")]:
+    for wrong in [(), ("a", "b", u(3)), ("a", "b", "c", "d")]:
         hardware.answer("HardwareInfoRequest", *wrong)
         assert box.data_model("GetValue", bootloader) == ()
-    hardware.fail("HardwareInfoRequest")
-    assert box.data_model("GetValue", bootloader) == ()
-    hardware.leave()
-    assert box.data_model("GetValue", bootloader) == ()
+    for fault in [lambda: hardware.fail("HardwareInfoRequest"), hardware.leave]:
+        fault()
+        assert box.data_model("GetValue", bootloader) == ()
 
     assert get(box, sleep) == "boolean false"
     disks.answer("SetDiskSleepEnabled", False)
@@ -187,7 +165,7 @@ def test_provisioning_state(gateway):
     agent.fail("set")
     assert set_value(box, STATE, "last")
     assert get(box, STATE) == "last"
-    box.run(["mkdir", "-p", "/media/nimbrelc.json.tmp/full"])
+    box.fill_medium()
     calls = len(agent.calls("set"))
     assert not set_value(box, STATE, "unsaved")
     assert get(box, STATE) == "unsaved" and len(agent.calls("set")) == calls
@@ -203,20 +181,14 @@ def test_storage(gateway):
 
     def summary():
         return [get(box, key) for key in counts]
-    assert summary() == ["uint32 0", "uint32 0", "int32 0", "boolean false"]
     box.plug("sda", partitions=[{"label": "Photos", "type": "ntfs"}, {"mount_point": None}, {}])
     box.plug("printer", device_type="PRINTER")
     assert summary() == ["uint32 2", "uint32 2", "int32 1", "boolean false"]
     box.plug("mmc", kind="SD")
     assert summary() == ["uint32 3", "uint32 3", "int32 1", "boolean true"]
-
-    assert object_at(box, STORAGE + "PhysicalMedium.3.Vendor") == {
-        "Name": "Acme Stick", "Vendor": "Acme", "Model": "Stick", "SerialNumber": "serial-mmc",
-        "ConnectionType": "SD", "Removable": True, "Status": "Online", "Capacity": 976}
-    assert object_at(box, STORAGE + "LogicalVolume.1")["FileSystem"] == "NTFS"
-    assert object_at(box, STORAGE + "LogicalVolume.2")["Name"] == "sda3"
-    assert (object_at(box, STORAGE + "LogicalVolume.3")["PhysicalReference"]
-            == STORAGE + "PhysicalMedium.3.")
+    for key, part in [("PhysicalMedium.3.Vendor", '"SerialNumber":"serial-mmc"'),
+                      ("LogicalVolume.3", '"PhysicalReference":"' + STORAGE + 'PhysicalMedium.3."')]:
+        assert part in box.data_model("GetObject", STORAGE + key)[0]
     indexed = [STORAGE + "PhysicalMedium.1", STORAGE + "LogicalVolume.1"]
     for key in [STORAGE + "PhysicalMedium.0", STORAGE + "LogicalVolume.4", STORAGE + "PhysicalMedium.-1"]:
         assert box.data_model("GetObject", key) == ()
@@ -224,8 +196,7 @@ def test_storage(gateway):
                  "physical_medium_getter: invalid index -2", "read_devices_and_partitions: callback error"]:
         box.wait_log(line)
 
-    for key, value in [(indexed[1] + ".Name", "Photos"), (indexed[1] + ".Name", ""), (indexed[1], "x"),
-                       (indexed[1] + ".Name", u(1))]:
+    for key, value in [(indexed[1] + ".Name", "Photos"), (indexed[1], "x"), (indexed[1] + ".Name", u(1))]:
         assert not set_value(box, key, value)
     box.wait_log(f"logical_volume_name_setter: failed to set value of parameter {indexed[1]}.Name", count=2)
     assert box.log().count("logical_volume_name_setter: not supported") == 1
@@ -244,8 +215,6 @@ def test_storage(gateway):
     disks.clear()
     disks.fail("PartitionList")
     assert [box.data_model("GetObject", key) for key in indexed] == [(), ()]
-    box.wait_log("read_devices_and_partitions: removable_partitions_list wrong out arg")
-    box.wait_log("sd_card_present_getter: cannot convert to json")
     disks.clear()
     disks.answer("DeviceList", "[null,7,'x',{device_type: 5}]")
     disks.answer("PartitionList", "[[],{mount_point: true},{mount_point: '/m'}]")

