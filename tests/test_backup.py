@@ -48,6 +48,7 @@ def start(box, wanted):
 
 
 @pytest.mark.sanitize
+@pytest.mark.both_flavours
 def test_settings_move_to_another_box(box):
     start(box, document())
     assert backup(box, "store", FILE) == ()

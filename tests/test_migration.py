@@ -36,6 +36,7 @@ def migrate(box, installed, config, code=0):
 
 
 @pytest.mark.sanitize
+@pytest.mark.both_flavours
 def test_upgrades(box):
     old = document("08.04.99")
     for recorded in ("08.04.99", "08.05.01", "08.05.08"):
