@@ -82,11 +82,20 @@ bool write_config(const char *config_key, const message_bus_arg &value) {
 
 // --- Provisioning state
 
+// A comma would end the value in the tool's notation, and what follows would be other members of
+// the agent's object.
+bool is_one_value(const char *state) {
+    return strchr(state, ',') == nullptr;
+}
+
 // Hands the state to the agent's own service; waits until that has answered.
 bool push_provisioning_state() {
     const cJSON *state = get_config_item(config_path(provisioning_state_key).c_str());
     if (!cJSON_IsString(state)) {
         LOG_ERROR("Cannot find ProvisioningState configuration");
+        return false;
+    }
+    if (!is_one_value(state->valuestring)) {
         return false;
     }
     int status = -1;
@@ -100,7 +109,7 @@ bool push_provisioning_state() {
 }
 
 bool provisioning_state_setter(const message_bus_arg &value, message_bus_request request) {
-    if (value.type != MB_ARG_STRING || value.string[0] == '\0') {
+    if (value.type != MB_ARG_STRING || value.string[0] == '\0' || !is_one_value(value.string)) {
         LOG_WARN("Invalid ProvisioningState, ignoring");
         return message_bus_send_bool_reply(std::move(request), false);
     }

@@ -37,7 +37,8 @@ bool update_marker(const char *path, bool present) {
         }
         return true;
     }
-    const int descriptor = open(path, O_RDONLY | O_CREAT | O_CLOEXEC, 0644);
+    // Not waiting, should something put a pipe there.
+    const int descriptor = open(path, O_RDONLY | O_CREAT | O_CLOEXEC | O_NONBLOCK | O_NOCTTY, 0644);
     if (descriptor == -1) {
         LOG_WARN("Failed to create file %s: %s", path, strerror(errno));
         return false;

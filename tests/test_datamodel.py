@@ -158,9 +158,9 @@ def test_provisioning_state(gateway):
         assert agent.wait_calls("set", number)[-1] == ("set", {"ProvisioningState": state})
         assert box.config()["deviceManagement"]["provisioningState"] == state
     assert not any(box.exists("/tmp/" + name) for name in "abc")
-    for bad in ["", u(1), True]:
+    for bad in ["", "a,Other,b", u(1), True]:
         assert not set_value(box, STATE, bad)
-    box.wait_log("Invalid ProvisioningState, ignoring", count=3)
+    box.wait_log("Invalid ProvisioningState, ignoring", count=4)
     # The agent's own failure changes nothing about the value.
     agent.fail("set")
     assert set_value(box, STATE, "last")
@@ -196,7 +196,8 @@ def test_storage(gateway):
                  "physical_medium_getter: invalid index -2", "read_devices_and_partitions: callback error"]:
         box.wait_log(line)
 
-    for key, value in [(indexed[1] + ".Name", "Photos"), (indexed[1], "x"), (indexed[1] + ".Name", u(1))]:
+    for key, value in [(indexed[1] + ".Name", "Photos"), (indexed[1] + ".Name", ""), (indexed[1], "x"),
+                       (indexed[1] + ".Name", u(1))]:
         assert not set_value(box, key, value)
     box.wait_log(f"logical_volume_name_setter: failed to set value of parameter {indexed[1]}.Name", count=2)
     assert box.log().count("logical_volume_name_setter: not supported") == 1
