@@ -51,6 +51,8 @@ def test_upgrades(box):
         assert not {"password_legacy", "password3", "presharedkey_legacy", "presharedkey3"} & set(config["vpn"])
         assert config["nas"] == old["nas"]
         if recorded == "08.04.99":
+            assert config["cpeDevice"]["deviceInfo"]["firstUseDate"] == "2019-05-03T10:20:30Z"
+            assert config["ssh"]["activationDate"] is None
             assert config["vpn"]["lastConnectTimestamp"] == "2021-11-30T18:00:00Z"
             assert config["segfault"]["count"] == 0 and config["segfault"]["firmwareVersion"] is None
         # The daemon serves with it, and the share's user gets in.
@@ -96,6 +98,8 @@ def test_legacy_take_over(box):
     assert config["vpn"]["presharedkey4"] == legacy["vpn"]["presharedkey"]
     assert config["vpn"]["username"] == "tunnel" and config["vpn"]["enable"] is True
     assert config["nas"]["fileServices"]["samba"]["daemonConfig"]["serverName"] == "Cellar"
+    assert config["centralStorage"]["enabled"] is False
+    assert config["cpeDevice"]["deviceInfo"]["firstUseDate"] == "2016-02-29T08:00:00Z"
     assert "speedTest" not in config and "xmpp" not in config["cpeDevice"]
     assert json.loads(box.read("/media/config.json")) == legacy  # never touched
 

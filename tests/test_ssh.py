@@ -104,8 +104,9 @@ def test_a_restore_restarts_the_daemon_but_not_the_activation(box):
     assert ran(box, first) == [STOP] * (box.flavour == "release") + [
         DELETE, ["set_auth_key.sh", ""], SET, START]
     assert (section(box)["enable"], section(box)["activationDate"]) == (True, date)
-    vpn = [argv[-2] for argv in box.commands()[first:] if "ipsec" in argv or argv[0].endswith("ctl")]
-    assert vpn[:3] == ["change", "stop", "stop"]
+    vpn = [argv[-2:] for argv in box.commands()[first:] if "ipsec" in argv or argv[0].endswith("ctl")]
+    word = "release" if box.flavour == "release" else "debug"
+    assert vpn[:3] == [["change", "ipsec"], ["stop", word], ["stop", word]]
 
 
 @pytest.mark.sanitize
@@ -126,11 +127,12 @@ def test_a_bad_section_changes_nothing(box):
     start(box)
     good = {"authorizedKey": "", "enable": True, "externalNPPort": 0, "activationDuration": 1,
             "activationDate": None}
-    for change in [{"externalNPPort": 65535}, {"externalNPPort": "22"}, {"activationDuration": -1},
+    for change in [{"externalNPPort": 65535}, {"externalNPPort": -1}, {"externalNPPort": "22"},
+                   {"activationDuration": -1},
                    {"activationDate": 5}, {"authorizedKey": None}, {"enable": 1}]:
         assert restart(box, **good | change) == [], change
         assert section(box) == good | change
-    box.wait_log("Bad configuration. Some fields have bad values.", count=6)
+    box.wait_log("Bad configuration. Some fields have bad values.", count=7)
     box.edit_config(lambda config: config["ssh"].pop("enable"))
     assert restart(box, **{"externalNPPort": 1}) == []
     box.wait_log("Bad configuration. One of the fields is not present")
@@ -168,6 +170,9 @@ def test_a_failing_step_undoes_the_earlier_ones(box):
 def test_the_duration_re_times_the_activation(box):
     start(box, enable=True, activationDuration=10)
     date = section(box)["activationDate"]
+    for value in ["20", True, ("i", 20)]:
+        assert set_value(box, "ActivationDuration", value) is False
+    assert section(box)["activationDuration"] == 10
     assert set_value(box, "ActivationDuration", u(20000)) is True
     release = box.flavour == "release"
     assert section(box)["activationDuration"] == (14400 if release else 20000)
