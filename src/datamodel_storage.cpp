@@ -45,16 +45,12 @@ json_ptr read_list(const list_source &source, const char *text_format, int32_t a
     return list;
 }
 
-const char *text_of(const cJSON *record, const char *member) {
-    return nimbrelc_utils_empty_if_null_json(cJSON_GetObjectItem(record, member));
-}
-
 double number_of(const cJSON *record, const char *member) {
     return nimbrelc_utils_zero_if_null(cJSON_GetObjectItem(record, member));
 }
 
 bool is_text(const cJSON *record, const char *member, std::string_view text) {
-    return text == text_of(record, member);
+    return text == nimbrelc_utils_get_json_text(record, member);
 }
 
 // --- Counts and summaries
@@ -310,7 +306,7 @@ std::optional<std::string> build_physical_medium(const cJSON *devices, const cJS
         return std::nullopt;
     }
     const cJSON *device = cJSON_GetArrayItem(devices, i);
-    const char *syspath = text_of(device, "syspath");
+    const char *syspath = nimbrelc_utils_get_json_text(device, "syspath");
     double capacity = 0;
     const cJSON *partition = nullptr;
     cJSON_ArrayForEach(partition, partitions) {
@@ -318,14 +314,16 @@ std::optional<std::string> build_physical_medium(const cJSON *devices, const cJS
             capacity += number_of(partition, "capacity");
         }
     }
-    const std::string name =
-        std::string(text_of(device, "vendor")) + " " + text_of(device, "model");
+    const std::string name = std::string(nimbrelc_utils_get_json_text(device, "vendor")) + " " +
+                             nimbrelc_utils_get_json_text(device, "model");
     const json_ptr entry(cJSON_CreateObject());
     cJSON_AddStringToObject(entry.get(), "Name", name.c_str());
-    cJSON_AddStringToObject(entry.get(), "Vendor", text_of(device, "vendor"));
-    cJSON_AddStringToObject(entry.get(), "Model", text_of(device, "model"));
-    cJSON_AddStringToObject(entry.get(), "SerialNumber", text_of(device, "serial"));
-    cJSON_AddStringToObject(entry.get(), "ConnectionType", text_of(device, "connection_type"));
+    cJSON_AddStringToObject(entry.get(), "Vendor", nimbrelc_utils_get_json_text(device, "vendor"));
+    cJSON_AddStringToObject(entry.get(), "Model", nimbrelc_utils_get_json_text(device, "model"));
+    cJSON_AddStringToObject(entry.get(), "SerialNumber",
+                            nimbrelc_utils_get_json_text(device, "serial"));
+    cJSON_AddStringToObject(entry.get(), "ConnectionType",
+                            nimbrelc_utils_get_json_text(device, "connection_type"));
     cJSON_AddTrueToObject(entry.get(), "Removable");
     cJSON_AddStringToObject(entry.get(), "Status", "Online");
     add_capacity(entry.get(), "Capacity", capacity);
@@ -339,7 +337,7 @@ std::optional<std::string> build_logical_volume(const cJSON *devices, const cJSO
         LOG_ERROR("logical_volume_getter: invalid index %d", static_cast<int32_t>(index - 1));
         return std::nullopt;
     }
-    const char *disk_syspath = text_of(partition, "disk_syspath");
+    const char *disk_syspath = nimbrelc_utils_get_json_text(partition, "disk_syspath");
     if (disk_syspath[0] == '\0') {
         LOG_ERROR(volume_format, "undefined disk syspath");
         return std::nullopt;
@@ -353,12 +351,13 @@ std::optional<std::string> build_logical_volume(const cJSON *devices, const cJSO
     const std::string reference =
         "Device.StorageService.1.PhysicalMedium." + std::to_string(device) + ".";
     const json_ptr entry(cJSON_CreateObject());
-    cJSON_AddStringToObject(entry.get(), "Name", text_of(partition, "label"));
+    cJSON_AddStringToObject(entry.get(), "Name", nimbrelc_utils_get_json_text(partition, "label"));
     cJSON_AddStringToObject(entry.get(), "Status", "Online");
     cJSON_AddTrueToObject(entry.get(), "Enable");
     cJSON_AddStringToObject(entry.get(), "PhysicalReference", reference.c_str());
-    cJSON_AddStringToObject(entry.get(), "FileSystem",
-                            file_system_name(text_of(partition, "type")).c_str());
+    cJSON_AddStringToObject(
+        entry.get(), "FileSystem",
+        file_system_name(nimbrelc_utils_get_json_text(partition, "type")).c_str());
     add_capacity(entry.get(), "Capacity", capacity);
     add_capacity(entry.get(), "UsedSpace", capacity - number_of(partition, "free"));
     return print_entry(entry.get(), volume_format);

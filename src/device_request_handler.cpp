@@ -34,10 +34,6 @@ struct partition_record {
     const cJSON *record;
 };
 
-const char *text_field(const cJSON *record, const char *key) {
-    return nimbrelc_utils_empty_if_null_json(cJSON_GetObjectItem(record, key));
-}
-
 const char *storage_type(const cJSON *device) {
     const cJSON *connection_type = cJSON_GetObjectItem(device, "connection_type");
     if (connection_type == nullptr) {
@@ -90,15 +86,15 @@ void append_number_field(std::string &json, const cJSON *record, const char *key
 }
 
 void append_partition_entry(std::string &data, const cJSON *device, const cJSON *partition) {
-    const bool mounted = *text_field(partition, "mount_point") != '\0';
+    const bool mounted = *nimbrelc_utils_get_json_text(partition, "mount_point") != '\0';
     data += data.empty() ? R"({"id":)" : R"(,{"id":)";
-    append_text(data, text_field(partition, mounted ? "uuid" : "syspath"));
+    append_text(data, nimbrelc_utils_get_json_text(partition, mounted ? "uuid" : "syspath"));
     data += R"(,"type":)";
     append_text(data, storage_type(device));
     data += R"(,"label":)";
-    append_text(data, text_field(partition, "label"));
+    append_text(data, nimbrelc_utils_get_json_text(partition, "label"));
     data += R"(,"fsType":)";
-    append_text(data, text_field(partition, "type"));
+    append_text(data, nimbrelc_utils_get_json_text(partition, "type"));
     if (!mounted) {
         data += R"(,"capacity":null,"freeSpace":null,"supported":false})";
         return;
@@ -113,10 +109,10 @@ void append_partition_entry(std::string &data, const cJSON *device, const cJSON 
 // Kept: here the label comes first.
 void append_device_entry(std::string &data, const cJSON *device) {
     data += data.empty() ? R"({"label":)" : R"(,{"label":)";
-    append_text(data,
-                std::string(text_field(device, "vendor")) + " " + text_field(device, "model"));
+    append_text(data, std::string(nimbrelc_utils_get_json_text(device, "vendor")) + " " +
+                          nimbrelc_utils_get_json_text(device, "model"));
     data += R"(,"id":)";
-    append_text(data, text_field(device, "syspath"));
+    append_text(data, nimbrelc_utils_get_json_text(device, "syspath"));
     data += R"(,"type":)";
     append_text(data, storage_type(device));
     data += R"(,"fsType":null,"capacity":null,"freeSpace":null,"supported":false})";
@@ -124,7 +120,7 @@ void append_device_entry(std::string &data, const cJSON *device) {
 
 void append_partition_entries(std::string &data, const cJSON *device,
                               const std::vector<partition_record> &partitions) {
-    const std::string_view syspath = text_field(device, "syspath");
+    const std::string_view syspath = nimbrelc_utils_get_json_text(device, "syspath");
     if (syspath.empty()) {
         LOG_WARN("Unidentified syspath for device");
         return;
@@ -142,12 +138,12 @@ json_ptr build_document(const cJSON *devices, const cJSON *partition_list) {
     std::vector<partition_record> partitions;
     const cJSON *partition = nullptr;
     cJSON_ArrayForEach(partition, partition_list) {
-        partitions.push_back({text_field(partition, "disk_syspath"), partition});
+        partitions.push_back({nimbrelc_utils_get_json_text(partition, "disk_syspath"), partition});
     }
     std::string data;
     const cJSON *device = nullptr;
     cJSON_ArrayForEach(device, devices) {
-        if (std::string_view(text_field(device, "device_type")) == "STORAGE") {
+        if (std::string_view(nimbrelc_utils_get_json_text(device, "device_type")) == "STORAGE") {
             append_partition_entries(data, device, partitions);
         } else {
             append_device_entry(data, device);

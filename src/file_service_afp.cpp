@@ -17,6 +17,7 @@
 #include "launch.h"
 #include "logger.h"
 #include "nimbrelc_utils.h"
+#include "nimbrelc_utils_json.h"
 #include "removable_devices_manager.h"
 #include "service_manager.h"
 
@@ -99,8 +100,8 @@ bool generate_config() {
     const std::string text =
         afp_config_text(daemon_config, get_partitions_list(),
                         file_services_request_handler_is_storage_protection_enabled());
-    if (!safe_dump_string_to_file(file_service_text(daemon_config, "serverConfigLocation"),
-                                  text.c_str())) {
+    if (!safe_dump_string_to_file(
+            nimbrelc_utils_get_json_text(daemon_config, "serverConfigLocation"), text.c_str())) {
         LOG_ERROR("Error saving afp config");
         return false;
     }
@@ -132,19 +133,20 @@ bool start_or_reload() {
 
 std::string afp_config_text(const cJSON *daemon_config, const cJSON *partitions,
                             bool is_protected) {
-    std::string methods = file_service_text(daemon_config, "defaultUAMsList");
+    std::string methods = nimbrelc_utils_get_json_text(daemon_config, "defaultUAMsList");
     if (!is_protected) {
         methods += ",uams_guest.so";
     }
     // Never quoted, unlike the lines below.
     std::string text = "[Global]\n  uam list = " + file_service_written_value(methods) + "\n";
     file_service_write_line(text, "guest account",
-                            file_service_text(daemon_config, "anonymousUserLogin"));
+                            nimbrelc_utils_get_json_text(daemon_config, "anonymousUserLogin"));
     file_service_write_directives(text, cJSON_GetObjectItem(daemon_config, "defaultServerOptions"));
     text += '\n';
     file_service_write_shares(text, partitions, [&text](const cJSON *partition) {
         const bool read_only = cJSON_IsTrue(cJSON_GetObjectItem(partition, "read_only"));
-        file_service_write_line(text, "path", file_service_text(partition, "mount_point"));
+        file_service_write_line(text, "path",
+                                nimbrelc_utils_get_json_text(partition, "mount_point"));
         file_service_write_line(text, "time machine", "yes");
         file_service_write_line(text, "unix priv", "no");
         file_service_write_line(text, "read only", read_only ? "yes" : "no");
@@ -160,7 +162,8 @@ bool afp_is_volume(const cJSON *partitions, const char *name) {
     const cJSON *partition = nullptr;
     cJSON_ArrayForEach(partition, partitions) {
         // A volume without a label has no directory to keep.
-        if (file_service_is_shared(partition) && file_service_text(partition, "label")[0] != '\0' &&
+        if (file_service_is_shared(partition) &&
+            nimbrelc_utils_get_json_text(partition, "label")[0] != '\0' &&
             file_service_written_label(partition) == name) {
             return true;
         }

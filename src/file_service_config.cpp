@@ -27,7 +27,8 @@ void end_without_backslash(std::string &text, size_t length) {
 // The text before the "=" of a line, "" for one that makes no line: a bracket at its start would
 // open a section, and for a line without a name servers refuse the whole file.
 std::string written_directive(const cJSON *directive) {
-    std::string written = file_service_written_value(file_service_text(directive, "directive"));
+    std::string written =
+        file_service_written_value(nimbrelc_utils_get_json_text(directive, "directive"));
     const size_t first = written.find_first_not_of(' ');
     if (first == std::string::npos) {
         return {};
@@ -52,10 +53,6 @@ std::string joined_texts(const cJSON *texts) {
 
 }  // namespace
 
-const char *file_service_text(const cJSON *object, const char *name) {
-    return nimbrelc_utils_empty_if_null_json(cJSON_GetObjectItem(object, name));
-}
-
 std::string file_service_written_value(std::string_view value) {
     std::string written = nimbrelc_utils_printable(value);
     // Without quotes, blanks after a backslash do not save the next line.
@@ -64,7 +61,8 @@ std::string file_service_written_value(std::string_view value) {
 }
 
 std::string file_service_written_label(const cJSON *partition) {
-    std::string written = nimbrelc_utils_printable(file_service_text(partition, "label"));
+    std::string written =
+        nimbrelc_utils_printable(nimbrelc_utils_get_json_text(partition, "label"));
     std::replace(written.begin(), written.end(), ']', replacement);
     // For a section without a name servers refuse the whole file, with every other share.
     if (written.empty() || is_global_section(written)) {
@@ -95,7 +93,7 @@ void file_service_write_directives(std::string &text, const cJSON *directives) {
 }
 
 bool file_service_is_shared(const cJSON *partition) {
-    return file_service_text(partition, "mount_point")[0] != '\0';
+    return nimbrelc_utils_get_json_text(partition, "mount_point")[0] != '\0';
 }
 
 void file_service_write_shares(std::string &text, const cJSON *partitions,

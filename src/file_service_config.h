@@ -29,6 +29,3 @@ bool file_service_is_shared(const cJSON *partition);
 // A section per shared partition, in list order; `write_lines` adds the lines below its header.
 void file_service_write_shares(std::string &text, const cJSON *partitions,
                                const std::function<void(const cJSON *partition)> &write_lines);
-
-// String member of an object, "" when it has none. Borrowed.
-const char *file_service_text(const cJSON *object, const char *name);

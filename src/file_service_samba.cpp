@@ -15,6 +15,7 @@
 #include "launch.h"
 #include "logger.h"
 #include "nimbrelc_utils.h"
+#include "nimbrelc_utils_json.h"
 #include "removable_devices_manager.h"
 #include "service_manager.h"
 
@@ -98,7 +99,7 @@ bool generate_config() {
     const std::string text =
         samba_config_text(daemon_config, get_partitions_list(),
                           file_services_request_handler_is_storage_protection_enabled());
-    if (!safe_dump_string_to_file(file_service_text(daemon_config, "configFileLocation"),
+    if (!safe_dump_string_to_file(nimbrelc_utils_get_json_text(daemon_config, "configFileLocation"),
                                   text.c_str())) {
         LOG_ERROR("Error saving samba config");
         return false;
@@ -156,14 +157,16 @@ bool stop(const char *daemon) {
 std::string samba_config_text(const cJSON *daemon_config, const cJSON *partitions,
                               bool is_protected) {
     std::string text = "[global]\n";
-    file_service_write_line(text, "server string", file_service_text(daemon_config, "serverName"));
-    file_service_write_line(text, "workgroup", file_service_text(daemon_config, "workgroup"));
+    file_service_write_line(text, "server string",
+                            nimbrelc_utils_get_json_text(daemon_config, "serverName"));
+    file_service_write_line(text, "workgroup",
+                            nimbrelc_utils_get_json_text(daemon_config, "workgroup"));
     const cJSON *max_connections = cJSON_GetObjectItem(daemon_config, "maxConnections");
     file_service_write_line(
         text, "max connections",
         std::to_string(cJSON_IsNumber(max_connections) ? max_connections->valueint : 0));
     file_service_write_line(text, "guest account",
-                            file_service_text(daemon_config, "anonymousUserLogin"));
+                            nimbrelc_utils_get_json_text(daemon_config, "anonymousUserLogin"));
     file_service_write_directives(text,
                                   cJSON_GetObjectItem(daemon_config, "defaultGlobalSettings"));
     if (is_protected) {
@@ -172,7 +175,8 @@ std::string samba_config_text(const cJSON *daemon_config, const cJSON *partition
     text += '\n';
     file_service_write_shares(text, partitions, [&text, is_protected](const cJSON *partition) {
         const bool read_only = cJSON_IsTrue(cJSON_GetObjectItem(partition, "read_only"));
-        file_service_write_line(text, "path", file_service_text(partition, "mount_point"));
+        file_service_write_line(text, "path",
+                                nimbrelc_utils_get_json_text(partition, "mount_point"));
         file_service_write_line(text, "guest ok", is_protected ? "no" : "yes");
         file_service_write_line(text, "guest only", "no");
         file_service_write_line(text, "writeable", read_only ? "no" : "yes");

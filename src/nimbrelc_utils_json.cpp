@@ -102,6 +102,10 @@ const char *nimbrelc_utils_empty_if_null_json(const cJSON *item) {
     return nimbrelc_utils_empty_if_null(cJSON_GetStringValue(item));
 }
 
+const char *nimbrelc_utils_get_json_text(const cJSON *object, const char *name) {
+    return nimbrelc_utils_empty_if_null_json(cJSON_GetObjectItem(object, name));
+}
+
 double nimbrelc_utils_zero_if_null(const cJSON *item) {
     return item == nullptr ? 0.0 : item->valuedouble;
 }

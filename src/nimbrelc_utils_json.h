@@ -28,6 +28,9 @@ bool nimbrelc_utils_json_is_null_or_empty(const cJSON *item);
 // The item's string value, "" when it has none. Borrowed.
 const char *nimbrelc_utils_empty_if_null_json(const cJSON *item);
 
+// The same for a member of an object. Borrowed.
+const char *nimbrelc_utils_get_json_text(const cJSON *object, const char *name);
+
 double nimbrelc_utils_zero_if_null(const cJSON *item);
 
 // For every member of object `target` that `source` has too: takes the source's value if the kinds

@@ -70,16 +70,12 @@ constexpr message_texts device_detached = {
     "Device syspath is empty",
 };
 
-const char *text_field(const cJSON *record, const char *key) {
-    return nimbrelc_utils_empty_if_null_json(cJSON_GetObjectItem(record, key));
-}
-
 bool field_is(const cJSON *record, const char *key, const char *value) {
-    return strcmp(text_field(record, key), value) == 0;
+    return strcmp(nimbrelc_utils_get_json_text(record, key), value) == 0;
 }
 
 bool is_mounted(const cJSON *partition) {
-    return *text_field(partition, "mount_point") != '\0';
+    return *nimbrelc_utils_get_json_text(partition, "mount_point") != '\0';
 }
 
 cJSON *find_by_syspath(const cJSON *list, const char *syspath) {
@@ -129,7 +125,7 @@ json_ptr take_message(int32_t argc, const message_bus_arg *args, const message_t
         }
         return nullptr;
     }
-    if (!is_list && *text_field(value.get(), "syspath") == '\0') {
+    if (!is_list && *nimbrelc_utils_get_json_text(value.get(), "syspath") == '\0') {
         LOG_ERROR("%s", texts.empty_syspath);
         return nullptr;
     }
@@ -148,8 +144,8 @@ void show_disk_event(const cJSON *device, bool mounted) {
     };
     for (const auto &row : rows) {
         if (field_is(device, "connection_type", row.connection_type)) {
-            lcd_show_event(text_field(device, "syspath"), mounted ? row.mounted : row.unsupported,
-                           false);
+            lcd_show_event(nimbrelc_utils_get_json_text(device, "syspath"),
+                           mounted ? row.mounted : row.unsupported, false);
         }
     }
 }
@@ -193,7 +189,7 @@ void partition_connected_callback(int32_t argc, const message_bus_arg *args) {
     if (!record) {
         return;
     }
-    const std::string disk_syspath = text_field(record.get(), "disk_syspath");
+    const std::string disk_syspath = nimbrelc_utils_get_json_text(record.get(), "disk_syspath");
     // Kept: a repeated signal yields a second entry.
     append(partitions, std::move(record));
     notify(listener.connected);
@@ -207,7 +203,7 @@ void partition_disconnected_callback(int32_t argc, const message_bus_arg *args) 
     if (!record) {
         return;
     }
-    remove_by_syspath(partitions, text_field(record.get(), "syspath"));
+    remove_by_syspath(partitions, nimbrelc_utils_get_json_text(record.get(), "syspath"));
     notify(listener.disconnected);
 }
 
@@ -220,7 +216,8 @@ void device_attached_callback(int32_t argc, const message_bus_arg *args) {
     append(devices, std::move(record));
     // Storage disks get their message when their partitions are in.
     if (field_is(device, "device_type", "LTE")) {
-        lcd_show_event(text_field(device, "syspath"), LCD_EVENT_STICK_IN_WRONG_PORT, true);
+        lcd_show_event(nimbrelc_utils_get_json_text(device, "syspath"),
+                       LCD_EVENT_STICK_IN_WRONG_PORT, true);
     } else if (field_is(device, "device_type", "UNRECOGNIZED")) {
         show_disk_event(device, false);
     }
@@ -231,7 +228,7 @@ void device_detached_callback(int32_t argc, const message_bus_arg *args) {
     if (!record) {
         return;
     }
-    const char *syspath = text_field(record.get(), "syspath");
+    const char *syspath = nimbrelc_utils_get_json_text(record.get(), "syspath");
     remove_by_syspath(devices, syspath);
     // Kept: the message of a storage disk stays on the display.
     if (!field_is(record.get(), "device_type", "STORAGE")) {
