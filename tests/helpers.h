@@ -9,8 +9,8 @@
 #include <string>
 
 #include "common/json_ptr.h"
-#include "logger.h"
-#include "nimbrelc_utils_json.h"
+#include "common/logger.h"
+#include "common/nimbrelc_utils_json.h"
 
 class temporary_directory {
 public:

@@ -1,12 +1,12 @@
 #include "migration/kq3_migration_08.05.08_08.05.09.h"
 
-#include "logger.h"
+#include "common/logger.h"
+#include "common/nimbrelc_utils.h"
+#include "common/nimbrelc_utils_crypto.h"
+#include "common/nimbrelc_utils_json.h"
+#include "common/secrets.h"
 #include "migration/migration_steps.h"
 #include "migration/migration_utils.h"
-#include "nimbrelc_utils.h"
-#include "nimbrelc_utils_crypto.h"
-#include "nimbrelc_utils_json.h"
-#include "secrets.h"
 
 namespace {
 

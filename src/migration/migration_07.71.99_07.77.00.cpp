@@ -1,7 +1,7 @@
-#include "logger.h"
+#include "common/logger.h"
+#include "common/nimbrelc_utils_json.h"
 #include "migration/migration_steps.h"
 #include "migration/migration_utils.h"
-#include "nimbrelc_utils_json.h"
 
 namespace {
 

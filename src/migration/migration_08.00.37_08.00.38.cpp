@@ -1,4 +1,4 @@
-#include "logger.h"
+#include "common/logger.h"
 #include "migration/migration_steps.h"
 #include "migration/migration_utils.h"
 

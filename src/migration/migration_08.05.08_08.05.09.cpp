@@ -1,9 +1,9 @@
-#include "logger.h"
+#include "common/logger.h"
+#include "common/nimbrelc_utils_crypto.h"
+#include "common/nimbrelc_utils_json.h"
+#include "common/secrets.h"
 #include "migration/migration_steps.h"
 #include "migration/migration_utils.h"
-#include "nimbrelc_utils_crypto.h"
-#include "nimbrelc_utils_json.h"
-#include "secrets.h"
 
 namespace {
 

@@ -8,10 +8,10 @@
 #include <openssl/crypto.h>
 #include <openssl/evp.h>
 
-#include "logger.h"
-#include "nimbrelc_utils.h"
-#include "nimbrelc_utils_crypto.h"
-#include "nimbrelc_utils_json.h"
+#include "common/logger.h"
+#include "common/nimbrelc_utils.h"
+#include "common/nimbrelc_utils_crypto.h"
+#include "common/nimbrelc_utils_json.h"
 
 namespace {
 

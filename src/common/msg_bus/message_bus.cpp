@@ -9,8 +9,8 @@
 #include <vector>
 
 #include "common/event_ptr.h"
+#include "common/logger.h"
 #include "common/utf8.h"
-#include "logger.h"
 
 namespace {
 

@@ -1,0 +1,273 @@
+#include "common/nimbrelc_utils_crypto.h"
+
+#include <openssl/bio.h>
+#include <openssl/buffer.h>
+#include <openssl/crypto.h>
+#include <openssl/err.h>
+#include <openssl/evperr.h>
+#include <openssl/rand.h>
+
+#include <algorithm>
+#include <cstring>
+#include <memory>
+#include <utility>
+
+#include "common/logger.h"
+#include "common/nimbrelc_utils.h"
+
+namespace {
+
+constexpr const char *log_category = "nimbrelc_utils";
+
+constexpr size_t salt_size = 32;
+constexpr size_t iv_size = 16;
+constexpr size_t header_size = salt_size + iv_size;
+constexpr int key_iterations = 1000;
+constexpr const char *blanks = " \t\r\n";
+
+struct secret_key {
+    unsigned char bytes[32];
+
+    secret_key() = default;
+    secret_key(const secret_key &) = delete;
+    secret_key &operator=(const secret_key &) = delete;
+    ~secret_key() {
+        OPENSSL_cleanse(bytes, sizeof bytes);
+    }
+};
+
+struct cipher_deleter {
+    void operator()(EVP_CIPHER_CTX *context) const {
+        EVP_CIPHER_CTX_free(context);
+    }
+};
+using cipher_ptr = std::unique_ptr<EVP_CIPHER_CTX, cipher_deleter>;
+
+struct bio_deleter {
+    void operator()(BIO *bio) const {
+        BIO_free_all(bio);
+    }
+};
+using bio_ptr = std::unique_ptr<BIO, bio_deleter>;
+
+unsigned char *bytes_of(std::string &text) {
+    return reinterpret_cast<unsigned char *>(text.data());
+}
+
+const unsigned char *bytes_of(std::string_view text) {
+    return reinterpret_cast<const unsigned char *>(text.data());
+}
+
+bool derive_key(secret_key &key, std::string_view passphrase, const unsigned char *salt) {
+    if (PKCS5_PBKDF2_HMAC_SHA1(passphrase.data(), static_cast<int>(passphrase.size()), salt,
+                               salt_size, key_iterations, sizeof key.bytes, key.bytes) != 1) {
+        LOG_ERROR("Keygen failed");
+        return false;
+    }
+    return true;
+}
+
+// The base64 filter, in one-line mode, over `memory`.
+bio_ptr push_base64(bio_ptr filter, bio_ptr memory) {
+    BIO_set_flags(filter.get(), BIO_FLAGS_BASE64_NO_NL);
+    BIO_push(filter.get(), memory.release());
+    return filter;
+}
+
+}  // namespace
+
+std::string nimbrelc_utils_crypto_error() {
+    char text[256];
+    ERR_error_string_n(ERR_peek_last_error(), text, sizeof text);
+    ERR_clear_error();
+    return text;
+}
+
+std::optional<std::string> nimbrelc_utils_run_cipher(
+    const char *category, cipher_direction direction, const EVP_CIPHER *cipher,
+    const unsigned char *key, const unsigned char *iv, std::string_view data) {
+    const bool encrypt = direction == cipher_direction::encrypt;
+    const auto fail = [category](const char *format) {
+        _log(category, LOG_LEVEL_ERROR, __FILE__, __LINE__, format,
+             nimbrelc_utils_crypto_error().c_str());
+        return std::nullopt;
+    };
+    const cipher_ptr context(EVP_CIPHER_CTX_new());
+    if (context == nullptr) {
+        _log(category, LOG_LEVEL_ERROR, __FILE__, __LINE__, "EVP_CIPHER_CTX_new failed");
+        return std::nullopt;
+    }
+    if (EVP_CipherInit_ex(context.get(), cipher, nullptr, key, iv, encrypt ? 1 : 0) != 1) {
+        return fail(encrypt ? "EVP_EncryptInit_ex failed: %s" : "EVP_DecryptInit_ex failed: %s");
+    }
+    // Room for the padding, and for the library's right to write one block more than it is given.
+    std::string result(data.size() + EVP_MAX_BLOCK_LENGTH, '\0');
+    int updated = 0;
+    if (EVP_CipherUpdate(context.get(), bytes_of(result), &updated, bytes_of(data),
+                         static_cast<int>(data.size())) != 1) {
+        OPENSSL_cleanse(result.data(), result.size());
+        return fail(encrypt ? "EVP_EncryptUpdate failed: %s" : "EVP_DecryptUpdate failed: %s");
+    }
+    int finished = 0;
+    if (EVP_CipherFinal_ex(context.get(), bytes_of(result) + updated, &finished) != 1) {
+        OPENSSL_cleanse(result.data(), result.size());
+        return fail(encrypt ? "EVP_EncryptFinal_ex failed: %s" : "EVP_DecryptFinal_ex failed: %s");
+    }
+    result.resize(static_cast<size_t>(updated) + static_cast<size_t>(finished));
+    return result;
+}
+
+std::optional<std::string> nimbrelc_utils_encrypt_data(std::string_view data,
+                                                       std::string_view passphrase) {
+    std::string blob(header_size, '\0');
+    unsigned char *salt = bytes_of(blob);
+    unsigned char *iv = salt + salt_size;
+
+    if (RAND_bytes(salt, salt_size) != 1) {
+        LOG_ERROR("RAND_bytes for salt failed: %s", nimbrelc_utils_crypto_error().c_str());
+        return std::nullopt;
+    }
+    secret_key key;
+    if (!derive_key(key, passphrase, salt)) {
+        return std::nullopt;
+    }
+    if (RAND_bytes(iv, iv_size) != 1) {
+        LOG_ERROR("RAND_bytes for iv failed: %s", nimbrelc_utils_crypto_error().c_str());
+        return std::nullopt;
+    }
+    const auto cipher_text = nimbrelc_utils_run_cipher(log_category, cipher_direction::encrypt,
+                                                       EVP_aes_256_cbc(), key.bytes, iv, data);
+    if (!cipher_text) {
+        return std::nullopt;
+    }
+    return blob + *cipher_text;
+}
+
+std::optional<std::string> nimbrelc_utils_decrypt_data(std::string_view blob,
+                                                       std::string_view passphrase) {
+    if (blob.size() < header_size) {
+        // Ends as a blob does whose cipher text was cut off.
+        ERR_raise(ERR_LIB_EVP, EVP_R_WRONG_FINAL_BLOCK_LENGTH);
+        LOG_ERROR("EVP_DecryptFinal_ex failed: %s", nimbrelc_utils_crypto_error().c_str());
+        return std::nullopt;
+    }
+    secret_key key;
+    if (!derive_key(key, passphrase, bytes_of(blob))) {
+        return std::nullopt;
+    }
+    return nimbrelc_utils_run_cipher(log_category, cipher_direction::decrypt, EVP_aes_256_cbc(),
+                                     key.bytes, bytes_of(blob.substr(salt_size)),
+                                     blob.substr(header_size));
+}
+
+std::optional<std::string> nimbrelc_utils_base64_encode(std::string_view data) {
+    if (data.data() == nullptr) {
+        LOG_ERROR("Passed buffer must be non null");
+        return std::nullopt;
+    }
+    if (data.empty()) {
+        LOG_ERROR("Length of passed buffer must be greater than zero");
+        return std::nullopt;
+    }
+    bio_ptr filter(BIO_new(BIO_f_base64()));
+    if (filter == nullptr) {
+        LOG_ERROR("Creating BIO base64 failed");
+        return std::nullopt;
+    }
+    bio_ptr memory(BIO_new(BIO_s_mem()));
+    if (memory == nullptr) {
+        LOG_ERROR("Creating BIO mem failed");
+        return std::nullopt;
+    }
+    BIO *sink = memory.get();
+    const bio_ptr encoder = push_base64(std::move(filter), std::move(memory));
+    const int length = static_cast<int>(data.size());
+    const int written = BIO_write(encoder.get(), data.data(), length);
+    if (written != length) {
+        LOG_ERROR("Base64 encode failed with code: %d", written);
+        return std::nullopt;
+    }
+    const int flushed = BIO_flush(encoder.get());
+    if (flushed != 1) {
+        LOG_ERROR("Base64 encode flush failed with code: %d", flushed);
+        return std::nullopt;
+    }
+    const BUF_MEM *encoded = nullptr;
+    BIO_get_mem_ptr(sink, &encoded);
+    return std::string(encoded->data, encoded->length);
+}
+
+std::optional<std::string> nimbrelc_utils_base64_decode(const char *text) {
+    if (text == nullptr) {
+        LOG_ERROR("Passed buffer must be non null");
+        return std::nullopt;
+    }
+    bio_ptr memory(BIO_new_mem_buf(text, -1));
+    if (memory == nullptr) {
+        LOG_ERROR("Creating BIO mem failed");
+        return std::nullopt;
+    }
+    bio_ptr filter(BIO_new(BIO_f_base64()));
+    if (filter == nullptr) {
+        LOG_ERROR("Creating BIO base64 failed");
+        return std::nullopt;
+    }
+    const bio_ptr decoder = push_base64(std::move(filter), std::move(memory));
+    std::string data((strlen(text) / 4 + 1) * 3, '\0');
+    const int count = BIO_read(decoder.get(), data.data(), static_cast<int>(data.size()));
+    // The decoder stops without a word at an error behind its first kilobyte: a text that gave
+    // fewer bytes than its length promises is damaged too.
+    const std::string_view view = text;
+    const size_t end = view.find_last_not_of(blanks) + 1;
+    const size_t length = end - std::min(end, view.find_first_not_of(blanks));
+    if (count <= 0 || static_cast<size_t>(count) + 2 < length / 4 * 3) {
+        LOG_ERROR("Base64 decode failed with code: %d", count);
+        ERR_clear_error();
+        return std::nullopt;
+    }
+    data.resize(static_cast<size_t>(count));
+    return data;
+}
+
+std::optional<std::string> nimbrelc_utils_encrypt_and_base64_encode_data(
+    std::string_view data, std::string_view passphrase) {
+    const std::optional<std::string> blob = nimbrelc_utils_encrypt_data(data, passphrase);
+    if (!blob) {
+        LOG_ERROR("encrypt_and_base64_encode: data encryption failed");
+        return std::nullopt;
+    }
+    std::optional<std::string> text = nimbrelc_utils_base64_encode(*blob);
+    if (!text) {
+        LOG_ERROR("encrypt_and_base64_encode: data encoding failed");
+    }
+    return text;
+}
+
+std::optional<std::string> nimbrelc_utils_decrypt_base64_encoded_data(const char *text,
+                                                                      std::string_view passphrase) {
+    const std::optional<std::string> blob = nimbrelc_utils_base64_decode(text);
+    if (!blob) {
+        LOG_ERROR("decrypt_base64_encoded_data: data decoding failed");
+        return std::nullopt;
+    }
+    std::optional<std::string> data = nimbrelc_utils_decrypt_data(*blob, passphrase);
+    if (!data) {
+        LOG_ERROR("decrypt_base64_encoded_data: data decryption failed");
+    }
+    return data;
+}
+
+std::optional<std::string> nimbrelc_utils_get_decrypted_string(const char *stored,
+                                                               std::string_view passphrase) {
+    if (nimbrelc_utils_is_null_or_empty(stored)) {
+        return "";
+    }
+    std::optional<std::string> plain =
+        nimbrelc_utils_decrypt_base64_encoded_data(stored, passphrase);
+    if (!plain) {
+        LOG_ERROR("Decryption failed");
+        return std::nullopt;
+    }
+    plain->resize(strlen(plain->c_str()));
+    return plain;
+}

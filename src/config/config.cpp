@@ -1,0 +1,119 @@
+#include "config/config.h"
+
+#include <utility>
+
+#include "common/json_ptr.h"
+#include "common/logger.h"
+#include "common/nimbrelc_utils.h"
+#include "common/nimbrelc_utils_json.h"
+
+namespace {
+
+constexpr const char *log_category = "config";
+constexpr const char *config_file = "/media/nimbrelc.json";
+constexpr const char *version_file = "/etc/version";
+constexpr const char *version_key = "softwareVersion";
+
+std::string loaded_path;
+json_ptr config_root;
+
+// The member if it is an object, else null.
+cJSON *find_section(const cJSON *object, const char *key) {
+    cJSON *section = cJSON_GetObjectItem(object, key);
+    return cJSON_IsObject(section) ? section : nullptr;
+}
+
+}  // namespace
+
+const char *get_nimbrelc_config_file_location() {
+    return config_file;
+}
+
+bool nimbrelc_config_load(const char *path) {
+    loaded_path = nimbrelc_utils_empty_if_null(path);
+    const std::optional<std::string> text = nimbrelc_utils_read_file(loaded_path.c_str());
+    if (!text) {
+        return false;
+    }
+    LOG_INFO("Loading config file: %s", loaded_path.c_str());
+    json_ptr root(cJSON_Parse(text->c_str()));
+    if (root == nullptr) {
+        LOG_ERROR("Cannot parse json in config file");
+        return false;
+    }
+    config_root = std::move(root);
+    return true;
+}
+
+bool nimbrelc_config_save() {
+    LOG_INFO("Saving nimbrelc config");
+    const std::optional<std::string> text = nimbrelc_utils_print_json(config_root.get());
+    if (!text) {
+        LOG_ERROR("Error printing nimbrelc config");
+        return false;
+    }
+    if (!safe_dump_string_to_file(loaded_path.c_str(), text->c_str())) {
+        LOG_ERROR("Error saving nimbrelc config");
+        return false;
+    }
+    return true;
+}
+
+bool nimbrelc_config_free() {
+    config_root.reset();
+    return true;
+}
+
+cJSON *get_config_root() {
+    return config_root.get();
+}
+
+cJSON *get_config_item(const char *path) {
+    return nimbrelc_utils_get_json_object(config_root.get(), path, nullptr);
+}
+
+const char *nimbrelc_config_get_software_version() {
+    return nimbrelc_utils_empty_if_null_json(
+        get_config_item("cpeDevice.deviceInfo.softwareVersion"));
+}
+
+std::optional<std::string> nimbrelc_config_read_container_version() {
+    std::optional<std::string> version = nimbrelc_utils_read_file(version_file);
+    if (!version || version->empty()) {
+        LOG_ERROR("Cannot read version from /etc/version");
+        return std::nullopt;
+    }
+    if (version->back() == '\n') {
+        version->pop_back();
+    }
+    return version;
+}
+
+bool nimbrelc_config_set_software_version() {
+    const std::optional<std::string> version = nimbrelc_config_read_container_version();
+    if (!version) {
+        return false;
+    }
+    const cJSON *cpe_device = find_section(config_root.get(), "cpeDevice");
+    if (cpe_device == nullptr) {
+        LOG_ERROR("Cannot find cpeDevice section in configuration file");
+        return false;
+    }
+    cJSON *device_info = find_section(cpe_device, "deviceInfo");
+    if (device_info == nullptr) {
+        LOG_ERROR("Cannot find deviceInfo section in configuration file");
+        return false;
+    }
+    cJSON *recorded = cJSON_GetObjectItem(device_info, version_key);
+    if (recorded != nullptr) {
+        if (cJSON_IsString(recorded) && *version == recorded->valuestring) {
+            return true;
+        }
+        LOG_INFO("Updating softwareVersion field with value %s", version->c_str());
+        cJSON_Delete(cJSON_DetachItemViaPointer(device_info, recorded));
+    } else {
+        LOG_INFO("Adding softwareVersion field with value %s", version->c_str());
+    }
+    cJSON_AddStringToObject(device_info, version_key, version->c_str());
+    return nimbrelc_config_save();
+}

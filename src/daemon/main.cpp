@@ -1,0 +1,127 @@
+// Entry point: logging, command line, identity, crypto library, then either the one-shot migration
+// of the configuration or the event loop with all services.
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include <event2/event.h>
+#include <openssl/evp.h>
+#include <unistd.h>
+
+#include "common/logger.h"
+#include "daemon/nimbrelc.h"
+#include "migration/nimbrelc_migration.h"
+
+namespace {
+
+constexpr const char *log_category = "main";
+constexpr const char *program_version = "0.0.2";
+
+// In the order of switching: the group while the process may still change it, then the user.
+struct identity {
+    const char *variable;
+    int (*set)(unsigned int id);
+};
+constexpr identity identities[] = {
+    {"GID", setgid},
+    {"UID", setuid},
+};
+
+void switch_identity() {
+    for (const identity &row : identities) {
+        const char *value = getenv(row.variable);
+        if (value == nullptr) {
+            LOG_WARN("No variable %s in env. Skipped setting.", row.variable);
+            continue;
+        }
+        // Kept: no validation, a text that is no number is id 0.
+        if (row.set(static_cast<unsigned int>(atoi(value))) == -1) {
+            LOG_WARN("Failed to set %s to %s: %s", row.variable, value, strerror(errno));
+            exit(1);
+        }
+        LOG_INFO("Switched %s to %s", row.variable, value);
+    }
+}
+
+void print_usage(const char *program) {
+    puts("Usage:");
+    puts(" to configure logger:");
+    printf("\t%s -l <logger config>\n", program);
+    puts(" to run in migration mode:");
+    printf("\t%s -m\n", program);
+}
+
+// False when an unknown option ended the parsing.
+bool parse_options(int argc, char *argv[]) {
+    int option = 0;
+    while ((option = getopt(argc, argv, "l:m")) != -1) {
+        switch (option) {
+            case 'l':
+                logger_init(optarg);
+                break;
+            case 'm':
+                g_migration_mode = true;
+                break;
+            default:
+                LOG_WARN("Unknown parameter: %d", option);
+                print_usage(argv[0]);
+                return false;
+        }
+    }
+    return true;
+}
+
+int migrate() {
+    LOG_INFO("NimbrelC launched in migration mode");
+    if (!run_nimbrelc_migration()) {
+        LOG_ERROR("Migration failed");
+        return 1;
+    }
+    LOG_INFO("Migration succeeded");
+    return 0;
+}
+
+// The loop is never freed: events of the bus and of the services point into it until the end.
+int serve() {
+    event_base *loop = event_base_new();
+    if (!nimbrelc_start(loop)) {
+        return 1;
+    }
+    LOG_INFO("Services started successfully");
+    // An error or a loop without events; the services are deliberately not stopped.
+    if (event_base_dispatch(loop) != 0) {
+        return 1;
+    }
+    if (!nimbrelc_stop()) {
+        LOG_WARN("Services failed to stop");
+        return 1;
+    }
+    LOG_INFO("Services stopped successfully");
+    return 0;
+}
+
+int run(int argc, char *argv[]) {
+    if (!parse_options(argc, argv)) {
+        return 1;
+    }
+    LOG_INFO("nimbrelc v%s", program_version);
+    switch_identity();
+    OPENSSL_init_crypto(OPENSSL_INIT_LOAD_CRYPTO_STRINGS | OPENSSL_INIT_ADD_ALL_CIPHERS |
+                            OPENSSL_INIT_ADD_ALL_DIGESTS | OPENSSL_INIT_NO_LOAD_CONFIG,
+                        nullptr);
+    const int exit_code = g_migration_mode ? migrate() : serve();
+    EVP_cleanup();
+    return exit_code;
+}
+
+}  // namespace
+
+int main(int argc, char *argv[]) {
+    logger_enable_syslog("nimbrelc", LOG_LEVEL_INFO);
+    printf("nimbrelc v%s\n", program_version);
+    fflush(stdout);  // out before any child could inherit it
+    const int exit_code = run(argc, argv);
+    LOG_INFO("NimbrelC stopped with exit code: %d", exit_code);
+    return exit_code;
+}

@@ -1,0 +1,138 @@
+#include "daemon/nimbrelc.h"
+
+#include <cerrno>
+
+#include <algorithm>
+#include <iterator>
+
+#include <sys/stat.h>
+
+#include "common/logger.h"
+#include "common/msg_bus/message_bus.h"
+#include "config/config.h"
+#include "daemon/app_info.h"
+#include "daemon/dbus_signals.h"
+#include "datamodel/datamodel.h"
+#include "disks/device_request_handler.h"
+#include "disks/removable_devices_manager.h"
+#include "maintenance/backup.h"
+#include "maintenance/segfault.h"
+#include "maintenance/syslog_utils.h"
+#include "maintenance/upgrade_config.h"
+#include "platform/lcd.h"
+#include "remote_access/ssh.h"
+#include "remote_access/vpn.h"
+#include "sharing/dlna_manager.h"
+#include "sharing/file_services_manager.h"
+#include "sharing/file_services_request_handler.h"
+
+namespace {
+
+constexpr const char *log_category = "nimbrelc";
+
+struct service {
+    const char *name;
+    bool (*start)(event_base *loop);
+    bool (*stop)();
+};
+
+// Kept: stopping runs in the order of starting too.
+constexpr service services[] = {
+    {"removable_devices_manager", removable_devices_manager_start, removable_devices_manager_stop},
+    {"device_request_handler", device_request_handler_start, device_request_handler_stop},
+    {"file_services_manager", file_services_manager_start, file_services_manager_stop},
+    {"file_services_request_handler", file_services_request_handler_start,
+     file_services_request_handler_stop},
+    {"dlna_manager", dlna_manager_start, dlna_manager_stop},
+    {"datamodel", datamodel_start, datamodel_stop},
+    {"backup", backup_start, backup_stop},
+    {"ssh", ssh_start, ssh_stop},
+    {"vpn", vpn_start, vpn_stop},
+    {"upgrade_config", upgrade_config_start, upgrade_config_stop},
+    {"lcd", lcd_start, lcd_stop},
+    {"segfault", segfault_start, segfault_stop},
+    {"dbus_signals", dbus_signals_start, dbus_signals_stop},
+    {"app_info", app_info_start, app_info_stop},
+};
+
+constexpr const char *bus_names[] = {
+    "com.kelvanto.nimbrel",
+    "com.kelvanto.pamauth",
+    "com.kelvanto.nssauth",
+    "com.kelvanto.firmware",
+};
+
+bool create_working_dirs() {
+    mkdir("/tmp/nimbrel", 0777);
+    if (mkdir("/tmp/nimbrel/configs", 0755) != 0 && errno != EEXIST) {
+        LOG_ERROR("Cannot create all working dirs");
+        return false;
+    }
+    return true;
+}
+
+}  // namespace
+
+bool nimbrelc_start(event_base *loop) {
+    if (loop == nullptr) {
+        LOG_INFO("Event loop is null");
+        return false;
+    }
+    LOG_INFO("Connecting to dbus");
+    if (!message_bus_new(loop)) {
+        LOG_INFO("Cannot connect to dbus");  // kept: not an error
+        return false;
+    }
+    LOG_INFO("Registering dbus names");
+    if (!std::all_of(std::begin(bus_names), std::end(bus_names), message_bus_request_name)) {
+        LOG_ERROR("Cannot register required dbus names");
+        return false;
+    }
+    LOG_INFO("Loading nimbrelc config");
+    if (!nimbrelc_config_load(get_nimbrelc_config_file_location())) {
+        LOG_ERROR("Cannot load nimbrelc config file");
+        return false;
+    }
+    LOG_INFO("Set software version");
+    if (!nimbrelc_config_set_software_version()) {
+        LOG_ERROR("Cannot set software version");
+        return false;
+    }
+    LOG_INFO("Creating working dirs");
+    if (!create_working_dirs()) {
+        LOG_ERROR("Cannot create the workdir");
+        return false;
+    }
+    LOG_INFO("Configuring syslogd");
+    if (!syslog_utils_configure(loop)) {
+        LOG_INFO("Failed to configure syslogd");  // kept: not an error
+        return false;
+    }
+    LOG_INFO("Starting services..");
+    for (const service &row : services) {
+        LOG_INFO("Starting %s", row.name);
+        if (row.start(loop)) {
+            LOG_INFO("Service [%s] successfully started", row.name);
+        } else {
+            LOG_ERROR("Cannot start service [%s]", row.name);
+        }
+    }
+    LOG_INFO("Services started");
+    return true;
+}
+
+bool nimbrelc_stop() {
+    LOG_INFO("Stopping services..");
+    bool stopped = true;
+    for (const service &row : services) {
+        LOG_INFO("Stopping %s", row.name);
+        if (row.stop()) {
+            LOG_INFO("Service [%s] successfully stopped", row.name);
+        } else {
+            LOG_ERROR("Cannot stop service [%s]", row.name);
+            stopped = false;
+        }
+    }
+    LOG_INFO("Services stopped");
+    return nimbrelc_config_free() && stopped;
+}

@@ -1,0 +1,364 @@
+#include "datamodel/datamodel_storage.h"
+
+#include <strings.h>
+
+#include <cmath>
+#include <memory>
+#include <string_view>
+#include <utility>
+
+#include "common/json_ptr.h"
+#include "common/logger.h"
+#include "common/nimbrelc_utils_json.h"
+#include "disks/nimbrelc_utils_ddm.h"
+#include "disks/removable_devices_manager.h"
+
+namespace {
+
+constexpr const char *log_category = "datamodel";
+
+// --- The disk daemon's lists
+
+struct list_source {
+    bool (*ask)(message_bus_reply_ctx_cb reply);
+    const char *not_asked;
+    const char *bad_reply;
+};
+constexpr list_source device_list = {removable_devices_list, "error on removable_devices_list",
+                                     "removable_devices_list wrong out arg"};
+constexpr list_source partition_list = {removable_partitions_list,
+                                        "error on removable_partitions_list",
+                                        "removable_partitions_list wrong out arg"};
+
+// The array in a reply, or none, logged with `text_format`.
+json_ptr read_list(const list_source &source, const char *text_format, int32_t argc,
+                   const message_bus_arg *args) {
+    if (argc != 1 || args[0].type != MB_ARG_STRING) {
+        LOG_ERROR(text_format, source.bad_reply);
+        return nullptr;
+    }
+    json_ptr list = convert_ddm_respone_data_to_json(args[0].string);
+    if (!cJSON_IsArray(list.get())) {
+        LOG_ERROR(text_format, "cannot convert to json");
+        return nullptr;
+    }
+    return list;
+}
+
+double number_of(const cJSON *record, const char *member) {
+    return nimbrelc_utils_zero_if_null(cJSON_GetObjectItem(record, member));
+}
+
+bool is_text(const cJSON *record, const char *member, std::string_view text) {
+    return text == nimbrelc_utils_get_json_text(record, member);
+}
+
+// --- Counts and summaries
+
+bool is_any(const cJSON * /*record*/) {
+    return true;
+}
+
+bool is_mounted(const cJSON *partition) {
+    return !is_text(partition, "mount_point", "");
+}
+
+bool is_usb_storage(const cJSON *device) {
+    return is_text(device, "device_type", "STORAGE") && is_text(device, "connection_type", "USB");
+}
+
+bool is_sd_storage(const cJSON *device) {
+    return is_text(device, "device_type", "STORAGE") && is_text(device, "connection_type", "SD");
+}
+
+struct counter {
+    const char *text_format;
+    const char *number_format;
+    const list_source &source;
+    bool (*counts)(const cJSON *record);
+    int32_t reply_type;  // the mixed types are intended
+};
+constexpr counter media_counter = {"physical_medium_number_of_entries_getter: %s",
+                                   "physical_medium_number_of_entries_getter: %d", device_list,
+                                   is_any, MB_ARG_UINT32};
+constexpr counter volume_counter = {"logical_volume_number_of_entries_getter: %s",
+                                    "logical_volume_number_of_entries_getter: %d", partition_list,
+                                    is_mounted, MB_ARG_UINT32};
+constexpr counter usb_counter = {"usb_storage_devices_count_getter: %s",
+                                 "usb_storage_devices_count_getter: %d", device_list,
+                                 is_usb_storage, MB_ARG_INT32};
+constexpr counter sd_counter = {"sd_card_present_getter: %s", "sd_card_present_getter: %d",
+                                device_list, is_sd_storage, MB_ARG_BOOLEAN};
+
+void answer_count(const counter &row, int32_t argc, const message_bus_arg *args,
+                  message_bus_request request) {
+    const json_ptr list = read_list(row.source, row.text_format, argc, args);
+    if (!list) {
+        message_bus_send_no_reply(std::move(request));
+        return;
+    }
+    int count = 0;
+    const cJSON *record = nullptr;
+    cJSON_ArrayForEach(record, list.get()) {
+        count += row.counts(record) ? 1 : 0;
+    }
+    message_bus_send_reply(std::move(request),
+                           {{.type = row.reply_type, .word = static_cast<uint32_t>(count)}});
+    LOG_INFO(row.number_format, count);
+    LOG_INFO(row.text_format, "end");
+}
+
+void get_count(const counter &row, message_bus_request request) {
+    LOG_INFO(row.text_format, "start");
+    const bool asked = row.source.ask(
+        [&row, context = request.share()](int32_t argc, const message_bus_arg *args) mutable {
+            answer_count(row, argc, args, std::move(context));
+        });
+    if (!asked) {
+        LOG_ERROR(row.text_format, row.source.not_asked);
+        message_bus_send_no_reply(std::move(request));
+    }
+}
+
+// --- One medium or volume
+
+struct medium_context;
+using medium_builder = bool (*)(medium_context &context);
+
+// One request for a medium or volume while the lists are on their way.
+struct medium_context {
+    message_bus_request request;
+    uint32_t index;
+    medium_builder builder;  // answers, or logs and gives false
+    json_ptr devices;
+    json_ptr partitions;
+};
+using medium_context_ptr = std::shared_ptr<medium_context>;
+
+constexpr const char *reading_format = "read_devices_and_partitions: %s";
+
+void send_failure(medium_context &context, const char *reason) {
+    LOG_ERROR(reading_format, reason);
+    message_bus_send_no_reply(std::move(context.request));
+}
+
+void partitions_arrived(medium_context &context, int32_t argc, const message_bus_arg *args) {
+    context.partitions = read_list(partition_list, reading_format, argc, args);
+    if (!context.partitions) {
+        message_bus_send_no_reply(std::move(context.request));
+    } else if (context.builder == nullptr) {
+        send_failure(context, "no callback method");
+    } else if (!context.builder(context)) {
+        send_failure(context, "callback error");
+    } else {
+        LOG_INFO(reading_format, "end");
+    }
+}
+
+void devices_arrived(const medium_context_ptr &context, int32_t argc, const message_bus_arg *args) {
+    context->devices = read_list(device_list, reading_format, argc, args);
+    if (!context->devices) {
+        message_bus_send_no_reply(std::move(context->request));
+        return;
+    }
+    const bool asked = partition_list.ask([context](int32_t count, const message_bus_arg *values) {
+        partitions_arrived(*context, count, values);
+    });
+    if (!asked) {
+        send_failure(*context, partition_list.not_asked);
+    }
+}
+
+void read_devices_and_partitions(const char *text_format, message_bus_request request,
+                                 uint32_t index, medium_builder builder) {
+    LOG_INFO(text_format, "start");
+    const auto context = std::make_shared<medium_context>(
+        medium_context{std::move(request), index, builder, nullptr, nullptr});
+    const bool asked = device_list.ask([context](int32_t argc, const message_bus_arg *args) {
+        devices_arrived(context, argc, args);
+    });
+    if (!asked) {
+        LOG_ERROR(reading_format, device_list.not_asked);
+        LOG_ERROR(text_format, "error on read_devices_and_partitions");
+        message_bus_send_no_reply(std::move(context->request));
+    }
+}
+
+constexpr const char *medium_format = "physical_medium_getter: %s";
+constexpr const char *volume_format = "logical_volume_getter: %s";
+
+bool send_text(const char *text_format, const std::optional<std::string> &text,
+               message_bus_request &request) {
+    if (!text) {
+        return false;
+    }
+    message_bus_send_string_reply(std::move(request), text->c_str());
+    LOG_INFO(text_format, "end");
+    return true;
+}
+
+bool physical_medium_builder(medium_context &context) {
+    return send_text(
+        medium_format,
+        build_physical_medium(context.devices.get(), context.partitions.get(), context.index),
+        context.request);
+}
+
+bool logical_volume_builder(medium_context &context) {
+    return send_text(
+        volume_format,
+        build_logical_volume(context.devices.get(), context.partitions.get(), context.index),
+        context.request);
+}
+
+// Whole units of 1024. A number that is none, as JSON allows by its size, counts as 0.
+void add_capacity(cJSON *object, const char *name, double number) {
+    cJSON_AddNumberToObject(object, name, std::isfinite(number) ? std::trunc(number / 1024) : 0.0);
+}
+
+std::optional<std::string> print_entry(const cJSON *entry, const char *text_format) {
+    std::optional<std::string> text = nimbrelc_utils_print_json_unformatted(entry);
+    if (!text) {
+        LOG_ERROR(text_format, "cannot print entry");
+    }
+    return text;
+}
+
+const cJSON *find_mounted(const cJSON *partitions, uint32_t index) {
+    uint32_t position = 0;
+    const cJSON *partition = nullptr;
+    cJSON_ArrayForEach(partition, partitions) {
+        if (is_mounted(partition) && ++position == index) {
+            return partition;
+        }
+    }
+    return nullptr;
+}
+
+// The position, from 1, of the first device with this path; 0 for none.
+int find_device(const cJSON *devices, const char *syspath) {
+    int position = 0;
+    const cJSON *device = nullptr;
+    cJSON_ArrayForEach(device, devices) {
+        ++position;
+        if (is_text(device, "syspath", syspath)) {
+            return position;
+        }
+    }
+    return 0;
+}
+
+}  // namespace
+
+void physical_medium_number_of_entries_getter(message_bus_request request) {
+    get_count(media_counter, std::move(request));
+}
+
+void logical_volume_number_of_entries_getter(message_bus_request request) {
+    get_count(volume_counter, std::move(request));
+}
+
+void usb_storage_devices_count_getter(message_bus_request request) {
+    get_count(usb_counter, std::move(request));
+}
+
+void sd_card_present_getter(message_bus_request request) {
+    get_count(sd_counter, std::move(request));
+}
+
+void physical_medium_getter(message_bus_request request, uint32_t index, const char * /*key*/) {
+    read_devices_and_partitions(medium_format, std::move(request), index, physical_medium_builder);
+}
+
+void logical_volume_getter(message_bus_request request, uint32_t index, const char * /*key*/) {
+    read_devices_and_partitions(volume_format, std::move(request), index, logical_volume_builder);
+}
+
+bool logical_volume_name_setter(const message_bus_arg &value, message_bus_request request,
+                                uint32_t /*index*/, const char *key) {
+    LOG_INFO("logical_volume_name_setter: start");
+    if (std::string_view(key).ends_with(".Name") && value.type == MB_ARG_STRING &&
+        value.string[0] != '\0') {
+        LOG_WARN("logical_volume_name_setter: not supported");
+    } else {
+        LOG_WARN("logical_volume_name_setter: failed to set value of parameter %s", key);
+    }
+    return message_bus_send_bool_reply(std::move(request), false);
+}
+
+std::string file_system_name(const char *type) {
+    // "HSFJ" is the agent's own spelling.
+    static constexpr const char *names[] = {"FAT16", "FAT32", "NTFS", "HFS", "HFS+",
+                                            "HSFJ",  "ext2",  "ext3", "XFS", "REISER"};
+    for (const char *name : names) {
+        if (strcasecmp(type, name) == 0) {
+            return name;
+        }
+    }
+    return std::string("X_KELVANTO-COM_") + type;
+}
+
+std::optional<std::string> build_physical_medium(const cJSON *devices, const cJSON *partitions,
+                                                 uint32_t index) {
+    const auto i = static_cast<int32_t>(index - 1);
+    if (i < 0 || i >= cJSON_GetArraySize(devices)) {
+        LOG_ERROR("physical_medium_getter: invalid index %d", i);
+        return std::nullopt;
+    }
+    const cJSON *device = cJSON_GetArrayItem(devices, i);
+    const char *syspath = nimbrelc_utils_get_json_text(device, "syspath");
+    double capacity = 0;
+    const cJSON *partition = nullptr;
+    cJSON_ArrayForEach(partition, partitions) {
+        if (is_text(partition, "disk_syspath", syspath)) {
+            capacity += number_of(partition, "capacity");
+        }
+    }
+    const std::string name = std::string(nimbrelc_utils_get_json_text(device, "vendor")) + " " +
+                             nimbrelc_utils_get_json_text(device, "model");
+    const json_ptr entry(cJSON_CreateObject());
+    cJSON_AddStringToObject(entry.get(), "Name", name.c_str());
+    cJSON_AddStringToObject(entry.get(), "Vendor", nimbrelc_utils_get_json_text(device, "vendor"));
+    cJSON_AddStringToObject(entry.get(), "Model", nimbrelc_utils_get_json_text(device, "model"));
+    cJSON_AddStringToObject(entry.get(), "SerialNumber",
+                            nimbrelc_utils_get_json_text(device, "serial"));
+    cJSON_AddStringToObject(entry.get(), "ConnectionType",
+                            nimbrelc_utils_get_json_text(device, "connection_type"));
+    cJSON_AddTrueToObject(entry.get(), "Removable");
+    cJSON_AddStringToObject(entry.get(), "Status", "Online");
+    add_capacity(entry.get(), "Capacity", capacity);
+    return print_entry(entry.get(), medium_format);
+}
+
+std::optional<std::string> build_logical_volume(const cJSON *devices, const cJSON *partitions,
+                                                uint32_t index) {
+    const cJSON *partition = find_mounted(partitions, index);
+    if (partition == nullptr) {
+        LOG_ERROR("logical_volume_getter: invalid index %d", static_cast<int32_t>(index - 1));
+        return std::nullopt;
+    }
+    const char *disk_syspath = nimbrelc_utils_get_json_text(partition, "disk_syspath");
+    if (disk_syspath[0] == '\0') {
+        LOG_ERROR(volume_format, "undefined disk syspath");
+        return std::nullopt;
+    }
+    const int device = find_device(devices, disk_syspath);
+    if (device == 0) {
+        LOG_ERROR(volume_format, "cannot find device for volume");
+        return std::nullopt;
+    }
+    const double capacity = number_of(partition, "capacity");
+    const std::string reference =
+        "Device.StorageService.1.PhysicalMedium." + std::to_string(device) + ".";
+    const json_ptr entry(cJSON_CreateObject());
+    cJSON_AddStringToObject(entry.get(), "Name", nimbrelc_utils_get_json_text(partition, "label"));
+    cJSON_AddStringToObject(entry.get(), "Status", "Online");
+    cJSON_AddTrueToObject(entry.get(), "Enable");
+    cJSON_AddStringToObject(entry.get(), "PhysicalReference", reference.c_str());
+    cJSON_AddStringToObject(
+        entry.get(), "FileSystem",
+        file_system_name(nimbrelc_utils_get_json_text(partition, "type")).c_str());
+    add_capacity(entry.get(), "Capacity", capacity);
+    add_capacity(entry.get(), "UsedSpace", capacity - number_of(partition, "free"));
+    return print_entry(entry.get(), volume_format);
+}

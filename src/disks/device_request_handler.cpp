@@ -1,0 +1,270 @@
+#include "disks/device_request_handler.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+#include "common/json_ptr.h"
+#include "common/logger.h"
+#include "common/msg_bus/message_bus.h"
+#include "common/nimbrelc_utils_json.h"
+#include "disks/nimbrelc_utils_ddm.h"
+#include "disks/removable_devices_manager.h"
+
+namespace {
+
+constexpr const char *log_category = "device_request_handler";
+
+constexpr const char *done_reply = R"({"status":204})";
+constexpr const char *executing_failed = R"({"status":500,"error":"Error executing DeviceList"})";
+constexpr const char *devices_failed = R"({"status":500,"error":"Error handling DeviceList"})";
+constexpr const char *partitions_failed =
+    R"({"status":500,"error":"Error handling PartitionList"})";
+
+// The device list of the latest "list" request that got one.
+json_ptr cached_devices;
+
+// A partition record with its most compared field.
+struct partition_record {
+    std::string_view disk_syspath;
+    const cJSON *record;
+};
+
+const char *storage_type(const cJSON *device) {
+    const cJSON *connection_type = cJSON_GetObjectItem(device, "connection_type");
+    if (connection_type == nullptr) {
+        LOG_WARN("Unsupported storage type");
+        return "undefined-storage";
+    }
+    if (!cJSON_IsString(connection_type)) {
+        LOG_WARN("NULL valuestring");
+        return "undefined-storage";
+    }
+    const std::string_view type = connection_type->valuestring;
+    if (type == "SD") {
+        return "sd-card";
+    }
+    return type == "USB" ? "usb-disk" : "undefined-storage";
+}
+
+// A full box has some thousand entries. They are written as text straight away: building them as
+// items of the JSON library and printing those would add more than half to a request's CPU time.
+// What is not plain is still printed by the library.
+
+void append_printed(std::string &json, json_ptr value) {
+    json += nimbrelc_utils_print_json_unformatted(value.get()).value_or("null");
+}
+
+void append_text(std::string &json, std::string_view text) {
+    const bool plain = std::none_of(text.begin(), text.end(), [](char c) {
+        return static_cast<unsigned char>(c) < ' ' || c == '"' || c == '\\';
+    });
+    if (!plain) {
+        append_printed(json, json_ptr(cJSON_CreateString(std::string(text).c_str())));
+        return;
+    }
+    json += '"';
+    json += text;
+    json += '"';
+}
+
+void append_number(std::string &json, double number) {
+    constexpr double exact = 1e15;  // whole numbers below are printed with all their digits
+    if (std::abs(number) < exact && number == std::trunc(number)) {
+        json += std::to_string(static_cast<int64_t>(number));
+    } else {
+        append_printed(json, json_ptr(cJSON_CreateNumber(number)));
+    }
+}
+
+void append_number_field(std::string &json, const cJSON *record, const char *key) {
+    append_number(json, nimbrelc_utils_zero_if_null(cJSON_GetObjectItem(record, key)));
+}
+
+void append_partition_entry(std::string &data, const cJSON *device, const cJSON *partition) {
+    const bool mounted = *nimbrelc_utils_get_json_text(partition, "mount_point") != '\0';
+    data += data.empty() ? R"({"id":)" : R"(,{"id":)";
+    append_text(data, nimbrelc_utils_get_json_text(partition, mounted ? "uuid" : "syspath"));
+    data += R"(,"type":)";
+    append_text(data, storage_type(device));
+    data += R"(,"label":)";
+    append_text(data, nimbrelc_utils_get_json_text(partition, "label"));
+    data += R"(,"fsType":)";
+    append_text(data, nimbrelc_utils_get_json_text(partition, "type"));
+    if (!mounted) {
+        data += R"(,"capacity":null,"freeSpace":null,"supported":false})";
+        return;
+    }
+    data += R"(,"capacity":)";
+    append_number_field(data, partition, "capacity");
+    data += R"(,"freeSpace":)";
+    append_number_field(data, partition, "free");
+    data += R"(,"supported":true})";
+}
+
+// Kept: here the label comes first.
+void append_device_entry(std::string &data, const cJSON *device) {
+    data += data.empty() ? R"({"label":)" : R"(,{"label":)";
+    append_text(data, std::string(nimbrelc_utils_get_json_text(device, "vendor")) + " " +
+                          nimbrelc_utils_get_json_text(device, "model"));
+    data += R"(,"id":)";
+    append_text(data, nimbrelc_utils_get_json_text(device, "syspath"));
+    data += R"(,"type":)";
+    append_text(data, storage_type(device));
+    data += R"(,"fsType":null,"capacity":null,"freeSpace":null,"supported":false})";
+}
+
+void append_partition_entries(std::string &data, const cJSON *device,
+                              const std::vector<partition_record> &partitions) {
+    const std::string_view syspath = nimbrelc_utils_get_json_text(device, "syspath");
+    if (syspath.empty()) {
+        LOG_WARN("Unidentified syspath for device");
+        return;
+    }
+    for (const auto &[disk_syspath, partition] : partitions) {
+        if (disk_syspath.empty()) {
+            LOG_WARN("Unidentified disk syspath for partition");
+        } else if (disk_syspath == syspath) {
+            append_partition_entry(data, device, partition);
+        }
+    }
+}
+
+json_ptr build_document(const cJSON *devices, const cJSON *partition_list) {
+    std::vector<partition_record> partitions;
+    const cJSON *partition = nullptr;
+    cJSON_ArrayForEach(partition, partition_list) {
+        partitions.push_back({nimbrelc_utils_get_json_text(partition, "disk_syspath"), partition});
+    }
+    std::string data;
+    const cJSON *device = nullptr;
+    cJSON_ArrayForEach(device, devices) {
+        if (std::string_view(nimbrelc_utils_get_json_text(device, "device_type")) == "STORAGE") {
+            append_partition_entries(data, device, partitions);
+        } else {
+            append_device_entry(data, device);
+        }
+    }
+    json_ptr document(cJSON_CreateObject());
+    cJSON_AddNumberToObject(document.get(), "status", 200);
+    cJSON_AddRawToObject(document.get(), "data", ("[" + data + "]").c_str());
+    return document;
+}
+
+// The list in a reply of the disk daemon, or none.
+json_ptr convert_list(const char *text) {
+    json_ptr list = convert_ddm_respone_data_to_json(text);
+    return cJSON_IsArray(list.get()) ? std::move(list) : nullptr;
+}
+
+void removable_partitions_list_callback(int32_t argc, const message_bus_arg *args,
+                                        message_bus_request request) {
+    LOG_INFO("Partitions list received");
+    if (!message_bus_validate_params({}, argc, args, {MB_ARG_STRING})) {
+        LOG_WARN("Bad params passed to removable_partitions_list_callback");
+        return;
+    }
+    const json_ptr partitions = convert_list(args[0].string);
+    if (!partitions) {
+        // Kept: the caller is left to its time-out.
+        LOG_ERROR("convert_ddm_respone_data_to_json failed");
+        return;
+    }
+    const auto text = nimbrelc_utils_print_json_unformatted(
+        build_document(cached_devices.get(), partitions.get()).get());
+    if (!text) {
+        LOG_ERROR("cJSON_PrintUnformatted failed");
+        message_bus_send_string_reply(std::move(request), partitions_failed);
+        return;
+    }
+    message_bus_send_string_reply(std::move(request), text->c_str());
+}
+
+void removable_devices_list_callback(int32_t argc, const message_bus_arg *args,
+                                     message_bus_request request) {
+    if (!message_bus_validate_params({}, argc, args, {MB_ARG_STRING})) {
+        LOG_WARN("Bad params passed to removable_devices_list_callback");
+        return;
+    }
+    json_ptr devices = convert_list(args[0].string);
+    if (!devices) {
+        message_bus_send_string_reply(std::move(request), devices_failed);
+        return;
+    }
+    cached_devices = std::move(devices);
+    const bool sent = removable_partitions_list(
+        [context = request.share()](int32_t count, const message_bus_arg *values) mutable {
+            removable_partitions_list_callback(count, values, std::move(context));
+        });
+    if (!sent) {
+        message_bus_send_string_reply(std::move(request), devices_failed);
+    }
+}
+
+void request_list_callback(int32_t /*argc*/, const message_bus_arg * /*args*/,
+                           message_bus_request request) {
+    const bool sent = removable_devices_list(
+        [context = request.share()](int32_t count, const message_bus_arg *values) mutable {
+            removable_devices_list_callback(count, values, std::move(context));
+        });
+    if (!sent) {
+        message_bus_send_string_reply(std::move(request), executing_failed);
+    }
+}
+
+void request_unmount_callback(int32_t argc, const message_bus_arg *args,
+                              message_bus_request request) {
+    if (!message_bus_validate_params(request, argc, args, {MB_ARG_STRING})) {
+        LOG_WARN("Bad params passed to request_unmount_callback");
+        return;
+    }
+    if (!removable_devices_unmount_device(args[0].string)) {
+        LOG_ERROR("removable_devices_unmount_device failed");
+        return;
+    }
+    message_bus_send_string_reply(std::move(request), done_reply);
+}
+
+void request_rename_callback(int32_t argc, const message_bus_arg *args,
+                             message_bus_request request) {
+    if (!message_bus_validate_params(request, argc, args, {MB_ARG_STRING, MB_ARG_STRING})) {
+        LOG_WARN("Bad params passed to request_rename_callback");
+        return;
+    }
+    if (!removable_devices_change_label(args[0].string, args[1].string)) {
+        LOG_ERROR("removable_devices_change_label failed");
+        return;
+    }
+    message_bus_send_string_reply(std::move(request), done_reply);
+}
+
+constexpr struct {
+    const char *member;
+    message_bus_method_handler handler;
+} methods[] = {
+    {"list", request_list_callback},
+    {"unmount", request_unmount_callback},
+    {"rename", request_rename_callback},
+};
+
+}  // namespace
+
+bool device_request_handler_start(event_base * /*base*/) {
+    for (const auto &method : methods) {
+        if (!message_bus_add_method_listener("/ws/nas/devices", "com.kelvanto.nimbrel.nas.devices",
+                                             method.member, method.handler)) {
+            LOG_ERROR("Failed to add a method listener");
+            return false;
+        }
+    }
+    return true;
+}
+
+bool device_request_handler_stop() {
+    cached_devices.reset();
+    return true;
+}

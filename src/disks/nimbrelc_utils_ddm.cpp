@@ -1,0 +1,55 @@
+#include "disks/nimbrelc_utils_ddm.h"
+
+#include "common/logger.h"
+#include "common/nimbrelc_utils.h"
+
+namespace {
+
+constexpr const char *log_category = "nimbrelc_utils";
+constexpr const char *raw_text_path = "/tmp/nimbrel/ddm_data.err";
+constexpr const char *converted_text_path = "/tmp/nimbrel/ddm_json.err";
+
+// A colon after one of these belongs to a value (12:30, AA:BB) or follows a quoted key.
+bool keeps_colon(char previous) {
+    return previous == '"' || (previous >= 'A' && previous <= 'Z') ||
+           (previous >= '0' && previous <= '9');
+}
+
+}  // namespace
+
+std::string convert_ddm_respone_data_to_json_str(std::string_view text) {
+    const auto byte_at = [text](size_t position) {
+        return position < text.size() ? text[position] : '\0';
+    };
+    std::string result;
+    result.reserve(2 * text.size());
+    for (size_t i = 0; i < text.size(); ++i) {
+        const char c = text[i];
+        if (c == '\'') {
+            result += '"';
+        } else if (c == '{' && byte_at(i + 1) != '"') {
+            result += "{\"";
+        } else if (c == ':' && !keeps_colon(i == 0 ? '\0' : text[i - 1])) {
+            // kept: so a key that ends in an upper-case letter or a digit stays open.
+            result += "\":";
+        } else if (c == ',' && byte_at(i + 1) == ' ' && byte_at(i + 2) != '"') {
+            result += ", \"";
+            ++i;
+        } else {
+            result += c;
+        }
+    }
+    return result;
+}
+
+json_ptr convert_ddm_respone_data_to_json(const char *text) {
+    const char *raw = nimbrelc_utils_empty_if_null(text);
+    const std::string converted = convert_ddm_respone_data_to_json_str(raw);
+    json_ptr value(cJSON_Parse(converted.c_str()));
+    if (value == nullptr) {
+        LOG_ERROR("Cannot parse json");
+        dump_string_to_file(raw_text_path, raw);
+        dump_string_to_file(converted_text_path, converted.c_str());
+    }
+    return value;
+}

@@ -1,0 +1,327 @@
+#include "maintenance/backup.h"
+
+#include <cerrno>
+#include <cstring>
+
+#include <openssl/crypto.h>
+#include <openssl/evp.h>
+
+#include "common/logger.h"
+#include "common/msg_bus/message_bus.h"
+#include "common/nimbrelc_utils.h"
+#include "common/nimbrelc_utils_crypto.h"
+#include "common/nimbrelc_utils_json.h"
+#include "common/secrets.h"
+#include "config/config.h"
+#include "sharing/file_services_request_handler.h"
+
+const std::array<const char *, 13> FIELDS_TO_BACKUP = {
+    "centralStorage.enabled",
+    "dlna.mediaStreamingEnabled",
+    "devices.usbMode",
+    "storage.enabled",
+    "storage.username",
+    "storage.password4",
+    "nas.fileServices.samba.enabled",
+    "nas.fileServices.afp.enabled",
+    "nas.fileServices.avahi.enabled",
+    "vpn.enable",
+    "vpn.username",
+    "vpn.password4",
+    "vpn.presharedkey4",
+};
+
+namespace {
+
+constexpr const char *log_category = "backup";
+constexpr int key_size = 16;
+constexpr timeval restart_delay = {.tv_sec = 3, .tv_usec = 0};
+
+event_base *loop = nullptr;
+
+// A secret of the VPN: stored encrypted, backed up in plain text beside it.
+struct vpn_secret {
+    const char *stored_path;
+    const char *stored_name;
+    const char *plain_path;
+    const char *passphrase;
+};
+constexpr vpn_secret vpn_secrets[] = {
+    {"vpn.password4", "password4", "vpn.password", vpn_password_passphrase},
+    {"vpn.presharedkey4", "presharedkey4", "vpn.presharedkey", vpn_preshared_key_passphrase},
+};
+
+// A new item with the value of a single one; none for lists and objects.
+json_ptr copy_value(const cJSON *item) {
+    if (cJSON_IsBool(item)) {
+        return json_ptr(cJSON_CreateBool(cJSON_IsTrue(item)));
+    }
+    if (cJSON_IsNull(item)) {
+        return json_ptr(cJSON_CreateNull());
+    }
+    if (cJSON_IsNumber(item)) {
+        return json_ptr(cJSON_CreateNumber(item->valueint));  // kept: whole numbers only
+    }
+    if (cJSON_IsString(item)) {
+        return json_ptr(cJSON_CreateString(item->valuestring));
+    }
+    return nullptr;
+}
+
+std::string plain_storage_password(cJSON *root) {
+    const char *stored = nimbrelc_utils_empty_if_null_json(
+        nimbrelc_utils_get_json_object(root, "storage.password4", nullptr));
+    if (stored[0] == '\0') {
+        return "";
+    }
+    const auto plain = file_services_request_handler_decrypt_storage_password(stored);
+    if (!plain) {
+        LOG_ERROR("Decryption of storage.password4 failed");
+    }
+    return plain.value_or("");
+}
+
+std::string plain_vpn_secret(cJSON *root, const vpn_secret &secret) {
+    const auto plain = nimbrelc_utils_get_decrypted_string(
+        nimbrelc_utils_empty_if_null_json(
+            nimbrelc_utils_get_json_object(root, secret.stored_path, nullptr)),
+        secret.passphrase);
+    if (!plain) {
+        LOG_ERROR("Decryption of %s failed", secret.stored_path);
+    }
+    return plain.value_or("");
+}
+
+std::optional<std::string> apply_cipher(cipher_direction direction, std::string_view data) {
+    std::array<unsigned char, EVP_MAX_KEY_LENGTH> key = {};
+    const int size = EVP_BytesToKey(EVP_aes_128_ecb(), EVP_sha1(), nullptr,
+                                    reinterpret_cast<const unsigned char *>(PASS), PASS_LEN, 1,
+                                    key.data(), nullptr);
+    std::optional<std::string> result;
+    if (size != key_size) {
+        LOG_ERROR("Incorrect key size: %d", size);
+    } else {
+        result = nimbrelc_utils_run_cipher(log_category, direction, EVP_aes_128_ecb(), key.data(),
+                                           nullptr, data);
+    }
+    OPENSSL_cleanse(key.data(), key.size());
+    return result;
+}
+
+// What restores one secret of a backup that has it in plain text only.
+void replace_secret(cJSON *root, const char *path, const std::optional<std::string> &encrypted) {
+    nimbrelc_utils_replace_json_object(
+        root, path, json_ptr(cJSON_CreateString(encrypted.value_or("").c_str())));
+}
+
+void restore_plain_storage_password(cJSON *root, const cJSON *values) {
+    if (cJSON_HasObjectItem(values, "storage.password4") || !cJSON_HasObjectItem(root, "storage")) {
+        return;
+    }
+    LOG_INFO("Restoring shares protection password backed up in obsoleted form");
+    const char *plain =
+        nimbrelc_utils_empty_if_null_json(cJSON_GetObjectItem(values, "storage.password"));
+    std::optional<std::string> encrypted;
+    if (plain[0] != '\0') {
+        encrypted = file_services_request_handler_encrypt_storage_password(plain);
+        if (!encrypted) {
+            LOG_ERROR("Encryption of storage.password failed");
+        }
+    }
+    replace_secret(root, "storage.password4", encrypted);
+}
+
+void restore_plain_vpn_secret(cJSON *root, const cJSON *values, const vpn_secret &secret) {
+    if (cJSON_HasObjectItem(values, secret.stored_path) || !cJSON_HasObjectItem(root, "vpn")) {
+        return;
+    }
+    LOG_INFO("Restoring vpn field %s backed up in obsoleted form", secret.stored_name);
+    const char *plain =
+        nimbrelc_utils_empty_if_null_json(cJSON_GetObjectItem(values, secret.plain_path));
+    std::optional<std::string> encrypted;
+    if (plain[0] != '\0') {
+        encrypted = nimbrelc_utils_encrypt_and_base64_encode_data(plain, secret.passphrase);
+        if (!encrypted) {
+            LOG_ERROR("Encryption of %s failed", secret.plain_path);
+        }
+    }
+    replace_secret(root, secret.stored_path, encrypted);
+}
+
+void restore_value(cJSON *root, const cJSON *member) {
+    const cJSON *field = nimbrelc_utils_get_json_object(root, member->string, nullptr);
+    if (field == nullptr) {
+        LOG_WARN("No field %s in nimbrelc configuration", member->string);
+        return;
+    }
+    // One value never replaces a section or a list, which are many settings.
+    if (cJSON_IsObject(field) || cJSON_IsArray(field)) {
+        return;
+    }
+    if (json_ptr value = copy_value(member)) {
+        nimbrelc_utils_replace_json_object(root, member->string, std::move(value));
+    }
+}
+
+void store_callback(int32_t argc, const message_bus_arg *args, message_bus_request request) {
+    LOG_INFO("Storing backup requested");
+    if (!message_bus_validate_params(request, argc, args, {MB_ARG_STRING})) {
+        LOG_WARN("Bad params passed to store_callback");
+        return;
+    }
+    const json_ptr document = backup_create(get_config_root());
+    if (!document) {
+        LOG_ERROR("Failed to create backup");
+    } else if (!backup_save(args[0].string, document.get())) {
+        LOG_ERROR("Failed to save the backup");
+    }
+    message_bus_send_no_reply(std::move(request));
+}
+
+bool restore_from(const char *path) {
+    const json_ptr document = backup_load(path);
+    if (!document) {
+        LOG_ERROR("Failed to load backup from file:");
+        return false;
+    }
+    if (!backup_restore(get_config_root(), document.get())) {
+        LOG_ERROR("Failed to restore from the backup");
+        if (event_base_loopbreak(loop) != 0) {
+            LOG_ERROR("event_base_loopbreak failed");
+        }
+        return false;
+    }
+    if (!nimbrelc_config_save()) {
+        LOG_ERROR("Failed to save nimbrelc's configuration");
+    } else {
+        LOG_INFO("Nimbrelc backup has been successfully restored");
+    }
+    // Kept: the restart comes, and the answer is true, even when the save failed.
+    if (event_base_loopexit(loop, &restart_delay) != 0) {
+        LOG_ERROR("event_base_loopexit failed");
+    }
+    return true;
+}
+
+void restore_callback(int32_t argc, const message_bus_arg *args, message_bus_request request) {
+    LOG_INFO("Restoring backup requested");
+    if (!message_bus_validate_params(request, argc, args, {MB_ARG_STRING})) {
+        LOG_WARN("Bad params passed to restore_callback");
+        message_bus_send_bool_reply(std::move(request), false);
+        return;
+    }
+    const bool restored = restore_from(args[0].string);
+    message_bus_send_bool_reply(std::move(request), restored);
+}
+
+struct bus_method {
+    const char *name;
+    message_bus_method_handler handler;
+};
+constexpr bus_method methods[] = {
+    {"store", store_callback},
+    {"restore", restore_callback},
+};
+
+}  // namespace
+
+json_ptr backup_create(cJSON *root) {
+    if (!cJSON_IsObject(root)) {
+        return nullptr;
+    }
+    json_ptr document(cJSON_CreateObject());
+    cJSON_AddStringToObject(document.get(), "version",
+                            nimbrelc_utils_empty_if_null_json(nimbrelc_utils_get_json_object(
+                                root, "cpeDevice.deviceInfo.softwareVersion", nullptr)));
+    cJSON *values = cJSON_AddObjectToObject(document.get(), "config");
+    for (const char *path : FIELDS_TO_BACKUP) {
+        const cJSON *item = nimbrelc_utils_get_json_object(root, path, nullptr);
+        if (item == nullptr) {
+            LOG_ERROR("Cannot backup field: %s", path);
+        } else if (json_ptr value = copy_value(item)) {
+            cJSON_AddItemToObject(values, path, value.release());
+        }
+    }
+    cJSON_AddStringToObject(values, "storage.password", plain_storage_password(root).c_str());
+    for (const vpn_secret &secret : vpn_secrets) {
+        cJSON_AddStringToObject(values, secret.plain_path, plain_vpn_secret(root, secret).c_str());
+    }
+    return document;
+}
+
+bool backup_save(const char *path, const cJSON *document) {
+    const std::optional<std::string> text = nimbrelc_utils_print_json(document);
+    if (!text) {
+        LOG_ERROR("Error printing nimbrelc backup config");
+        return false;
+    }
+    const std::optional<std::string> encrypted = backup_encrypt(*text);
+    if (!encrypted) {
+        LOG_ERROR("Encrypting backup failed");
+        return false;
+    }
+    if (!dump_binary_to_file(path, *encrypted)) {
+        LOG_ERROR("Failed to save backup");
+        return false;
+    }
+    return true;
+}
+
+std::optional<std::string> backup_encrypt(std::string_view data) {
+    return apply_cipher(cipher_direction::encrypt, data);
+}
+
+std::optional<std::string> backup_decrypt(std::string_view data) {
+    return apply_cipher(cipher_direction::decrypt, data);
+}
+
+json_ptr backup_load(const char *path) {
+    const std::optional<std::string> encrypted = nimbrelc_utils_read_binary_file(path);
+    if (!encrypted) {
+        LOG_ERROR("Reading encrypted file failed: %s", strerror(errno));
+        return nullptr;
+    }
+    const std::optional<std::string> text = backup_decrypt(*encrypted);
+    if (!text) {
+        LOG_ERROR("Decrypting backup failed");
+        return nullptr;
+    }
+    json_ptr document(cJSON_Parse(text->c_str()));
+    if (!document) {
+        LOG_ERROR("Cannot parse json in config file");
+    }
+    return document;
+}
+
+bool backup_restore(cJSON *root, const cJSON *document) {
+    const cJSON *values = cJSON_GetObjectItem(document, "config");
+    if (!cJSON_IsObject(values)) {
+        LOG_ERROR("Bad backup file format");
+        return false;
+    }
+    const cJSON *member = nullptr;
+    cJSON_ArrayForEach(member, values) {
+        restore_value(root, member);
+    }
+    restore_plain_storage_password(root, values);
+    for (const vpn_secret &secret : vpn_secrets) {
+        restore_plain_vpn_secret(root, values, secret);
+    }
+    return true;
+}
+
+bool backup_start(event_base *base) {
+    loop = base;
+    for (const bus_method &method : methods) {
+        if (!message_bus_add_method_listener("/backup", "com.kelvanto.nimbrel.backup", method.name,
+                                             method.handler)) {
+            LOG_ERROR("Failed to add method listener");
+            return false;
+        }
+    }
+    return true;
+}
+
+bool backup_stop() {
+    return true;
+}

@@ -1,0 +1,128 @@
+#include "maintenance/segfault.h"
+
+#include <cstring>
+#include <ctime>
+#include <optional>
+#include <string>
+#include <utility>
+
+#include "common/json_ptr.h"
+#include "common/logger.h"
+#include "common/nimbrelc_utils.h"
+#include "common/nimbrelc_utils_json.h"
+#include "config/config.h"
+
+namespace {
+
+constexpr const char *log_category = "segfault";
+
+// The slots, or null when the document has no list of them.
+cJSON *get_dumps() {
+    cJSON *dumps = get_config_item("segfault.dumps");
+    return cJSON_IsArray(dumps) ? dumps : nullptr;
+}
+
+// Kept: a member that the document lacks is not added.
+void replace_member(const char *path, cJSON *value) {
+    nimbrelc_utils_replace_json_object(get_config_root(), path, json_ptr(value));
+}
+
+void reset_record(const char *software_version) {
+    replace_member("segfault.count", cJSON_CreateNumber(0));
+    replace_member("segfault.lastTimestamp", cJSON_CreateNull());
+    replace_member("segfault.firmwareVersion", cJSON_CreateString(software_version));
+    cJSON *slot = nullptr;
+    cJSON_ArrayForEach(slot, get_dumps()) {
+        nimbrelc_utils_replace_json_object(slot, "time", json_ptr(cJSON_CreateNull()));
+        nimbrelc_utils_replace_json_object(slot, "processName", json_ptr(cJSON_CreateNull()));
+    }
+}
+
+// The new entry pushes the oldest slot out; without slots nothing is kept.
+void push_dump(const char *stamp, const char *process_name) {
+    cJSON *dumps = get_dumps();
+    if (dumps == nullptr) {
+        return;
+    }
+    cJSON *entry = cJSON_CreateObject();
+    cJSON_AddStringToObject(entry, "time", stamp);
+    cJSON_AddStringToObject(entry, "processName", process_name);
+    cJSON_InsertItemInArray(dumps, 0, entry);
+    cJSON_DeleteItemFromArray(dumps, cJSON_GetArraySize(dumps) - 1);
+}
+
+void add_dump(const char *process_name) {
+    LOG_INFO("Adding segfault dump for process %s", process_name);
+    const std::optional<std::string> stamp = print_datetime(time(nullptr));
+    if (!stamp) {
+        LOG_ERROR("Cannot print timestamp");
+        return;
+    }
+    push_dump(stamp->c_str(), process_name);
+    const cJSON *count = get_config_item("segfault.count");
+    replace_member("segfault.count", cJSON_CreateNumber(nimbrelc_utils_zero_if_null(count) + 1));
+    replace_member("segfault.lastTimestamp", cJSON_CreateString(stamp->c_str()));
+    nimbrelc_config_save();
+}
+
+void add_dump_callback(int32_t argc, const message_bus_arg *args, message_bus_request request) {
+    if (argc == 1 && args[0].type == MB_ARG_STRING) {
+        add_dump(args[0].string);
+    } else {
+        LOG_ERROR("add_dump_callback wrong out arg");
+    }
+    message_bus_send_no_reply(std::move(request));
+}
+
+}  // namespace
+
+bool segfault_start(event_base * /*base*/) {
+    if (!message_bus_add_method_listener("/debug/segfault", "com.kelvanto.nimbrel.debug.segfault",
+                                         "AddDump", add_dump_callback)) {
+        LOG_ERROR("message_bus_add_method_listener failed");
+        return false;
+    }
+    const char *current = nimbrelc_config_get_software_version();
+    const char *recorded =
+        nimbrelc_utils_empty_if_null_json(get_config_item("segfault.firmwareVersion"));
+    if (recorded[0] == '\0' || strcmp(recorded, current) != 0) {
+        reset_record(current);
+        nimbrelc_config_save();
+    }
+    return true;
+}
+
+bool segfault_stop() {
+    return true;
+}
+
+void segfault_dump_number_of_entries_getter(message_bus_request request) {
+    message_bus_send_reply(std::move(request),
+                           {mb_uint32(static_cast<uint32_t>(cJSON_GetArraySize(get_dumps())))});
+}
+
+void segfault_dump_getter(message_bus_request request, uint32_t index, const char * /*key*/) {
+    const cJSON *dumps = get_dumps();
+    const auto i = static_cast<int32_t>(index - 1);
+    if (i < 0 || i >= cJSON_GetArraySize(dumps)) {
+        LOG_ERROR("segfault_dump_getter: invalid index %d", i);
+        message_bus_send_no_reply(std::move(request));
+        return;
+    }
+    const cJSON *slot = cJSON_GetArrayItem(dumps, i);
+    const json_ptr entry(cJSON_CreateObject());
+    const auto copy_text = [slot, &entry](const char *name, const char *member) {
+        cJSON_AddStringToObject(
+            entry.get(), name,
+            nimbrelc_utils_empty_if_null_json(cJSON_GetObjectItem(slot, member)));
+    };
+    copy_text("Time", "time");
+    copy_text("ProcessName", "processName");
+    const std::optional<std::string> text = nimbrelc_utils_print_json_unformatted(entry.get());
+    if (!text) {
+        LOG_ERROR("segfault_dump_getter: cannot print entry");
+        message_bus_send_no_reply(std::move(request));
+        return;
+    }
+    message_bus_send_string_reply(std::move(request), text->c_str());
+}

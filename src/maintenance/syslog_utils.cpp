@@ -1,0 +1,261 @@
+#include "maintenance/syslog_utils.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdint>
+#include <cstdio>
+#include <cstring>
+#include <ctime>
+#include <iterator>
+#include <list>
+#include <utility>
+
+#include "common/event_ptr.h"
+#include "common/json_ptr.h"
+#include "common/logger.h"
+#include "common/msg_bus/message_bus.h"
+#include "common/nimbrelc_utils.h"
+#include "common/nimbrelc_utils_json.h"
+#include "config/config.h"
+#include "platform/service_manager.h"
+
+namespace {
+
+constexpr const char *log_category = "syslog_utils";
+
+constexpr const char *options_file = "/media/s6log.opts";
+constexpr const char *persistent_directory = "/media/syslog";
+constexpr const char *volatile_directory = "/var/log/syslog";
+
+constexpr const char *number_of_files_path = "syslog.numberOfFiles";
+constexpr const char *max_file_size_path = "syslog.maxFileSize";
+constexpr const char *persistent_path = "syslog.persistent";
+constexpr const char *activation_duration_path = "syslog.activationDuration";
+constexpr const char *activation_date_path = "syslog.activationDate";
+
+// Every member is looked up when it is needed: a restore may have replaced it since.
+constexpr const char *required_paths[] = {
+    number_of_files_path,     max_file_size_path,   persistent_path,
+    activation_duration_path, activation_date_path,
+};
+
+struct stop_timer {
+    event_ptr handle;
+};
+
+// All timers that are still to fire, and the latest of them, which is the one that can be
+// cancelled.
+std::list<stop_timer> stop_timers;
+stop_timer *current_timer = nullptr;
+
+int config_number(const char *path) {
+    const cJSON *item = get_config_item(path);
+    return cJSON_IsNumber(item) ? item->valueint : 0;
+}
+
+bool is_persistent() {
+    return cJSON_IsTrue(get_config_item(persistent_path)) != 0;
+}
+
+bool is_activation_date_set() {
+    const cJSON *date = get_config_item(activation_date_path);
+    return date != nullptr && !cJSON_IsNull(date);
+}
+
+const char *log_directory() {
+    return is_persistent() ? persistent_directory : volatile_directory;
+}
+
+void store(const char *path, json_ptr value) {
+    nimbrelc_utils_replace_json_object(get_config_root(), path, std::move(value));
+}
+
+bool clear_persistent_state() {
+    if (!is_activation_date_set() && !is_persistent()) {
+        return true;
+    }
+    store(activation_date_path, json_ptr(cJSON_CreateNull()));
+    store(persistent_path, json_ptr(cJSON_CreateFalse()));
+    return nimbrelc_config_save();
+}
+
+bool restart_log_service() {
+    if (service_manager_restart("syslogd-log") != 0) {
+        LOG_ERROR("Failed to restart syslogd-log service");
+        return false;
+    }
+    return true;
+}
+
+bool reconfigure_log_service() {
+    // Wide enough for the bytes of any number of KiB.
+    char options[64];
+    snprintf(options, sizeof options, "s%lld n%d %s",
+             static_cast<long long>(config_number(max_file_size_path)) * 1024,
+             config_number(number_of_files_path), log_directory());
+    switch (cmp_file_content(options_file, options)) {
+        case CMP_FILE_EQUAL:
+            LOG_INFO("syslogd-log already run with the right options");
+            return true;
+        case CMP_FILE_DIFFERENT:
+            break;
+        default:
+            LOG_ERROR("Failed to compare the files");
+            return false;
+    }
+    if (!safe_dump_string_to_file(options_file, options)) {
+        LOG_ERROR("Failed to write syslog opts file");
+        return false;
+    }
+    if (!restart_log_service()) {
+        LOG_ERROR("Failed to restart syslogd-log");
+        return false;
+    }
+    return true;
+}
+
+void forget_timer(const stop_timer *timer) {
+    stop_timers.remove_if([timer](const stop_timer &other) { return &other == timer; });
+}
+
+// Kept: a timer stops the logging although a later one was started after it, and cancels that one.
+// Timers that were started between the two find nothing left to remove.
+bool remove_current_timer() {
+    if (current_timer == nullptr || event_del(current_timer->handle.get()) != 0) {
+        // The event library sets no error.
+        LOG_ERROR("Failed to remove the timer: %s", strerror(EINVAL));
+        return false;
+    }
+    forget_timer(std::exchange(current_timer, nullptr));
+    return true;
+}
+
+void stop_persistent_logging(evutil_socket_t /*fd*/, short /*events*/, void *context) {
+    auto *fired = static_cast<stop_timer *>(context);
+    LOG_INFO("Stopping persistent logging...");
+    const bool removed = remove_current_timer();
+    forget_timer(fired);
+    if (!removed) {
+        return;
+    }
+    if (!clear_persistent_state()) {
+        LOG_ERROR("Failed to cleanup configuration after timeout");
+    }
+    if (!reconfigure_log_service()) {
+        LOG_ERROR("Failed to reconfigure syslogd-log");
+        return;
+    }
+    LOG_INFO("Persistent logging stopped");
+}
+
+// Half of what a 32-bit clock can tell, some 34 years: leaves room for the time that it is added
+// to.
+int timer_seconds(int64_t seconds) {
+    constexpr int64_t max_seconds = INT32_MAX / 2;
+    return static_cast<int>(std::min(seconds, max_seconds));
+}
+
+// Kept: an earlier timer is forgotten, not cancelled; it still fires.
+bool start_stop_timer(event_base *base, int seconds) {
+    LOG_INFO("Starting timer to stop persistent logging in %d sec.", seconds);
+    const timeval delay = {.tv_sec = seconds, .tv_usec = 0};
+    stop_timer &timer = stop_timers.emplace_back();
+    timer.handle.reset(evtimer_new(base, stop_persistent_logging, &timer));
+    if (timer.handle == nullptr) {
+        LOG_ERROR("evtimer_new failed");
+        stop_timers.pop_back();
+        return false;
+    }
+    if (evtimer_add(timer.handle.get(), &delay) == -1) {
+        LOG_ERROR("evtimer_add failed");
+        stop_timers.pop_back();
+        return false;
+    }
+    current_timer = &timer;
+    return true;
+}
+
+bool start_period(event_base *base, int64_t duration) {
+    const auto now = print_datetime(time(nullptr));
+    if (!now) {
+        LOG_ERROR("strftime failed: %d %s", 4, strerror(errno));  // kept: no error number
+        return false;
+    }
+    store(activation_date_path, json_ptr(cJSON_CreateString(now->c_str())));
+    return nimbrelc_config_save() && start_stop_timer(base, timer_seconds(duration));
+}
+
+// The time of a stored date, -1 when it is none. Kept: whether summer time applies is taken from
+// today, not from that date.
+time_t parse_activation_date(const char *text, time_t now) {
+    tm fields{};
+    localtime_r(&now, &fields);
+    if (strptime(text, "%FT%TZ", &fields) == nullptr) {
+        // strptime() itself sets no error.
+        LOG_ERROR("strptime failed to parse the date: %s", strerror(EINVAL));
+        return -1;
+    }
+    return mktime(&fields);
+}
+
+bool continue_period(event_base *base, int64_t duration) {
+    const time_t now = time(nullptr);
+    const time_t activated = parse_activation_date(
+        nimbrelc_utils_empty_if_null_json(get_config_item(activation_date_path)), now);
+    if (activated == -1) {
+        LOG_ERROR("Failed to set persistent logs timer");
+        return false;
+    }
+    const int64_t remaining = int64_t{activated} + duration - now;
+    if (remaining <= 0) {
+        return clear_persistent_state();
+    }
+    const int seconds = timer_seconds(remaining);
+    LOG_INFO("Continuing persistent logging for next %d sec", seconds);
+    return start_stop_timer(base, seconds);
+}
+
+bool setup_persistent_logging(event_base *base) {
+    if (!is_persistent()) {
+        return clear_persistent_state();
+    }
+    const int64_t duration = int64_t{config_number(activation_duration_path)} * 60;
+    return is_activation_date_set() ? continue_period(base, duration)
+                                    : start_period(base, duration);
+}
+
+void get_current_log_path_callback(int32_t /*argc*/, const message_bus_arg * /*args*/,
+                                   message_bus_request request) {
+    const char *path = log_directory();
+    LOG_INFO("Returning current log path: %s", path);
+    message_bus_send_string_reply(std::move(request), path);
+}
+
+}  // namespace
+
+bool syslog_utils_configure(event_base *base) {
+    if (!std::all_of(std::begin(required_paths), std::end(required_paths), get_config_item)) {
+        LOG_ERROR("Bad configuration. One of the fields is not present");
+        return false;
+    }
+    const int number_of_files = config_number(number_of_files_path);
+    if (number_of_files < 1 || number_of_files > 99 || config_number(max_file_size_path) < 1 ||
+        config_number(activation_duration_path) < 1) {
+        LOG_ERROR("Bad configuration. Some fields have bad values.");
+        return false;
+    }
+    if (!setup_persistent_logging(base)) {
+        LOG_ERROR("Failed to setup persistent logging");
+        return false;
+    }
+    if (!reconfigure_log_service()) {
+        LOG_ERROR("Failed to reconfigure syslogd-log");
+        return false;
+    }
+    if (!message_bus_add_method_listener("/com/kelvanto/nimbrel", "com.kelvanto.nimbrel.syslog",
+                                         "GetCurrentLogPath", get_current_log_path_callback)) {
+        LOG_WARN("Failed to registed GetCurrentLogPath dbus method handler");
+        return false;
+    }
+    return true;
+}

@@ -1,0 +1,276 @@
+#include "platform/launch.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <csignal>
+#include <cstdarg>
+#include <cstdio>
+#include <cstring>
+#include <optional>
+#include <utility>
+#include <vector>
+
+#include "common/file_ptr.h"
+#include "common/logger.h"
+#include "common/nimbrelc_utils.h"
+
+namespace {
+
+constexpr const char *log_category = "launch";
+
+constexpr int no_descriptor = -1;
+
+// Children whose writer gave up; nobody waits for them, but their ends are collected later.
+std::vector<pid_t> abandoned_children;
+
+void collect_abandoned_children() {
+    std::erase_if(abandoned_children,
+                  [](pid_t child) { return waitpid(child, nullptr, WNOHANG) != 0; });
+}
+
+// A shell that runs, and what it writes.
+struct shell {
+    pid_t process = -1;
+    file_ptr output;
+};
+
+// popen() in mode "re", but for the process id. False, with errno.
+bool start_shell(const char *command, shell &child) {
+    int ends[2];
+    if (pipe2(ends, O_CLOEXEC) == -1) {
+        return false;
+    }
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_adddup2(&actions, ends[1], STDOUT_FILENO);
+    const char *const argv[] = {"sh", "-c", "--", command, nullptr};
+    const int error = posix_spawn(&child.process, "/bin/sh", &actions, nullptr,
+                                  const_cast<char *const *>(argv), environ);
+    posix_spawn_file_actions_destroy(&actions);
+    close(ends[1]);
+    child.output.reset(fdopen(ends[0], "r"));
+    errno = error;
+    return error == 0;
+}
+
+// Output that nobody wants is dropped while the shell runs: closing the pipe at once would kill a
+// command that says a single line. One that says more than a pipe holds meets the closed pipe, and
+// one that leaves a process behind with the pipe in its hands is not waited for.
+void drop_output(const shell &child) {
+    constexpr size_t pipe_capacity = 65536;
+    constexpr int check_interval_ms = 100;
+    const int descriptor = fileno(child.output.get());
+    char dropped[4096];
+    size_t total = 0;
+    while (total < pipe_capacity) {
+        pollfd waiting = {.fd = descriptor, .events = POLLIN, .revents = 0};
+        const int ready = poll(&waiting, 1, check_interval_ms);
+        if (ready == 0) {
+            siginfo_t ended = {};
+            if (waitid(P_PID, static_cast<id_t>(child.process), &ended,
+                       WEXITED | WNOHANG | WNOWAIT) != 0 ||
+                ended.si_pid != 0) {
+                return;
+            }
+        } else {
+            const ssize_t count = read(descriptor, dropped, sizeof dropped);
+            if (count <= 0) {
+                return;
+            }
+            total += static_cast<size_t>(count);
+        }
+    }
+}
+
+// pclose(): the raw wait status, or -1.
+int end_shell(shell &child) {
+    child.output.reset();
+    int status = -1;
+    return waitpid(child.process, &status, 0) == -1 ? -1 : status;
+}
+
+// Forks and executes; `input` (or no_descriptor) becomes the child's standard input. Gives the
+// child's process id, or -1.
+pid_t start_child(const char *const argv[], int input) {
+    // What the child's log call flushes must not be the parent's pending output.
+    fflush(stdout);
+    const pid_t child = fork();
+    if (child == -1) {
+        LOG_ERROR("fork() failed");
+    }
+    if (child != 0) {
+        return child;
+    }
+    // The pipe is close-on-exec, so its ends need no closing here, unless one is in the right
+    // place.
+    if (input == STDIN_FILENO) {
+        fcntl(input, F_SETFD, 0);
+    } else if (input != no_descriptor) {
+        dup2(input, STDIN_FILENO);
+    }
+    char *const empty_environment[] = {nullptr};
+    execve(argv[0], const_cast<char *const *>(argv), empty_environment);
+    LOG_ERROR("execve failed: %s", strerror(errno));
+    // Not exit(): the exit handlers and what is buffered belong to the parent.
+    _exit(1);
+}
+
+int wait_for_child(pid_t child, int *status) {
+    int child_status = 0;
+    do {
+        if (waitpid(child, &child_status, WUNTRACED | WCONTINUED) == -1) {
+            LOG_ERROR("waitpid failed");
+            return LAUNCH_ERROR;
+        }
+        if (WIFSIGNALED(child_status)) {
+            return LAUNCH_ERROR;
+        }
+    } while (!WIFEXITED(child_status));
+    if (status) {
+        *status = child_status;
+    }
+    return LAUNCH_OK;
+}
+
+// False, with errno, when not all could be written. A child that is gone raises no signal here.
+bool write_text(int descriptor, std::string_view text) {
+    struct sigaction ignore {};
+    struct sigaction before {};
+    ignore.sa_handler = SIG_IGN;
+    sigaction(SIGPIPE, &ignore, &before);
+    ssize_t written = 0;
+    // One call writes all, unless the child goes away in the middle; the next call then says so.
+    do {
+        written = write(descriptor, text.data(), text.size());
+        text.remove_prefix(written > 0 ? static_cast<size_t>(written) : 0);
+    } while (written > 0 && !text.empty());
+    const int write_errno = errno;
+    sigaction(SIGPIPE, &before, nullptr);
+    errno = write_errno;
+    return written != -1;
+}
+
+std::string escape(std::string_view value, std::string_view active) {
+    std::string escaped;
+    for (const char c : value) {
+        if (active.find(c) == std::string_view::npos) {
+            escaped += c;
+        } else if (c == '\n') {
+            // The shell drops a newline that follows a backslash.
+            escaped += "\"\n\"";
+        } else {
+            escaped += '\\';
+            escaped += c;
+        }
+    }
+    return escaped;
+}
+
+}  // namespace
+
+int launch(const char *command, int *status, std::string *output) {
+    if (output) {
+        output->clear();
+    }
+    if (!command) {
+        LOG_ERROR("Command can't be NULL");
+        return LAUNCH_NO_COMMAND;
+    }
+    collect_abandoned_children();
+    shell child;
+    if (!start_shell(command, child)) {
+        LOG_ERROR("popen failed: %s", strerror(errno));
+        return LAUNCH_SHELL_ERROR;
+    }
+    if (output) {
+        std::optional<std::string> text = read_to_buffer(child.output.get());
+        if (!text) {
+            end_shell(child);
+            return LAUNCH_SHELL_ERROR;
+        }
+        *output = *std::move(text);
+    } else {
+        drop_output(child);
+    }
+    const int child_status = end_shell(child);
+    if (child_status == -1) {
+        LOG_ERROR("pclose failed: %s", strerror(errno));
+        return LAUNCH_SHELL_ERROR;
+    }
+    if (!WIFEXITED(child_status)) {
+        LOG_ERROR("Command hasn't terminated normally - probably unexpected signal");
+        return LAUNCH_SHELL_ERROR;
+    }
+    if (status) {
+        *status = child_status;
+    }
+    return LAUNCH_OK;
+}
+
+int launch_with_args(const char *format, int *status, std::string *output, ...) {
+    va_list arguments;
+    va_start(arguments, output);
+    va_list again;
+    va_copy(again, arguments);
+    const int measured = vsnprintf(nullptr, 0, format, arguments);
+    std::string command(measured > 0 ? static_cast<size_t>(measured) : 0, '\0');
+    const int written = vsnprintf(command.data(), command.size() + 1, format, again);
+    va_end(again);
+    va_end(arguments);
+    if (measured < 0 || written != measured) {
+        LOG_ERROR("vsnprintf failed: %s", strerror(errno));
+        if (output) {
+            output->clear();
+        }
+        return LAUNCH_ERROR;
+    }
+    return launch(command.c_str(), status, output);
+}
+
+int launch_one(const char *const argv[], int *status) {
+    collect_abandoned_children();
+    const pid_t child = start_child(argv, no_descriptor);
+    return child == -1 ? LAUNCH_ERROR : wait_for_child(child, status);
+}
+
+int launch_and_write(const char *const argv[], int *status, const char *text) {
+    collect_abandoned_children();
+    int ends[2];
+    if (pipe2(ends, O_CLOEXEC) == -1) {
+        LOG_ERROR("Failed to create a pipe");
+        return LAUNCH_ERROR;
+    }
+    const pid_t child = start_child(argv, ends[0]);
+    close(ends[0]);
+    if (child == -1) {
+        close(ends[1]);
+        return LAUNCH_ERROR;
+    }
+    const bool written = write_text(ends[1], nimbrelc_utils_empty_if_null(text));
+    if (!written) {
+        LOG_ERROR("write failed: %s", strerror(errno));
+        // kept: not waited for. No reader is left, so that only this process sees the pipe close.
+        close(ends[1]);
+        abandoned_children.push_back(child);
+        return LAUNCH_ERROR;
+    }
+    close(ends[1]);
+    return wait_for_child(child, status);
+}
+
+bool launch_succeeded(int result, int status) {
+    return result == LAUNCH_OK && WIFEXITED(status) && WEXITSTATUS(status) == 0;
+}
+
+std::string launch_escape_quoted(std::string_view value) {
+    return escape(value, "\"\\$`");
+}
+
+std::string launch_escape_unquoted(std::string_view value) {
+    return escape(value, "\"\\$`';&|<>()*?[~#\n");
+}

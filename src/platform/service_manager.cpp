@@ -1,0 +1,114 @@
+#include "platform/service_manager.h"
+
+#include <csignal>
+#include <string>
+
+#include "common/logger.h"
+#include "platform/launch.h"
+
+namespace {
+
+constexpr const char *log_category = "service_manager";
+
+struct signal_letter {
+    int signal;
+    char letter;
+};
+constexpr signal_letter signal_letters[] = {
+    {SIGHUP, 'h'},  {SIGINT, 'i'},  {SIGQUIT, 'q'}, {SIGABRT, 'b'}, {SIGKILL, 'k'}, {SIGUSR1, '1'},
+    {SIGUSR2, '2'}, {SIGALRM, 'a'}, {SIGTERM, 't'}, {SIGCONT, 'c'}, {SIGSTOP, 'p'}, {SIGWINCH, 'y'},
+};
+
+// The launcher's own failures are passed on; any exit status but zero is -1.
+int command_result(int launched, int status) {
+    if (launched != LAUNCH_OK) {
+        return launched;
+    }
+    return status == 0 ? 0 : -1;
+}
+
+int control_one(char letter, const char *name) {
+    int status = -1;
+    const int launched =
+        launch_with_args("sudo s6-svc -%c /run/service/%s", &status, nullptr, letter, name);
+    return command_result(launched, status);
+}
+
+int change_set(char direction, const char *name) {
+    int status = -1;
+    const int launched =
+        launch_with_args("sudo s6-rc -%c change %s", &status, nullptr, direction, name);
+    return command_result(launched, status);
+}
+
+}  // namespace
+
+int service_manager_start_one(const char *name) {
+    const int result = control_one('u', name);
+    if (result != 0) {
+        LOG_ERROR("Failed to start one service %s", name);
+    }
+    return result;
+}
+
+int service_manager_stop_one(const char *name) {
+    const int result = control_one('d', name);
+    if (result != 0) {
+        LOG_ERROR("Failed to stop one service %s", name);
+    }
+    return result;
+}
+
+int service_manager_start(const char *name) {
+    return change_set('u', name);
+}
+
+int service_manager_stop(const char *name) {
+    return change_set('d', name);
+}
+
+int service_manager_restart(const char *name) {
+    const int stopped = control_one('d', name);
+    if (stopped != 0) {
+        LOG_ERROR("Failed to stop service %s during restart", name);
+        return stopped;
+    }
+    return control_one('u', name);
+}
+
+int service_manager_is_up(const char *name, bool *is_up) {
+    if (!is_up) {
+        LOG_ERROR("Argument p_is_up can't be NULL");
+        return -2;
+    }
+    int status = -1;
+    std::string output;
+    const int launched = launch_with_args("sudo s6-svstat /run/service/%s", &status, &output, name);
+    if (launched != LAUNCH_OK) {
+        // kept: the text is the command's output, normally none.
+        LOG_ERROR("launch_with_args failed: %s", output.c_str());
+        return launched;
+    }
+    if (status != 0) {
+        return -1;
+    }
+    if (output.starts_with("up")) {
+        *is_up = true;
+        return 0;
+    }
+    if (output.starts_with("down")) {
+        *is_up = false;
+        return 0;
+    }
+    LOG_ERROR("Unexpected format from s6-svstat");
+    return -1;
+}
+
+int service_manager_signal(const char *name, int signal) {
+    for (const signal_letter &row : signal_letters) {
+        if (row.signal == signal) {
+            return control_one(row.letter, name);
+        }
+    }
+    return -1;
+}

@@ -1,0 +1,356 @@
+#include "remote_access/ssh.h"
+
+#include <sys/wait.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdint>
+#include <cstring>
+#include <ctime>
+#include <limits>
+#include <optional>
+#include <string>
+#include <utility>
+
+#include "common/event_ptr.h"
+#include "common/json_ptr.h"
+#include "common/logger.h"
+#include "common/nimbrelc_utils.h"
+#include "common/nimbrelc_utils_json.h"
+#include "config/config.h"
+#include "platform/launch.h"
+#include "platform/service_manager.h"
+#include "remote_access/ssh_time.h"
+
+namespace {
+
+constexpr const char *log_category = "ssh";
+
+constexpr const char *authorized_key_path = "ssh.authorizedKey";
+constexpr const char *enable_path = "ssh.enable";
+constexpr const char *external_port_path = "ssh.externalNPPort";
+constexpr const char *activation_duration_path = "ssh.activationDuration";
+constexpr const char *activation_date_path = "ssh.activationDate";
+
+constexpr const char *server = "dropbear";
+constexpr int server_port = 22;
+constexpr int max_external_port = 65534;
+constexpr const char *firewall_zone = "internal";
+constexpr const char *firewall_slot = "100";
+
+constexpr char endless_activation_text[] =
+    "On devel builds activationDuration=0 means infinite ssh activation. No timer set up.";
+
+event_base *loop = nullptr;
+event_ptr stop_timer;
+
+bool is_enabled() {
+    return cJSON_IsTrue(get_config_item(enable_path)) != 0;
+}
+
+bool is_activation_running() {
+    const cJSON *date = get_config_item(activation_date_path);
+    return date != nullptr && !cJSON_IsNull(date);
+}
+
+bool store(const char *path, cJSON *value) {
+    return nimbrelc_utils_replace_json_object(get_config_root(), path, json_ptr(value));
+}
+
+uint32_t effective_duration() {
+    // The stored number may be beyond 31 bits; as everywhere its integer copy counts.
+    const cJSON *minutes = get_config_item(activation_duration_path);
+    return ssh_duration_seconds(
+        cJSON_IsNumber(minutes) ? static_cast<uint32_t>(minutes->valueint) : 0, is_release());
+}
+
+bool is_configuration_valid() {
+    const cJSON *key = get_config_item(authorized_key_path);
+    const cJSON *enable = get_config_item(enable_path);
+    const cJSON *port = get_config_item(external_port_path);
+    const cJSON *duration = get_config_item(activation_duration_path);
+    const cJSON *date = get_config_item(activation_date_path);
+    if (!key || !enable || !port || !duration || !date) {
+        LOG_ERROR("Bad configuration. One of the fields is not present");
+        return false;
+    }
+    if (!cJSON_IsString(key) || !cJSON_IsBool(enable) || !cJSON_IsNumber(port) ||
+        port->valueint < 0 || port->valueint > max_external_port || !cJSON_IsNumber(duration) ||
+        duration->valueint < 0 || !(cJSON_IsString(date) || cJSON_IsNull(date))) {
+        LOG_ERROR("Bad configuration. Some fields have bad values.");
+        return false;
+    }
+    return true;
+}
+
+bool install_authorized_key() {
+    const std::string key = launch_escape_quoted(
+        nimbrelc_utils_empty_if_null_json(get_config_item(authorized_key_path)));
+    int status = -1;
+    if (launch_with_args("sudo /usr/bin/scripts/ssh/set_auth_key.sh \"%s\"", &status, nullptr,
+                         key.c_str()) != LAUNCH_OK) {
+        LOG_ERROR("Failed to save the authorized key - set_auth_key");
+        return false;
+    }
+    if (status != 0) {
+        LOG_ERROR("Failed to save the authorized key - set_auth_key exited with status: %d",
+                  WEXITSTATUS(status));
+        return false;
+    }
+    return true;
+}
+
+bool set_port_forwarding() {
+    LOG_INFO("Set port forwarding");
+    const cJSON *port = get_config_item(external_port_path);
+    int status = -1;
+    if (!cJSON_IsNumber(port) ||
+        launch_with_args("sudo /usr/bin/scripts/firewall/set_port_forwarding.sh %s %s %d %d \"%s\"",
+                         &status, nullptr, firewall_zone, firewall_slot, port->valueint,
+                         server_port, "Remote SSH Access") != LAUNCH_OK) {
+        LOG_ERROR("Failed run set_port_forwarding.sh");
+        return false;
+    }
+    if (status != 0) {
+        LOG_ERROR("set_port_forwarding.sh exited with status: %d", WEXITSTATUS(status));
+        return false;
+    }
+    return true;
+}
+
+bool delete_port_forwarding() {
+    LOG_INFO("Delete port forwarding");
+    int status = -1;
+    if (launch_with_args("sudo /usr/bin/scripts/firewall/delete_port_forwarding.sh %s %s", &status,
+                         nullptr, firewall_zone, firewall_slot) != LAUNCH_OK) {
+        LOG_ERROR("Failed to run delete_port_forwarding.sh");
+        return false;
+    }
+    if (status != 0) {
+        LOG_ERROR("delete_port_forwarding.sh exited with status: %d", WEXITSTATUS(status));
+        return false;
+    }
+    return true;
+}
+
+bool start_server() {
+    return service_manager_start(server) == 0;
+}
+
+bool stop_server() {
+    LOG_INFO("Stoping dropbear service...");
+    if (is_release()) {
+        return service_manager_stop(server) == 0;
+    }
+    // kept: whatever the configuration says.
+    LOG_INFO("On devel version we never switch off ssh service");
+    return true;
+}
+
+bool clean_up_session() {
+    LOG_INFO("Cleanup ssh session");
+    delete_port_forwarding();
+    if (!is_activation_running() && !is_enabled()) {
+        return true;
+    }
+    store(activation_date_path, cJSON_CreateNull());
+    store(enable_path, cJSON_CreateFalse());
+    return nimbrelc_config_save();
+}
+
+bool remove_timer() {
+    if (!stop_timer || event_del(stop_timer.get()) != 0) {
+        LOG_ERROR("Failed to remove the timer: %s", strerror(errno));
+        return false;
+    }
+    stop_timer.reset();
+    return true;
+}
+
+void end_session(evutil_socket_t /*fd*/, short /*events*/, void * /*context*/) {
+    LOG_INFO("Stopping ssh session...");
+    if (!remove_timer()) {
+        return;
+    }
+    if (!clean_up_session()) {
+        LOG_ERROR("Failed to cleanup configuration after timeout");
+    }
+    if (stop_server()) {
+        LOG_INFO("SSH stopped");
+    } else {
+        LOG_ERROR("Failed to stop SSH");
+    }
+}
+
+bool restart_timer(int32_t seconds) {
+    LOG_INFO("Restarting timer to stop ssh session in %d sec.", seconds);
+    if (stop_timer && !remove_timer()) {
+        return false;
+    }
+    LOG_INFO("Starting timer to stop ssh session in %d sec.", seconds);
+    if (!is_release() && effective_duration() == 0) {
+        LOG_INFO(endless_activation_text);
+        return true;
+    }
+    stop_timer.reset(evtimer_new(loop, end_session, nullptr));
+    if (!stop_timer) {
+        LOG_ERROR("evtimer_new failed");
+        return false;
+    }
+    const timeval delay{.tv_sec = seconds, .tv_usec = 0};
+    if (evtimer_add(stop_timer.get(), &delay) != 0) {
+        LOG_ERROR("evtimer_add failed");
+        return false;
+    }
+    return true;
+}
+
+bool set_activation_date() {
+    const std::optional<std::string> date = print_datetime(time(nullptr));
+    if (!date) {
+        LOG_ERROR("strftime failed: %d %s", 4, strerror(errno));
+        return false;
+    }
+    store(activation_date_path, cJSON_CreateString(date->c_str()));
+    return nimbrelc_config_save();
+}
+
+std::optional<time_t> get_activation_date() {
+    const time_t now = time(nullptr);
+    tm fields{};
+    // Whether summer time applies is so taken from today.
+    localtime_r(&now, &fields);
+    if (!strptime(nimbrelc_utils_empty_if_null_json(get_config_item(activation_date_path)),
+                  "%FT%TZ", &fields)) {
+        // strptime() itself sets no error.
+        LOG_ERROR("strptime failed to parse the date: %s", strerror(EINVAL));
+        return std::nullopt;
+    }
+    const time_t date = mktime(&fields);
+    // A date that the box's 32-bit clock cannot hold cannot be converted there either.
+    if (date == -1 || date < std::numeric_limits<int32_t>::min() ||
+        date > std::numeric_limits<int32_t>::max()) {
+        return std::nullopt;
+    }
+    return date;
+}
+
+// What a new and a continued activation share: the forwarding, then the server.
+bool open_access() {
+    if (!ssh_update_port_forwarding()) {
+        LOG_ERROR("Failed to set port forwarding");
+        return false;
+    }
+    if (!start_server()) {
+        LOG_ERROR("Failed to start SSH");
+        delete_port_forwarding();
+        return false;
+    }
+    return true;
+}
+
+bool begin_activation() {
+    LOG_INFO("Start ssh session");
+    if (!set_activation_date()) {
+        LOG_ERROR("Failed to set activation date");
+        return false;
+    }
+    if (!open_access()) {
+        return false;
+    }
+    if (!restart_timer(static_cast<int32_t>(effective_duration()))) {
+        LOG_ERROR("Failed to start timer");
+        stop_server();
+        delete_port_forwarding();
+        return false;
+    }
+    return true;
+}
+
+bool continue_activation() {
+    LOG_INFO("Try to continue ssh activation");
+    const std::optional<time_t> date = get_activation_date();
+    if (!date) {
+        LOG_ERROR("get_activation_date() failed");
+        return false;
+    }
+    const std::optional<int32_t> remaining =
+        ssh_remaining_seconds(*date, effective_duration(), time(nullptr), is_release());
+    if (!remaining) {
+        LOG_INFO("It's after the deadline, just cleanup the configuration");
+        // kept: the server is not stopped here.
+        return clean_up_session();
+    }
+    if (!open_access()) {
+        return false;
+    }
+    LOG_INFO("Continuing ssh session for next %d sec", *remaining);
+    if (!restart_timer(*remaining)) {
+        LOG_ERROR("Failed to start timer");
+        // kept: unlike with a new activation the server is left running.
+        delete_port_forwarding();
+        return false;
+    }
+    return true;
+}
+
+}  // namespace
+
+bool ssh_start(event_base *base) {
+    loop = base;
+    if (!is_configuration_valid()) {
+        LOG_ERROR("SSH configuration invalid");
+        return false;
+    }
+    if (!install_authorized_key()) {
+        LOG_ERROR("Failed to set authorized key");
+        return false;
+    }
+    // kept: a devel build goes on for a disabled SSH as for an enabled one, without the forwarding.
+    // kept: a release build leaves the armed timer alone; it finds nothing to clean up later.
+    if (is_release() && !is_enabled()) {
+        LOG_INFO("SSH is disabled, cleaning up session");
+        return stop_server() && clean_up_session();
+    }
+    return is_activation_running() ? continue_activation() : begin_activation();
+}
+
+bool ssh_stop() {
+    LOG_INFO("Stopping ssh");
+    const bool stopped = stop_server();
+    if (!stopped) {
+        LOG_ERROR("Failed to stop SSH");
+    }
+    if (!delete_port_forwarding()) {
+        LOG_ERROR("Failed to delete port forwarding!");
+        return false;
+    }
+    return stopped;
+}
+
+bool ssh_configure(event_base *base) {
+    LOG_INFO("Applying ssh configuration");
+    if (!ssh_start(base)) {
+        LOG_ERROR("Failed to configure SSH");
+        return false;
+    }
+    return true;
+}
+
+bool ssh_set_activation_duration(const message_bus_arg &value, message_bus_request request) {
+    LOG_INFO("Setting activation duration");
+    if (value.type != MB_ARG_UINT32) {
+        LOG_WARN("Bad params passed to ssh_set_activation_duration");
+        return message_bus_send_bool_reply(std::move(request), false);
+    }
+    const uint32_t minutes =
+        is_release() ? std::min(value.word, ssh_max_release_minutes) : value.word;
+    store(activation_duration_path, cJSON_CreateNumber(minutes));
+    const bool applied = ssh_configure(loop) && nimbrelc_config_save();
+    return message_bus_send_bool_reply(std::move(request), applied);
+}
+
+bool ssh_update_port_forwarding() {
+    LOG_INFO("Update port forwarding");
+    return is_enabled() ? set_port_forwarding() : delete_port_forwarding();
+}

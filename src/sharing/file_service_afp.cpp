@@ -1,0 +1,228 @@
+#include "sharing/file_service_afp.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <csignal>
+#include <cstring>
+#include <memory>
+#include <optional>
+
+#include "common/logger.h"
+#include "common/nimbrelc_utils.h"
+#include "common/nimbrelc_utils_json.h"
+#include "config/config.h"
+#include "disks/removable_devices_manager.h"
+#include "platform/launch.h"
+#include "platform/service_manager.h"
+#include "sharing/file_service.h"
+#include "sharing/file_service_config.h"
+#include "sharing/file_services_request_handler.h"
+
+namespace {
+
+constexpr const char *log_category = "afp";
+
+constexpr const char *section_path = "nas.fileServices.afp";
+constexpr const char *daemon_config_path = "nas.fileServices.afp.daemonConfig";
+constexpr const char *daemon_name = "netatalk";
+constexpr const char *cnid_directory = "/var/netatalk/CNID";
+constexpr file_service_times action_times = {.start = 10, .stop = 5, .reload = 3};
+
+// --- CNID directories
+
+struct directory_deleter {
+    void operator()(DIR *directory) const {
+        closedir(directory);
+    }
+};
+using directory_ptr = std::unique_ptr<DIR, directory_deleter>;
+
+bool is_directory(DIR *parent, const dirent *entry) {
+    if (entry->d_type != DT_UNKNOWN) {
+        return entry->d_type == DT_DIR;
+    }
+    struct stat info = {};
+    return fstatat(dirfd(parent), entry->d_name, &info, AT_SYMLINK_NOFOLLOW) == 0 &&
+           S_ISDIR(info.st_mode);
+}
+
+void remove_cnid_directory(const char *name) {
+    LOG_INFO("Removing unnecessary CNID dir: %s", name);
+    const char *const remove_directory[] = {
+        "/usr/bin/sudo", "/bin/sh", "/usr/bin/scripts/remove_afp_cnid_dir.sh", name, nullptr};
+    int status = -1;
+    const int result = launch_one(remove_directory, &status);
+    if (launch_succeeded(result, status)) {
+        LOG_INFO("CNID dir %s successfully removed", name);
+    } else {
+        LOG_ERROR("Failed to remove dir %s", name);
+    }
+}
+
+bool remove_unnecessary_cnid_directories(const cJSON *partitions) {
+    const directory_ptr directory(opendir(cnid_directory));
+    if (!directory) {
+        LOG_ERROR("Fetching contents of APF CNID dir failed: %s", strerror(errno));
+        return false;
+    }
+    while (const dirent *entry = readdir(directory.get())) {
+        const char *name = entry->d_name;
+        if (strcmp(name, ".") != 0 && strcmp(name, "..") != 0 &&
+            is_directory(directory.get(), entry) && !afp_is_volume(partitions, name)) {
+            remove_cnid_directory(name);
+        }
+    }
+    return true;
+}
+
+// A failed cleanup never fails the operation it belongs to.
+void clean_up_cnid_directories(const cJSON *partitions) {
+    if (remove_unnecessary_cnid_directories(partitions)) {
+        LOG_INFO("Successfully removed unnecessary CNID dirs");
+    } else {
+        LOG_WARN("Error occured while removing unecessary CNID dirs");
+    }
+}
+
+// --- Configuration and daemon
+
+bool generate_config() {
+    LOG_INFO("Generating config for afp daemon");
+    if (get_config_root() == nullptr) {
+        LOG_ERROR("Config json not parsed");
+        LOG_ERROR("Error generating afp config");
+        return false;
+    }
+    const cJSON *daemon_config = get_config_item(daemon_config_path);
+    const std::string text =
+        afp_config_text(daemon_config, get_partitions_list(),
+                        file_services_request_handler_is_storage_protection_enabled());
+    if (!safe_dump_string_to_file(
+            nimbrelc_utils_get_json_text(daemon_config, "serverConfigLocation"), text.c_str())) {
+        LOG_ERROR("Error saving afp config");
+        return false;
+    }
+    return true;
+}
+
+bool start_or_reload() {
+    const std::optional<bool> is_up = file_service_is_daemon_up(daemon_name);
+    if (!is_up) {
+        LOG_WARN("Cannot determine state of afp daemon, assuming it's down");
+    }
+    if (is_up.value_or(false)) {
+        LOG_INFO("Reloading afp daemon");
+        if (service_manager_signal(daemon_name, SIGHUP) != 0) {
+            LOG_ERROR("Cannot reload afp daemon");
+            return false;
+        }
+        return true;
+    }
+    LOG_INFO("Starting afp daemon");
+    if (service_manager_start(daemon_name) != 0) {
+        LOG_ERROR("Cannot start afp daemon");
+        return false;
+    }
+    return true;
+}
+
+}  // namespace
+
+std::string afp_config_text(const cJSON *daemon_config, const cJSON *partitions,
+                            bool is_protected) {
+    std::string methods = nimbrelc_utils_get_json_text(daemon_config, "defaultUAMsList");
+    if (!is_protected) {
+        methods += ",uams_guest.so";
+    }
+    // Never quoted, unlike the lines below.
+    std::string text = "[Global]\n  uam list = " + file_service_written_value(methods) + "\n";
+    file_service_write_line(text, "guest account",
+                            nimbrelc_utils_get_json_text(daemon_config, "anonymousUserLogin"));
+    file_service_write_directives(text, cJSON_GetObjectItem(daemon_config, "defaultServerOptions"));
+    text += '\n';
+    file_service_write_shares(text, partitions, [&text](const cJSON *partition) {
+        const bool read_only = cJSON_IsTrue(cJSON_GetObjectItem(partition, "read_only"));
+        file_service_write_line(text, "path",
+                                nimbrelc_utils_get_json_text(partition, "mount_point"));
+        file_service_write_line(text, "time machine", "yes");
+        file_service_write_line(text, "unix priv", "no");
+        file_service_write_line(text, "read only", read_only ? "yes" : "no");
+    });
+    text += '\n';
+    return text;
+}
+
+bool afp_is_volume(const cJSON *partitions, const char *name) {
+    if (name[0] == '\0' || !cJSON_IsArray(partitions)) {
+        return false;
+    }
+    const cJSON *partition = nullptr;
+    cJSON_ArrayForEach(partition, partitions) {
+        // A volume without a label has no directory to keep.
+        if (file_service_is_shared(partition) &&
+            nimbrelc_utils_get_json_text(partition, "label")[0] != '\0' &&
+            file_service_written_label(partition) == name) {
+            return true;
+        }
+    }
+    return false;
+}
+
+bool afp_start() {
+    if (!file_service_is_switched_on(section_path)) {
+        LOG_INFO("Afp daemon is disabled");
+        return true;
+    }
+    if (!generate_config() || !start_or_reload()) {
+        return false;
+    }
+    LOG_INFO("Removing unnecessary CNID dirs on AFP start/reload");
+    clean_up_cnid_directories(get_partitions_list());
+    return true;
+}
+
+bool afp_reload() {
+    return afp_start();
+}
+
+bool afp_stop() {
+    const std::optional<bool> is_up = file_service_is_daemon_up(daemon_name);
+    if (!is_up) {
+        LOG_WARN("Cannot determine state of afp daemon, assuming it's up");
+    }
+    if (is_up.value_or(true)) {
+        LOG_INFO("Stopping afp daemon");
+        if (service_manager_stop(daemon_name) != 0) {
+            LOG_ERROR("Cannot stop afp daemon");
+            return false;
+        }
+    } else {
+        LOG_WARN("Afp daemon in not working");
+    }
+    LOG_INFO("Removing unnecessary CNID dirs on AFP stop");
+    clean_up_cnid_directories(nullptr);
+    return true;
+}
+
+bool afp_is_running() {
+    const std::optional<bool> is_up = file_service_is_daemon_up(daemon_name);
+    if (!is_up) {
+        LOG_WARN("Cannot determine state of afp daemon");
+    }
+    return is_up.value_or(false);
+}
+
+bool afp_is_enabled() {
+    return file_service_is_enabled(section_path);
+}
+
+bool afp_save_state(bool enabled) {
+    return file_service_save_state(section_path, enabled);
+}
+
+int afp_time_req_for(int action) {
+    return file_service_time_for(action_times, action);
+}

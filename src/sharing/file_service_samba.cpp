@@ -1,0 +1,255 @@
+#include "sharing/file_service_samba.h"
+
+#include <sys/wait.h>
+
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <cstring>
+#include <optional>
+
+#include "common/logger.h"
+#include "common/nimbrelc_utils.h"
+#include "common/nimbrelc_utils_json.h"
+#include "config/config.h"
+#include "disks/removable_devices_manager.h"
+#include "platform/launch.h"
+#include "platform/service_manager.h"
+#include "sharing/file_service.h"
+#include "sharing/file_service_config.h"
+#include "sharing/file_services_request_handler.h"
+
+namespace {
+
+constexpr const char *log_category = "samba";
+
+constexpr const char *section_path = "nas.fileServices.samba";
+constexpr const char *daemon_config_path = "nas.fileServices.samba.daemonConfig";
+constexpr const char *users_map = "/tmp/nimbrel/configs/sambausers.map";
+constexpr file_service_times action_times = {.start = 3, .stop = 5, .reload = 3};
+
+// --- The configuration files
+
+bool save_password(const std::string &password) {
+    constexpr const char *set_password[] = {"/usr/bin/sudo",
+                                            "/usr/bin/smbpasswd",
+                                            "-c",
+                                            "/tmp/nimbrel/configs/samba.config",
+                                            "-s",
+                                            "-a",
+                                            "default",
+                                            nullptr};
+    const std::string twice = password + "\n" + password;
+    int status = -1;
+    const int result = launch_and_write(set_password, &status, twice.c_str());
+    return launch_succeeded(result, status);
+}
+
+bool write_aliases(const storage_config &protection) {
+    if (protection.username.empty() || protection.password.empty()) {
+        LOG_ERROR("Username and password are required to enable samba shares protection");
+        return false;
+    }
+    const std::string alias = "default=" + nimbrelc_utils_printable(protection.username);
+    if (!safe_dump_string_to_file(users_map, alias.c_str())) {
+        LOG_ERROR("Failed to save sambausers.map");
+        return false;
+    }
+    if (!save_password(protection.password)) {
+        LOG_ERROR("Failed to change samba password");
+        return false;
+    }
+    return true;
+}
+
+bool enable_protection() {
+    storage_config protection;
+    file_services_request_handler_get_storage_config(protection);
+    if (!write_aliases(protection)) {
+        LOG_ERROR("Failed to enable samba shares protection");
+        return false;
+    }
+    return true;
+}
+
+bool disable_protection() {
+    if (remove(users_map) != 0) {
+        LOG_WARN("Failed to remove sambausers.map: %s", strerror(errno));
+    }
+    int status = -1;
+    const int result =
+        launch("/usr/bin/sudo /usr/bin/smbpasswd -c /tmp/nimbrel/configs/samba.config -an default",
+               &status, nullptr);
+    if (!launch_succeeded(result, status)) {
+        LOG_ERROR("Failed to reset samba password: %d %d", result,
+                  WIFEXITED(status) ? WEXITSTATUS(status) : status);
+        LOG_ERROR("Failed to disable samba shares protection");
+        return false;
+    }
+    return true;
+}
+
+bool generate_config() {
+    if (get_config_root() == nullptr) {
+        LOG_ERROR("Config json not parsed");
+        LOG_ERROR("Error generating samba config");
+        return false;
+    }
+    const cJSON *daemon_config = get_config_item(daemon_config_path);
+    const std::string text =
+        samba_config_text(daemon_config, get_partitions_list(),
+                          file_services_request_handler_is_storage_protection_enabled());
+    if (!safe_dump_string_to_file(nimbrelc_utils_get_json_text(daemon_config, "configFileLocation"),
+                                  text.c_str())) {
+        LOG_ERROR("Error saving samba config");
+        return false;
+    }
+    LOG_INFO("Updating samba auxiliary config files");
+    if (!update_samba_aliases_config()) {
+        LOG_ERROR("Error updating samba auxiliary config files");
+        return false;
+    }
+    return true;
+}
+
+// --- The daemons
+
+bool start_or_reload(const char *daemon) {
+    const std::optional<bool> is_up = file_service_is_daemon_up(daemon);
+    if (!is_up) {
+        LOG_WARN("Cannot determine state of %s daemon, assuming it's down", daemon);
+    }
+    if (is_up.value_or(false)) {
+        LOG_INFO("Reloading %s daemon", daemon);
+        if (service_manager_signal(daemon, SIGHUP) != 0) {
+            LOG_ERROR("Cannot reload %s daemon", daemon);
+            return false;
+        }
+        return true;
+    }
+    LOG_INFO("Starting %s daemon", daemon);
+    if (service_manager_start(daemon) != 0) {
+        LOG_ERROR("Cannot start %s daemon", daemon);
+        return false;
+    }
+    return true;
+}
+
+bool stop(const char *daemon) {
+    const std::optional<bool> is_up = file_service_is_daemon_up(daemon);
+    if (!is_up) {
+        LOG_WARN("Cannot determine state of %s daemon, assuming it's up", daemon);
+    }
+    if (!is_up.value_or(true)) {
+        LOG_WARN("%s daemon in not working", daemon);
+        return true;
+    }
+    LOG_INFO("Stopping afp daemon");  // kept: the other file service's name
+    if (service_manager_stop(daemon) != 0) {
+        LOG_ERROR("Cannot stop %s daemon", daemon);
+        return false;
+    }
+    return true;
+}
+
+}  // namespace
+
+std::string samba_config_text(const cJSON *daemon_config, const cJSON *partitions,
+                              bool is_protected) {
+    std::string text = "[global]\n";
+    file_service_write_line(text, "server string",
+                            nimbrelc_utils_get_json_text(daemon_config, "serverName"));
+    file_service_write_line(text, "workgroup",
+                            nimbrelc_utils_get_json_text(daemon_config, "workgroup"));
+    const cJSON *max_connections = cJSON_GetObjectItem(daemon_config, "maxConnections");
+    file_service_write_line(
+        text, "max connections",
+        std::to_string(cJSON_IsNumber(max_connections) ? max_connections->valueint : 0));
+    file_service_write_line(text, "guest account",
+                            nimbrelc_utils_get_json_text(daemon_config, "anonymousUserLogin"));
+    file_service_write_directives(text,
+                                  cJSON_GetObjectItem(daemon_config, "defaultGlobalSettings"));
+    if (is_protected) {
+        file_service_write_line(text, "username map", users_map);
+    }
+    text += '\n';
+    file_service_write_shares(text, partitions, [&text, is_protected](const cJSON *partition) {
+        const bool read_only = cJSON_IsTrue(cJSON_GetObjectItem(partition, "read_only"));
+        file_service_write_line(text, "path",
+                                nimbrelc_utils_get_json_text(partition, "mount_point"));
+        file_service_write_line(text, "guest ok", is_protected ? "no" : "yes");
+        file_service_write_line(text, "guest only", "no");
+        file_service_write_line(text, "writeable", read_only ? "no" : "yes");
+        file_service_write_line(text, "oplocks", "yes");
+    });
+    text += '\n';
+    return text;
+}
+
+bool update_samba_aliases_config() {
+    LOG_INFO("Updating samba aliases config");
+    const bool updated = file_services_request_handler_is_storage_protection_enabled()
+                             ? enable_protection()
+                             : disable_protection();
+    if (updated) {
+        LOG_INFO("Samba aliases updated successfully");
+    }
+    return updated;
+}
+
+bool samba_start() {
+    if (!file_service_is_switched_on(section_path)) {
+        LOG_INFO("Samba daemon is disabled");
+        return true;
+    }
+    LOG_INFO("Generating config for samba daemon");
+    if (!generate_config()) {
+        LOG_ERROR("Failed to save samba config");
+        return false;
+    }
+    if (!start_or_reload("nmbd") || !start_or_reload("smbd")) {
+        LOG_ERROR("Failed to start all samba daemons");
+        return false;
+    }
+    return true;
+}
+
+bool samba_reload() {
+    if (!file_service_is_switched_on(section_path)) {
+        LOG_INFO("Samba daemon is disabled");
+        return true;
+    }
+    if (!generate_config()) {
+        LOG_ERROR("Failed to save samba config");
+        return false;
+    }
+    const bool nmbd = start_or_reload("nmbd");
+    const bool smbd = start_or_reload("smbd");
+    return nmbd && smbd;
+}
+
+bool samba_stop() {
+    const bool smbd = stop("smbd");
+    const bool nmbd = stop("nmbd");
+    return smbd && nmbd;
+}
+
+bool samba_is_running() {
+    const std::optional<bool> is_up = file_service_is_daemon_up("smbd");
+    if (!is_up) {
+        LOG_WARN("Cannot determine state of smbd daemon");
+    }
+    return is_up.value_or(false);
+}
+
+bool samba_is_enabled() {
+    return file_service_is_enabled(section_path);
+}
+
+bool samba_save_state(bool enabled) {
+    return file_service_save_state(section_path, enabled);
+}
+
+int samba_time_req_for(int action) {
+    return file_service_time_for(action_times, action);
+}

@@ -1,0 +1,36 @@
+#include "disks/nimbrelc_utils_ddm.h"
+
+#include <gtest/gtest.h>
+
+#include "helpers.h"
+
+TEST(nimbrelc_utils_ddm, adds_the_missing_quotes) {
+    const struct {
+        const char *text;
+        const char *json;
+    } rows[] = {
+        {"{a: 'x', b: 2}", R"({"a": "x", "b": 2})"},
+        {R"({"a": 'x', "b": 2})", R"({"a": "x", "b": 2})"},
+        {"[{a: 1}, {b: '12:30', c: 'AA:BB'}]", R"([{"a": 1}, "{"b": "12:30", "c": "AA:BB"}])"},
+        {"{sizeMB: 1, n1: 2}", R"({"sizeMB: 1, "n1: 2})"},  // kept: such a key stays open
+        {"{a: 'it's, so'}", R"({"a": "it"s, "so"})"},
+        {"{a: 'c:/x'}", R"({"a": "c":/x"})"},
+        {"a,b,\"c\", \"d\"", R"(a,b,"c", "d")"},
+        {":", "\":"},
+        {", ", ", \""},
+        {"", ""},
+    };
+    for (const auto &row : rows) {
+        EXPECT_EQ(convert_ddm_respone_data_to_json_str(row.text), row.json);
+    }
+    // Never reads behind its input.
+    EXPECT_EQ(convert_ddm_respone_data_to_json_str(std::string_view("{\"", 1)), "{\"");
+    EXPECT_EQ(convert_ddm_respone_data_to_json_str(std::string_view(", \"", 2)), ", \"");
+}
+
+TEST(nimbrelc_utils_ddm, parses_a_record) {
+    const json_ptr disk = convert_ddm_respone_data_to_json(
+        "{syspath: '/sys/block/sda', device_type: 'STORAGE', partitions_count: 1}");
+    EXPECT_EQ(print(disk),
+              R"({"syspath":"/sys/block/sda","device_type":"STORAGE","partitions_count":1})");
+}

@@ -1,0 +1,157 @@
+"""The start-up migration: one run of the daemon with -m on documents of boxes in the field."""
+import json
+import os
+
+import pytest
+
+BOXES = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "boxes")
+CONFIG = "/media/nimbrelc.json"
+DEFAULT = "/opt/app/default_config/nimbrelc.json"
+
+
+def document(name):
+    with open(os.path.join(BOXES, name + ".json"), encoding="utf-8") as file:
+        return json.load(file)
+
+
+def put(box, installed, config):
+    box.write("/etc/version", installed + "\n")
+    box.write(CONFIG, config if isinstance(config, (str, bytes)) else json.dumps(config))
+
+
+def version_of(config):
+    return config["cpeDevice"]["deviceInfo"]["softwareVersion"]
+
+
+def migrate(box, installed, config, code=0):
+    put(box, installed, config)
+    before = box.read(CONFIG)
+    runs = box.log().count("NimbrelC stopped")
+    assert box.migrate().returncode == code
+    box.wait_log("NimbrelC stopped", count=runs + 1)
+    assert not box.exists(CONFIG + ".tmp")
+    if code:
+        assert box.read(CONFIG) == before  # a refusal leaves the file alone
+    return box.read(CONFIG) != before
+
+
+@pytest.mark.sanitize
+@pytest.mark.both_flavours
+def test_upgrades(box):
+    old = document("08.04.99")
+    for recorded in ("08.04.99", "08.05.01", "08.05.08"):
+        assert migrate(box, "08.05.09", document(recorded))
+        config = box.config()
+        assert version_of(config) == "08.05.09"
+        # The secrets moved as they were, under their current names alone.
+        assert config["storage"] == {"enabled": True, "username": "family",
+                                     "password4": old["storage"]["password_legacy"]}
+        assert config["vpn"]["password4"] == old["vpn"]["password_legacy"]
+        assert config["vpn"]["presharedkey4"] == old["vpn"]["presharedkey_legacy"]
+        assert not {"password_legacy", "password3", "presharedkey_legacy", "presharedkey3"} & set(config["vpn"])
+        assert config["nas"] == old["nas"]
+        if recorded == "08.04.99":
+            assert config["cpeDevice"]["deviceInfo"]["firstUseDate"] == "2019-05-03T10:20:30Z"
+            assert config["ssh"]["activationDate"] is None
+            assert config["vpn"]["lastConnectTimestamp"] == "2021-11-30T18:00:00Z"
+            assert config["segfault"]["count"] == 0 and config["segfault"]["firmwareVersion"] is None
+        # The daemon serves with it, and the share's user gets in.
+        box.start_daemon()
+        auth = box.call("/com/kelvanto/pam", "com.kelvanto.authentification", "AuthRequest",
+                        "family", "photos2024", name="com.kelvanto.pamauth")
+        assert auth == (1,)
+        box.stop_daemon()
+
+    log = box.log()
+    assert log.count("Upgrade from 08.04.99 to 08.05.01 succeeded") == 1
+    assert log.count("Upgrade from 08.05.08 to 08.05.09 succeeded") == 3
+    assert log.count("NimbrelC launched in migration mode") == 3 and "Migration succeeded" in log
+
+
+def test_versions_that_need_nothing(box):
+    for installed, recorded in [("08.05.09", "08.05.09"), ("08.05.09", "08.05.09a"),
+                                ("08.05.09b", "08.05.09")]:
+        config = document("08.05.09")
+        config["cpeDevice"]["deviceInfo"]["softwareVersion"] = recorded
+        assert not migrate(box, installed, config)
+    # A null version counts as the installed one, in memory only.
+    config["cpeDevice"]["deviceInfo"]["softwareVersion"] = None
+    assert not migrate(box, "08.05.09", config)
+    # A newer firmware without a step of its own is only recorded, in full.
+    assert migrate(box, "08.06.00r", document("08.05.09"))
+    assert version_of(box.config()) == "08.06.00r"
+    # A missing version is older than every step.
+    del config["cpeDevice"]["deviceInfo"]["softwareVersion"]
+    assert migrate(box, "08.05.09", config)
+    assert "Configuration file does not contain version, assigning 07.70.13" in box.log()
+
+
+@pytest.mark.sanitize
+def test_legacy_take_over(box):
+    legacy = document("legacy-config")
+    first = document("legacy-first-start")
+    box.write("/media/config.json", json.dumps(legacy))
+    assert migrate(box, "08.05.09", first)
+    config = box.config()
+    assert config["storage"] == {"enabled": True, "username": "grandma",
+                                 "password4": legacy["storage"]["password"]}
+    assert config["vpn"]["presharedkey4"] == legacy["vpn"]["presharedkey"]
+    assert config["vpn"]["username"] == "tunnel" and config["vpn"]["enable"] is True
+    assert config["nas"]["fileServices"]["samba"]["daemonConfig"]["serverName"] == "Cellar"
+    assert config["centralStorage"]["enabled"] is False
+    assert config["cpeDevice"]["deviceInfo"]["firstUseDate"] == "2016-02-29T08:00:00Z"
+    assert "speedTest" not in config and "xmpp" not in config["cpeDevice"]
+    assert json.loads(box.read("/media/config.json")) == legacy  # never touched
+
+    box.write("/media/config.json", "{")
+    assert not migrate(box, "08.05.09", first, code=1)
+    assert "Cannot copy old java config to new javaless config" in box.log()
+    # A recorded version means that the legacy file is history.
+    assert not migrate(box, "08.05.09", document("08.05.09"))
+
+
+def test_downgrade(box):
+    default = document("default-of-08.05.01")
+    box.write(DEFAULT, json.dumps(default))
+    config = document("08.05.09")
+    config["ssh"].update(enable=True)
+    config["cpeDevice"]["deviceInfo"]["firstUseDate"] = None
+    assert migrate(box, "08.05.01", config)
+    default["cpeDevice"]["deviceInfo"].update(provisioningCode="NORTH-7")
+    default["nas"]["fileServices"]["samba"]["daemonConfig"].update(
+        serverName="Attic", workgroup="HOME", maxConnections=16)  # a list is not taken
+    default["storage"].update(enabled=True, username="family", password4=config["storage"]["password4"])
+    default["ssh"].update(enable=True)  # a number does not replace a text
+    assert box.config() == default
+    box.write(DEFAULT, "[")
+    assert not migrate(box, "08.05.00", config, code=1)
+    assert "Cannot read default configuration file" in box.log()
+
+
+@pytest.mark.sanitize
+def test_damaged_documents_are_refused_untouched(box):
+    good = json.dumps(document("08.04.99"))
+    deep = '{"cpeDevice":' + "[" * 5000 + "]" * 5000 + "}"
+    for config in ["", "{", "null", "5", "[]", "{}", '{"cpeDevice":5}', '{"cpeDevice":{"deviceInfo":[]}}', deep,
+                   good.replace("08.04.99", "8.4.99"), good.replace("08.04.99", "08.04.99-rc")]:
+        migrate(box, "08.05.09", config, code=1)
+    for installed in ("", "8.5.9", "08.05.09-rc", "latest"):
+        migrate(box, installed, good, code=1)
+    log = box.log()
+    for text in ("Cannot read configuration file", "Cannot find deviceInfo section in configuration file",
+                 "Version in /etc/version has wrong format: latest",
+                 "Version in /media/nimbrelc.json has wrong format: 8.4.99", "Migration failed"):
+        assert text in log
+    # Odd, but a document: sections of other kinds are left, the first of two members counts, and size
+    # does not matter.
+    odd = json.loads(good)
+    odd.update(storage=[], vpn="x", segfault=7, syslog=None, padding="x" * 10_000_000)
+    text = json.dumps(odd)[:-1] + ', "vpn": {"password4": "second"}}'
+    assert migrate(box, "08.05.09", text)
+    assert box.config()["padding"] == odd["padding"] and version_of(box.config()) == "08.05.09"
+    # A full medium: the old document stays whole.
+    put(box, "08.05.09", good)
+    box.fill_medium()
+    assert box.migrate().returncode == 1
+    assert box.read(CONFIG) == good
+    box.wait_log("Error saving migrated config")

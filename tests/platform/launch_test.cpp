@@ -1,0 +1,142 @@
+#include "platform/launch.h"
+
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <csignal>
+#include <cstdlib>
+#include <string>
+
+#include "helpers.h"
+
+namespace {
+
+class launcher : public testing::Test {
+protected:
+    void TearDown() override {
+        EXPECT_EQ(open_descriptors(), descriptors);
+    }
+
+    const size_t descriptors = open_descriptors();
+    recorded_log log;
+    int status = -1;
+    std::string output = "old";
+};
+
+TEST_F(launcher, output_that_nobody_wants) {
+    EXPECT_EQ(launch("sleep 0.05; echo done || exit 5", &status, nullptr), LAUNCH_OK);
+    EXPECT_EQ(status, 0);
+    EXPECT_EQ(launch("exec yes", &status, nullptr), LAUNCH_SHELL_ERROR);  // more than a pipe holds
+    // A process left behind with the pipe in its hands is not waited for.
+    const temporary_directory directory;
+    const std::string late = directory / "late";
+    EXPECT_EQ(launch(("(sleep 1; touch " + late + ") & exit 0").c_str(), &status, nullptr),
+              LAUNCH_OK);
+    EXPECT_NE(access(late.c_str(), F_OK), 0);
+}
+
+TEST_F(launcher, shell_results) {
+    EXPECT_EQ(launch("printf out; exit 3", &status, &output), LAUNCH_OK);
+    EXPECT_EQ(WEXITSTATUS(status), 3);
+    EXPECT_EQ(output, "out");
+    EXPECT_FALSE(launch_succeeded(LAUNCH_OK, status));
+    EXPECT_EQ(launch("seq 100000", nullptr, &output), LAUNCH_OK);
+    EXPECT_EQ(output.size(), 588895U);
+    EXPECT_EQ(log.text, "");
+
+    status = -1;
+    EXPECT_EQ(launch("printf out; kill -TERM $$", &status, &output), LAUNCH_SHELL_ERROR);
+    EXPECT_EQ(output, "out");
+    EXPECT_EQ(launch(nullptr, &status, &output), LAUNCH_NO_COMMAND);
+    EXPECT_EQ(status, -1);
+    EXPECT_EQ(log.text,
+              "ERROR launch - Command hasn't terminated normally - probably unexpected signal\n"
+              "ERROR launch - Command can't be NULL\n");
+    EXPECT_EQ(launch(std::string(3000000, 'x').c_str(), &status, &output), LAUNCH_SHELL_ERROR);
+}
+
+TEST_F(launcher, formatted_command_lines) {
+    const std::string value(20000, 'v');
+    EXPECT_EQ(launch_with_args("printf '%s%d' %c", &status, &output, value.c_str(), 7, 'x'),
+              LAUNCH_OK);
+    EXPECT_EQ(output, value + "7");
+    EXPECT_TRUE(launch_succeeded(LAUNCH_OK, status));
+    EXPECT_EQ(launch_with_args("%ls", &status, &output, L"\xd800"), LAUNCH_ERROR);
+}
+
+TEST_F(launcher, direct_executions) {
+    setenv("LAUNCH_TEST", "set", 1);
+    const char *const empty_environment[] = {"/bin/sh", "-c", "exit 5$LAUNCH_TEST", nullptr};
+    EXPECT_EQ(launch_one(empty_environment, &status), LAUNCH_OK);
+    EXPECT_EQ(WEXITSTATUS(status), 5);
+    const char *const stopped[] = {"/bin/sh", "-c",
+                                   "(sleep 0.2; kill -CONT $$) & kill -STOP $$; exit 4", nullptr};
+    EXPECT_EQ(launch_one(stopped, &status), LAUNCH_OK);
+    EXPECT_EQ(WEXITSTATUS(status), 4);
+    const char *const killed[] = {"/bin/sh", "-c", "kill -KILL $$", nullptr};
+    EXPECT_EQ(launch_one(killed, &status), LAUNCH_ERROR);
+    EXPECT_EQ(WEXITSTATUS(status), 4);
+    EXPECT_EQ(log.text, "");
+    const char *const missing[] = {"/nonexistent", nullptr};
+    EXPECT_EQ(launch_one(missing, &status), LAUNCH_OK);
+    EXPECT_EQ(WEXITSTATUS(status), 1);
+}
+
+TEST_F(launcher, text_reaches_the_child) {
+    // Exits with what stands behind the last "x": exactly the text's end.
+    const char *const read_end[] = {"/bin/sh", "-c", "exit $(/usr/bin/tail -c +299998)", nullptr};
+    const std::string text = std::string(299997, 'x') + "100";
+    EXPECT_EQ(launch_and_write(read_end, &status, text.c_str()), LAUNCH_OK);
+    EXPECT_EQ(WEXITSTATUS(status), 100);
+    // The child's own broken pipes still end it.
+    const char *const broken[] = {"/bin/sh", "-c", "kill -PIPE $$", nullptr};
+    EXPECT_EQ(launch_and_write(broken, nullptr, ""), LAUNCH_ERROR);
+}
+
+TEST_F(launcher, text_for_a_child_that_is_gone) {
+    const std::string text(1000000, 'x');
+    const char *const gone[] = {"/bin/true", nullptr};
+    const char *const deaf[] = {"/bin/sh", "-c", "exec <&-; sleep 0.5", nullptr};
+    for (const char *const *argv : {gone, deaf, gone}) {
+        log.text.clear();
+        status = -1;
+        EXPECT_EQ(launch_and_write(argv, &status, text.c_str()), LAUNCH_ERROR);
+        EXPECT_EQ(status, -1);
+        EXPECT_EQ(log.text, "ERROR launch - write failed: Broken pipe\n");
+    }
+    struct sigaction action {};
+    sigaction(SIGPIPE, nullptr, &action);
+    EXPECT_EQ(action.sa_handler, SIG_DFL);
+    // The next launches collect what was left.
+    EXPECT_EQ(launch("sleep 1", nullptr, nullptr), LAUNCH_OK);
+    EXPECT_EQ(launch("exit 0", nullptr, nullptr), LAUNCH_OK);
+    EXPECT_EQ(waitpid(-1, nullptr, WNOHANG), -1);
+    EXPECT_EQ(errno, ECHILD);
+}
+
+TEST_F(launcher, escaped_values_reach_the_command_as_they_are) {
+    std::string all;
+    for (int byte = 1; byte < 256; ++byte) {
+        all += static_cast<char>(byte);
+    }
+    for (const std::string &value :
+         {std::string("$(id)`id`$HOME\\"), std::string("\\\\\"'; id & | <x >y (z) *?[a-z] ~ #"),
+          std::string("a\nb\\\n"), all}) {
+        const std::string quoted = "printf %s \"" + launch_escape_quoted(value) + "\"";
+        EXPECT_EQ(launch(quoted.c_str(), nullptr, &output), LAUNCH_OK);
+        EXPECT_EQ(output, value) << quoted;
+        std::string words;
+        for (const char c : value) {
+            words += c == ' ' || c == '\t' ? '_' : c;
+        }
+        const std::string unquoted = "printf %s " + launch_escape_unquoted(words);
+        EXPECT_EQ(launch(unquoted.c_str(), nullptr, &output), LAUNCH_OK);
+        EXPECT_EQ(output, words) << unquoted;
+    }
+    // Blanks are touched nowhere.
+    EXPECT_EQ(launch_escape_unquoted("two words\t"), "two words\t");
+}
+
+}  // namespace

@@ -1,0 +1,174 @@
+// What the file services make of their queues, settings and disks.
+#include "sharing/file_service.h"
+
+#include <gtest/gtest.h>
+
+#include <string_view>
+#include <utility>
+#include <vector>
+
+#include "common/nimbrelc_utils.h"
+#include "config/config.h"
+#include "helpers.h"
+#include "sharing/file_service_afp.h"
+#include "sharing/file_service_config.h"
+#include "sharing/file_service_events.h"
+#include "sharing/file_service_samba.h"
+
+namespace {
+
+const json_ptr disks = parse(R"([
+    {"label": "skipped", "mount_point": ""},
+    {"label": "My Data", "mount_point": "/media/My Data", "read_only": true},
+    {"label": "none", "mount_point": null}, "no record",
+    {"LABEL": "b", "mount_point": "/media/b", "read_only": "true"}])");
+
+TEST(file_service_events, reduce_a_queue_to_one_action) {
+    const struct {
+        std::string_view queue;  // oldest first: U up, D down, R reload, S restart
+        const char *action;
+    } rows[] = {
+        {"", "NO_EVENT"},    {"S", "NO_EVENT"},   {"U", "START"},     {"D", "STOP"},
+        {"RRR", "RELOAD"},   {"DU", "RESTART"},   {"UD", "STOP"},     {"DR", "STOP"},
+        {"RDR", "STOP"},     {"DUD", "STOP"},     {"DURD", "STOP"},   {"URR", "START"},
+        {"RUR", "START"},    {"UDU", "RESTART"},  {"DRU", "RESTART"}, {"DUR", "RESTART"},
+        {"DUDU", "RESTART"}, {"SR", "RELOAD"},    {"SU", "START"},    {"DS", "STOP"},
+        {"DUDDR", "STOP"},   {"UDRU", "RESTART"},
+    };
+    for (const auto &row : rows) {
+        std::vector<file_service_event> queue;
+        for (const char letter : row.queue) {
+            queue.push_back(static_cast<file_service_event>(std::string_view("UDRS").find(letter)));
+        }
+        EXPECT_STREQ(file_service_event_name(file_service_simplify_events(queue)), row.action)
+            << row.queue;
+    }
+}
+
+TEST(file_service_samba, writes_its_configuration) {
+    const json_ptr settings = parse(R"({
+        "serverName": "Home gateway", "workgroup": "WORKGROUP", "maxConnections": 16.9,
+        "anonymousUserLogin": "default", "defaultGlobalSettings": [
+            {"directive": "interfaces", "args": ["lo", "eth1"]}]})");
+    const std::string global = R"([global]
+  server string = "Home gateway"
+  workgroup = WORKGROUP
+  max connections = 16
+  guest account = default
+  interfaces = lo eth1
+)";
+    const std::string shares = R"(
+[My Data]
+  path = "/media/My Data"
+  guest ok = yes
+  guest only = no
+  writeable = no
+  oplocks = yes
+
+[b]
+  path = /media/b
+  guest ok = yes
+  guest only = no
+  writeable = yes
+  oplocks = yes
+
+)";
+    EXPECT_EQ(samba_config_text(settings.get(), disks.get(), false), global + "\n" + shares);
+    const json_ptr one = parse(R"([{"label": "a", "mount_point": "/a"}])");
+    EXPECT_EQ(samba_config_text(settings.get(), one.get(), true),
+              global +
+                  "  username map = /tmp/nimbrel/configs/sambausers.map\n\n[a]\n  path = /a\n"
+                  "  guest ok = no\n  guest only = no\n  writeable = yes\n  oplocks = yes\n\n");
+    const json_ptr wrong = parse(R"({"serverName": 1, "maxConnections": "2",
+                                     "defaultGlobalSettings": [7, {"args": "x"}]})");
+    EXPECT_EQ(samba_config_text(wrong.get(), settings.get(), false),
+              "[global]\n  server string = \n  workgroup = \n  max connections = 0\n"
+              "  guest account = \n\n\n");
+}
+
+TEST(file_service_afp, writes_its_configuration) {
+    const json_ptr settings = parse(R"({
+        "defaultUAMsList": "uams_dhx.so, uams_dhx2.so", "anonymousUserLogin": "default",
+        "defaultServerOptions": [{"directive": "log level", "args": ["default:warn", "x"]}]})");
+    const std::string methods = "[Global]\n  uam list = uams_dhx.so, uams_dhx2.so";
+    const std::string rest = R"(
+  guest account = default
+  log level = default:warn x
+
+
+[My Data]
+  path = "/media/My Data"
+  time machine = yes
+  unix priv = no
+  read only = yes
+
+[b]
+  path = /media/b
+  time machine = yes
+  unix priv = no
+  read only = no
+
+)";
+    EXPECT_EQ(afp_config_text(settings.get(), disks.get(), false),
+              methods + ",uams_guest.so" + rest);
+    EXPECT_EQ(afp_config_text(settings.get(), disks.get(), true), methods + rest);
+}
+
+TEST(file_service_config, keeps_values_from_changing_other_lines) {
+    const std::pair<const char *, const char *> labels[] = {
+        {"Gl\u00f6bal #1; 'a' \"b\" %S", "Gl\u00f6bal #1; 'a' \"b\" %S"},
+        {"a]\n[b\\", "a__[b\\"},
+        {"globall", "globall"},
+        {"GLOBAL", "_GLOBAL"},
+        {"Globals", "_Globals"},
+        {"", "_"},
+    };
+    for (const auto &[label, written] : labels) {
+        const json_ptr partition(cJSON_CreateObject());
+        cJSON_AddStringToObject(partition.get(), "label", label);
+        EXPECT_EQ(file_service_written_label(partition.get()), written);
+    }
+
+    std::string text;
+    for (const char *value : {"a\\b", "a\\\\", "a b\\", "a\t\r\n\x7f[x]", "", " "}) {
+        file_service_write_line(text, "k", value);
+    }
+    EXPECT_EQ(text,
+              "  k = a\\b\n  k = a\\_\n  k = \"a b_\"\n  k = a____[x]\n  k = \n  k = \" \"\n");
+
+    const json_ptr directives = parse(R"([
+        {"directive": "a\n[b]", "args": ["x\\", "", 5]},
+        {"directive": " [c]", "args": ["[y", "z]\n"]}, {"directive": "none"},
+        {"directive": "=d", "args": ["x"]}, {"directive": " ", "args": ["x"]}, {"args": ["x"]}])");
+    text.clear();
+    file_service_write_directives(text, directives.get());
+    EXPECT_EQ(text, "  a_[b] = x_  \n   _c] = [y z]_\n  none = \n  _d = x\n");
+}
+
+TEST(file_service, stores_a_switch_only_when_it_changes) {
+    const temporary_directory directory;
+    const std::string path = directory / "config.json";
+    const auto is_saved = [&path] { return remove(path.c_str()) == 0; };
+    ASSERT_TRUE(
+        dump_string_to_file(path.c_str(), R"({"on": {"enabled": true}, "off": {"Enabled": false},
+                          "odd": {"enabled": 1, "other": 2}, "bare": {}, "list": []})"));
+    ASSERT_TRUE(nimbrelc_config_load(path.c_str()));
+    ASSERT_TRUE(is_saved());
+
+    EXPECT_TRUE(file_service_save_state("on", true));
+    EXPECT_FALSE(file_service_save_state("list", true));
+    EXPECT_FALSE(is_saved());
+
+    EXPECT_FALSE(file_service_is_enabled("odd"));
+    EXPECT_TRUE(file_service_is_switched_on("odd"));
+    for (const char *section : {"off", "odd", "bare"}) {
+        EXPECT_TRUE(file_service_save_state(section, true));
+        EXPECT_TRUE(is_saved());
+    }
+    EXPECT_EQ(nimbrelc_utils_print_json_unformatted(get_config_root()),
+              R"({"on":{"enabled":true},"off":{"Enabled":true},)"
+              R"("odd":{"enabled":true,"other":2},"bare":{"enabled":true},"list":[]})");
+    nimbrelc_config_free();
+}
+
+}  // namespace
