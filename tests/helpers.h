@@ -8,9 +8,9 @@
 #include <iterator>
 #include <string>
 
+#include "common/json.h"
 #include "common/json_ptr.h"
 #include "common/logger.h"
-#include "common/nimbrelc_utils_json.h"
 
 class temporary_directory {
 public:

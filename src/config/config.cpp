@@ -2,10 +2,10 @@
 
 #include <utility>
 
+#include "common/files.h"
+#include "common/json.h"
 #include "common/json_ptr.h"
 #include "common/logger.h"
-#include "common/nimbrelc_utils.h"
-#include "common/nimbrelc_utils_json.h"
 
 namespace {
 

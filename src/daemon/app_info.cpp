@@ -1,8 +1,8 @@
 #include "daemon/app_info.h"
 
+#include "common/json.h"
 #include "common/json_ptr.h"
 #include "common/msg_bus/message_bus.h"
-#include "common/nimbrelc_utils_json.h"
 
 namespace {
 

@@ -6,9 +6,9 @@
 #include <string>
 #include <utility>
 
+#include "common/json.h"
 #include "common/json_ptr.h"
 #include "common/logger.h"
-#include "common/nimbrelc_utils_json.h"
 #include "config/config.h"
 #include "datamodel/datamodel_device.h"
 #include "datamodel/datamodel_storage.h"

@@ -7,10 +7,10 @@
 #include <string_view>
 #include <utility>
 
+#include "common/json.h"
 #include "common/json_ptr.h"
 #include "common/logger.h"
-#include "common/nimbrelc_utils_json.h"
-#include "disks/nimbrelc_utils_ddm.h"
+#include "disks/disk_records.h"
 #include "disks/removable_devices_manager.h"
 
 namespace {

@@ -4,11 +4,11 @@
 #include <string>
 #include <utility>
 
+#include "common/files.h"
+#include "common/json.h"
 #include "common/json_ptr.h"
 #include "common/logger.h"
-#include "common/nimbrelc_utils.h"
-#include "common/nimbrelc_utils_json.h"
-#include "disks/nimbrelc_utils_ddm.h"
+#include "disks/disk_records.h"
 #include "platform/lcd.h"
 
 namespace {

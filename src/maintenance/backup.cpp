@@ -6,13 +6,13 @@
 #include <openssl/crypto.h>
 #include <openssl/evp.h>
 
+#include "common/files.h"
+#include "common/json.h"
 #include "common/logger.h"
 #include "common/msg_bus/message_bus.h"
-#include "common/nimbrelc_utils.h"
-#include "common/nimbrelc_utils_crypto.h"
-#include "common/nimbrelc_utils_json.h"
 #include "common/secrets.h"
 #include "config/config.h"
+#include "config/stored_secrets.h"
 #include "sharing/file_services_request_handler.h"
 
 const std::array<const char *, 13> FIELDS_TO_BACKUP = {

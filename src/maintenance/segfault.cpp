@@ -6,10 +6,10 @@
 #include <string>
 #include <utility>
 
+#include "common/files.h"
+#include "common/json.h"
 #include "common/json_ptr.h"
 #include "common/logger.h"
-#include "common/nimbrelc_utils.h"
-#include "common/nimbrelc_utils_json.h"
 #include "config/config.h"
 
 namespace {

@@ -9,9 +9,9 @@
 #include <string>
 #include <utility>
 
+#include "common/files.h"
 #include "common/logger.h"
-#include "common/nimbrelc_utils.h"
-#include "common/nimbrelc_utils_crypto.h"
+#include "common/secrets.h"
 #include "platform/launch.h"
 #include "platform/service_manager.h"
 

@@ -11,11 +11,11 @@
 #include <utility>
 
 #include "common/event_ptr.h"
+#include "common/files.h"
+#include "common/json.h"
 #include "common/json_ptr.h"
 #include "common/logger.h"
 #include "common/msg_bus/message_bus.h"
-#include "common/nimbrelc_utils.h"
-#include "common/nimbrelc_utils_json.h"
 #include "config/config.h"
 #include "platform/service_manager.h"
 

@@ -2,10 +2,10 @@
 
 #include <utility>
 
+#include "common/json.h"
 #include "common/json_ptr.h"
 #include "common/logger.h"
 #include "common/msg_bus/message_bus.h"
-#include "common/nimbrelc_utils_json.h"
 #include "config/config.h"
 
 namespace {

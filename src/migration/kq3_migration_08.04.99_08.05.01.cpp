@@ -2,9 +2,9 @@
 
 #include <string>
 
+#include "common/files.h"
+#include "common/json.h"
 #include "common/logger.h"
-#include "common/nimbrelc_utils.h"
-#include "common/nimbrelc_utils_json.h"
 #include "migration/migration_steps.h"
 #include "migration/migration_utils.h"
 

@@ -1,10 +1,10 @@
 #include "migration/kq3_migration_08.05.08_08.05.09.h"
 
+#include "common/files.h"
+#include "common/json.h"
 #include "common/logger.h"
-#include "common/nimbrelc_utils.h"
-#include "common/nimbrelc_utils_crypto.h"
-#include "common/nimbrelc_utils_json.h"
 #include "common/secrets.h"
+#include "config/stored_secrets.h"
 #include "migration/migration_steps.h"
 #include "migration/migration_utils.h"
 

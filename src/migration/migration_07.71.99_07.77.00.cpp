@@ -1,5 +1,5 @@
+#include "common/json.h"
 #include "common/logger.h"
-#include "common/nimbrelc_utils_json.h"
 #include "migration/migration_steps.h"
 #include "migration/migration_utils.h"
 

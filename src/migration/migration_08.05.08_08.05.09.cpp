@@ -1,7 +1,7 @@
+#include "common/json.h"
 #include "common/logger.h"
-#include "common/nimbrelc_utils_crypto.h"
-#include "common/nimbrelc_utils_json.h"
 #include "common/secrets.h"
+#include "config/stored_secrets.h"
 #include "migration/migration_steps.h"
 #include "migration/migration_utils.h"
 

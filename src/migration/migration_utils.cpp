@@ -8,10 +8,10 @@
 #include <openssl/crypto.h>
 #include <openssl/evp.h>
 
+#include "common/files.h"
+#include "common/json.h"
 #include "common/logger.h"
-#include "common/nimbrelc_utils.h"
-#include "common/nimbrelc_utils_crypto.h"
-#include "common/nimbrelc_utils_json.h"
+#include "common/secrets.h"
 
 namespace {
 

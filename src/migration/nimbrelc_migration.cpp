@@ -6,9 +6,9 @@
 #include <optional>
 #include <string>
 
+#include "common/files.h"
+#include "common/json.h"
 #include "common/logger.h"
-#include "common/nimbrelc_utils.h"
-#include "common/nimbrelc_utils_json.h"
 #include "config/config.h"
 #include "migration/migration.h"
 #include "migration/migration_steps.h"

@@ -16,8 +16,8 @@
 #include <vector>
 
 #include "common/file_ptr.h"
+#include "common/files.h"
 #include "common/logger.h"
-#include "common/nimbrelc_utils.h"
 
 namespace {
 

@@ -6,11 +6,11 @@
 #include <utility>
 #include <vector>
 
+#include "common/files.h"
+#include "common/json.h"
 #include "common/json_ptr.h"
 #include "common/logger.h"
 #include "common/msg_bus/message_bus.h"
-#include "common/nimbrelc_utils.h"
-#include "common/nimbrelc_utils_json.h"
 
 namespace {
 

@@ -2,8 +2,8 @@
 
 #include <sys/wait.h>
 
+#include "common/files.h"
 #include "common/logger.h"
-#include "common/nimbrelc_utils.h"
 #include "platform/launch.h"
 
 namespace {

@@ -13,10 +13,10 @@
 #include <utility>
 
 #include "common/event_ptr.h"
+#include "common/files.h"
+#include "common/json.h"
 #include "common/json_ptr.h"
 #include "common/logger.h"
-#include "common/nimbrelc_utils.h"
-#include "common/nimbrelc_utils_json.h"
 #include "config/config.h"
 #include "platform/launch.h"
 #include "platform/service_manager.h"

@@ -9,14 +9,14 @@
 #include <string>
 #include <utility>
 
+#include "common/files.h"
+#include "common/json.h"
 #include "common/json_ptr.h"
 #include "common/logger.h"
 #include "common/msg_bus/message_bus.h"
-#include "common/nimbrelc_utils.h"
-#include "common/nimbrelc_utils_crypto.h"
-#include "common/nimbrelc_utils_json.h"
 #include "common/secrets.h"
 #include "config/config.h"
+#include "config/stored_secrets.h"
 #include "platform/launch.h"
 #include "platform/service_manager.h"
 #include "remote_access/firewall.h"

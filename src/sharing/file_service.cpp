@@ -1,7 +1,7 @@
 #include "sharing/file_service.h"
 
+#include "common/json.h"
 #include "common/json_ptr.h"
-#include "common/nimbrelc_utils_json.h"
 #include "config/config.h"
 #include "platform/service_manager.h"
 

@@ -10,9 +10,9 @@
 #include <memory>
 #include <optional>
 
+#include "common/files.h"
+#include "common/json.h"
 #include "common/logger.h"
-#include "common/nimbrelc_utils.h"
-#include "common/nimbrelc_utils_json.h"
 #include "config/config.h"
 #include "disks/removable_devices_manager.h"
 #include "platform/launch.h"

@@ -4,8 +4,8 @@
 
 #include <algorithm>
 
-#include "common/nimbrelc_utils.h"
-#include "common/nimbrelc_utils_json.h"
+#include "common/files.h"
+#include "common/json.h"
 
 namespace {
 

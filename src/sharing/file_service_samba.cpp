@@ -8,9 +8,9 @@
 #include <cstring>
 #include <optional>
 
+#include "common/files.h"
+#include "common/json.h"
 #include "common/logger.h"
-#include "common/nimbrelc_utils.h"
-#include "common/nimbrelc_utils_json.h"
 #include "config/config.h"
 #include "disks/removable_devices_manager.h"
 #include "platform/launch.h"

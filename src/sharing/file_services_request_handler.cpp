@@ -8,14 +8,14 @@
 #include <string_view>
 #include <utility>
 
+#include "common/files.h"
+#include "common/json.h"
 #include "common/json_ptr.h"
 #include "common/logger.h"
 #include "common/msg_bus/message_bus.h"
-#include "common/nimbrelc_utils.h"
-#include "common/nimbrelc_utils_crypto.h"
-#include "common/nimbrelc_utils_json.h"
 #include "common/secrets.h"
 #include "config/config.h"
+#include "config/stored_secrets.h"
 #include "sharing/dlna_manager.h"
 #include "sharing/file_services_manager.h"
 

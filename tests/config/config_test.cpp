@@ -4,7 +4,7 @@
 
 #include <string>
 
-#include "common/nimbrelc_utils.h"
+#include "common/files.h"
 #include "helpers.h"
 
 TEST(config, edits_and_saves_one_document) {

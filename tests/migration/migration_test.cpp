@@ -4,8 +4,8 @@
 
 #include <string>
 
-#include "common/nimbrelc_utils_crypto.h"
 #include "common/secrets.h"
+#include "config/stored_secrets.h"
 #include "helpers.h"
 #include "migration/kq3_migration_08.05.08_08.05.09.h"
 #include "migration/migration_steps.h"

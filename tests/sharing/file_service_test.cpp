@@ -7,7 +7,7 @@
 #include <utility>
 #include <vector>
 
-#include "common/nimbrelc_utils.h"
+#include "common/files.h"
 #include "config/config.h"
 #include "helpers.h"
 #include "sharing/file_service_afp.h"

@@ -1,4 +1,4 @@
-#include "common/nimbrelc_utils_crypto.h"
+#include "common/secrets.h"
 
 #include <gtest/gtest.h>
 

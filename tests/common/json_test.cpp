@@ -1,4 +1,4 @@
-#include "common/nimbrelc_utils_json.h"
+#include "common/json.h"
 
 #include <gtest/gtest.h>
 

@@ -1,4 +1,4 @@
-#include "common/nimbrelc_utils.h"
+#include "common/files.h"
 
 #include <fcntl.h>
 #include <gtest/gtest.h>

@@ -1,4 +1,4 @@
-#include "common/nimbrelc_utils_crypto.h"
+#include "common/secrets.h"
 
 #include <openssl/bio.h>
 #include <openssl/buffer.h>
@@ -12,8 +12,8 @@
 #include <memory>
 #include <utility>
 
+#include "common/files.h"
 #include "common/logger.h"
-#include "common/nimbrelc_utils.h"
 
 namespace {
 

@@ -1,9 +1,9 @@
-#include "common/nimbrelc_utils_json.h"
+#include "common/json.h"
 
 #include <utility>
 
+#include "common/files.h"
 #include "common/logger.h"
-#include "common/nimbrelc_utils.h"
 
 namespace {
 

@@ -1,7 +1,7 @@
-#include "disks/nimbrelc_utils_ddm.h"
+#include "disks/disk_records.h"
 
+#include "common/files.h"
 #include "common/logger.h"
-#include "common/nimbrelc_utils.h"
 
 namespace {
 

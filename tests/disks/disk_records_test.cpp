@@ -1,4 +1,4 @@
-#include "disks/nimbrelc_utils_ddm.h"
+#include "disks/disk_records.h"
 
 #include <gtest/gtest.h>
 
