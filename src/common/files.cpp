@@ -2,18 +2,16 @@
 
 #include <fcntl.h>
 #include <ftw.h>
-#include <strings.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <algorithm>
-#include <cctype>
 #include <cerrno>
 #include <cstring>
 #include <utility>
 
 #include "common/file_ptr.h"
 #include "common/logger.h"
+#include "common/texts.h"
 
 namespace {
 
@@ -22,8 +20,6 @@ constexpr const char *log_category = "nimbrelc_utils";
 // More than any file or output this daemon handles; beyond it memory counts as not available,
 // rather than letting a sparse file or an endless output end the process.
 constexpr size_t max_content_size = size_t{64} * 1024 * 1024;
-
-constexpr const char *datetime_format = "%FT%TZ";
 
 // A stream on a regular file, or null with errno set. Anything else would block (FIFO), have side
 // effects (device) or fail late (directory).
@@ -70,10 +66,6 @@ std::nullopt_t reading_failed(file_ptr file, const char *format) {
     file.reset();
     errno = error;
     return std::nullopt;
-}
-
-bool is_space(char c) {
-    return isspace(static_cast<unsigned char>(c)) != 0;
 }
 
 int remove_entry(const char *path, const struct stat * /*info*/, int /*type*/, FTW * /*position*/) {
@@ -238,146 +230,4 @@ int rmrf(const char *directory) {
         return -1;
     }
     return nftw(directory, remove_entry, max_open_descriptors, FTW_DEPTH | FTW_PHYS);
-}
-
-bool nimbrelc_utils_is_null_or_empty(const char *text) {
-    return text == nullptr || *text == '\0';
-}
-
-const char *nimbrelc_utils_empty_if_null(const char *text) {
-    return text == nullptr ? "" : text;
-}
-
-std::optional<std::string> nimbrelc_utils_escape_quotes(const char *text) {
-    if (text == nullptr) {
-        return std::nullopt;
-    }
-    std::string result;
-    for (const char c : std::string_view(text)) {
-        if (c == '"') {
-            result += '\\';
-        }
-        result += c;
-    }
-    return result;
-}
-
-bool safe_append_string(std::string &buffer, size_t &capacity, const char *text) {
-    if (text == nullptr) {
-        return true;
-    }
-    const std::string_view added = text;
-    if (added.size() >= capacity) {
-        return false;
-    }
-    if (buffer.size() + added.size() >= capacity) {
-        capacity *= 2;
-        buffer.reserve(capacity);
-    }
-    buffer += added;
-    return true;
-}
-
-std::string copy_replace_str(std::string_view text, std::string_view find,
-                             std::string_view replacement) {
-    std::string result(text);
-    const size_t position = result.find(find);
-    if (position != std::string::npos) {
-        result.replace(position, find.size(), replacement);
-    }
-    return result;
-}
-
-std::optional<std::string> copy_substring(const char *text, size_t first, size_t last) {
-    const std::string_view view = nimbrelc_utils_empty_if_null(text);
-    if (first > last || first >= view.size()) {
-        return std::nullopt;
-    }
-    return std::string(view.substr(first, std::min(last, view.size() - 1) - first + 1));
-}
-
-std::optional<std::string> copy_trim_str(const char *text) {
-    if (text == nullptr) {
-        return std::nullopt;
-    }
-    std::string_view view = text;
-    while (!view.empty() && is_space(view.front())) {
-        view.remove_prefix(1);
-    }
-    while (!view.empty() && is_space(view.back())) {
-        view.remove_suffix(1);
-    }
-    return std::string(view);
-}
-
-std::string nimbrelc_utils_printable(std::string_view value) {
-    std::string result(value);
-    std::replace_if(
-        result.begin(), result.end(),
-        [](char c) { return static_cast<unsigned char>(c) < 0x20 || c == 0x7F; }, '_');
-    return result;
-}
-
-void nimbrelc_regex_deleter::operator()(regex_t *compiled) const {
-    regfree(compiled);
-    std::default_delete<regex_t>()(compiled);
-}
-
-bool nimbrelc_regex_compile(nimbrelc_regex &regex, const char *pattern) {
-    constexpr size_t message_size = 50;
-    regex.reset();
-    auto compiled = std::make_unique<regex_t>();
-    const int error = regcomp(compiled.get(), nimbrelc_utils_empty_if_null(pattern), REG_EXTENDED);
-    if (error != 0) {
-        char message[message_size];
-        regerror(error, compiled.get(), message, sizeof message);
-        LOG_ERROR("Regex compilation error: %s", message);
-        return false;
-    }
-    regex.reset(compiled.release());
-    return true;
-}
-
-bool nimbrelc_regex_match(const nimbrelc_regex &regex, const char *text) {
-    return regex != nullptr && text != nullptr && regexec(regex.get(), text, 0, nullptr, 0) == 0;
-}
-
-void nimbrelc_regex_free(nimbrelc_regex &regex) {
-    regex.reset();
-}
-
-time_t parse_datetime(const char *text) {
-    tm fields{};
-    if (text == nullptr || strptime(text, datetime_format, &fields) == nullptr) {
-        return -1;
-    }
-    // kept: local time in spite of the "Z". Left to the library whether summer time applies, so
-    // that what print_datetime() wrote reads back as the same time all the year round.
-    fields.tm_isdst = -1;
-    return mktime(&fields);
-}
-
-std::optional<std::string> print_datetime(time_t time) {
-    constexpr size_t text_size = sizeof "2024-05-01T13:07:42Z";
-    tm fields{};
-    char text[text_size];
-    if (localtime_r(&time, &fields) == nullptr ||
-        strftime(text, sizeof text, datetime_format, &fields) == 0) {
-        return std::nullopt;
-    }
-    return text;
-}
-
-bool is_datetime(const char *text) {
-    tm fields{};
-    if (text == nullptr || strptime(text, datetime_format, &fields) == nullptr) {
-        // strptime() itself sets no error.
-        LOG_ERROR("strptime failed to parse the date: %s", strerror(EINVAL));
-        return false;
-    }
-    return true;
-}
-
-bool is_release() {
-    return strcasecmp(NIMBRELC_BUILD_FLAVOUR, "release") == 0;
 }

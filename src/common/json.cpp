@@ -4,6 +4,7 @@
 
 #include "common/files.h"
 #include "common/logger.h"
+#include "common/texts.h"
 
 namespace {
 

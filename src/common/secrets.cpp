@@ -12,8 +12,8 @@
 #include <memory>
 #include <utility>
 
-#include "common/files.h"
 #include "common/logger.h"
+#include "common/texts.h"
 
 namespace {
 

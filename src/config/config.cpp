@@ -6,6 +6,7 @@
 #include "common/json.h"
 #include "common/json_ptr.h"
 #include "common/logger.h"
+#include "common/texts.h"
 
 namespace {
 

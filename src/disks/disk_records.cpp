@@ -2,6 +2,7 @@
 
 #include "common/files.h"
 #include "common/logger.h"
+#include "common/texts.h"
 
 namespace {
 

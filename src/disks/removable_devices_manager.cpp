@@ -4,7 +4,6 @@
 #include <string>
 #include <utility>
 
-#include "common/files.h"
 #include "common/json.h"
 #include "common/json_ptr.h"
 #include "common/logger.h"

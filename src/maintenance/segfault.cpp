@@ -6,7 +6,7 @@
 #include <string>
 #include <utility>
 
-#include "common/files.h"
+#include "common/dates.h"
 #include "common/json.h"
 #include "common/json_ptr.h"
 #include "common/logger.h"

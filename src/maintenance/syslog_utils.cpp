@@ -10,6 +10,7 @@
 #include <list>
 #include <utility>
 
+#include "common/dates.h"
 #include "common/event_ptr.h"
 #include "common/files.h"
 #include "common/json.h"

@@ -2,7 +2,7 @@
 
 #include <string>
 
-#include "common/files.h"
+#include "common/dates.h"
 #include "common/json.h"
 #include "common/logger.h"
 #include "migration/migration_steps.h"

@@ -1,9 +1,9 @@
 #include "migration/kq3_migration_08.05.08_08.05.09.h"
 
-#include "common/files.h"
 #include "common/json.h"
 #include "common/logger.h"
 #include "common/secrets.h"
+#include "common/texts.h"
 #include "config/stored_secrets.h"
 #include "migration/migration_steps.h"
 #include "migration/migration_utils.h"

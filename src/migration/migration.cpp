@@ -2,8 +2,8 @@
 
 #include <cstring>
 
-#include "common/files.h"
 #include "common/logger.h"
+#include "common/regular_expressions.h"
 
 namespace {
 

@@ -8,10 +8,10 @@
 #include <openssl/crypto.h>
 #include <openssl/evp.h>
 
-#include "common/files.h"
 #include "common/json.h"
 #include "common/logger.h"
 #include "common/secrets.h"
+#include "common/texts.h"
 
 namespace {
 

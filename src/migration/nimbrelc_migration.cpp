@@ -9,6 +9,7 @@
 #include "common/files.h"
 #include "common/json.h"
 #include "common/logger.h"
+#include "common/regular_expressions.h"
 #include "config/config.h"
 #include "migration/migration.h"
 #include "migration/migration_steps.h"

@@ -18,6 +18,7 @@
 #include "common/file_ptr.h"
 #include "common/files.h"
 #include "common/logger.h"
+#include "common/texts.h"
 
 namespace {
 

@@ -11,6 +11,7 @@
 #include "common/json_ptr.h"
 #include "common/logger.h"
 #include "common/msg_bus/message_bus.h"
+#include "common/texts.h"
 
 namespace {
 

@@ -2,7 +2,7 @@
 
 #include <sys/wait.h>
 
-#include "common/files.h"
+#include "common/build_flavour.h"
 #include "common/logger.h"
 #include "platform/launch.h"
 

@@ -12,8 +12,9 @@
 #include <string>
 #include <utility>
 
+#include "common/build_flavour.h"
+#include "common/dates.h"
 #include "common/event_ptr.h"
-#include "common/files.h"
 #include "common/json.h"
 #include "common/json_ptr.h"
 #include "common/logger.h"

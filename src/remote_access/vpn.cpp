@@ -9,11 +9,12 @@
 #include <string>
 #include <utility>
 
-#include "common/files.h"
+#include "common/dates.h"
 #include "common/json.h"
 #include "common/json_ptr.h"
 #include "common/logger.h"
 #include "common/msg_bus/message_bus.h"
+#include "common/regular_expressions.h"
 #include "common/secrets.h"
 #include "config/config.h"
 #include "config/stored_secrets.h"

@@ -4,8 +4,8 @@
 
 #include <algorithm>
 
-#include "common/files.h"
 #include "common/json.h"
+#include "common/texts.h"
 
 namespace {
 

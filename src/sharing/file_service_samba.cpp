@@ -11,6 +11,7 @@
 #include "common/files.h"
 #include "common/json.h"
 #include "common/logger.h"
+#include "common/texts.h"
 #include "config/config.h"
 #include "disks/removable_devices_manager.h"
 #include "platform/launch.h"

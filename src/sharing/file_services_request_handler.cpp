@@ -8,12 +8,13 @@
 #include <string_view>
 #include <utility>
 
-#include "common/files.h"
 #include "common/json.h"
 #include "common/json_ptr.h"
 #include "common/logger.h"
 #include "common/msg_bus/message_bus.h"
+#include "common/regular_expressions.h"
 #include "common/secrets.h"
+#include "common/texts.h"
 #include "config/config.h"
 #include "config/stored_secrets.h"
 #include "sharing/dlna_manager.h"

@@ -8,7 +8,7 @@
 
 namespace {
 
-TEST(nimbrelc_utils_json, walks_dotted_paths) {
+TEST(json, walks_dotted_paths) {
     const json_ptr root = parse(R"({"a":{"b":{"c":1}},"list":[{"x":1}],"text":"t"})");
     cJSON *a = cJSON_GetObjectItem(root.get(), "a");
     cJSON *b = cJSON_GetObjectItem(a, "b");
@@ -36,7 +36,7 @@ TEST(nimbrelc_utils_json, walks_dotted_paths) {
     EXPECT_EQ(nimbrelc_utils_get_json_object(nullptr, "a", nullptr), nullptr);
 }
 
-TEST(nimbrelc_utils_json, removes_and_replaces_in_place) {
+TEST(json, removes_and_replaces_in_place) {
     const json_ptr root = parse(R"({"a":{"One":1,"two":2,"one":3},"b":4})");
     EXPECT_TRUE(nimbrelc_utils_replace_json_object(root.get(), "a.ONE", parse("[5]")));
     EXPECT_EQ(print(root), R"({"a":{"One":[5],"two":2,"one":3},"b":4})");
@@ -52,7 +52,7 @@ TEST(nimbrelc_utils_json, removes_and_replaces_in_place) {
     EXPECT_EQ(print(root), R"({"b":{},"c":null})");
 }
 
-TEST(nimbrelc_utils_json, merges_stored_values) {
+TEST(json, merges_stored_values) {
     const struct {
         const char *source;
         const char *target;

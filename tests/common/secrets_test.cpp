@@ -19,7 +19,7 @@ constexpr const char *stored_nothing =
 constexpr const char *stored_with_zero =
     "AAECAwQFBgcICQoLDA0ODxAREhMUFRYXGBkaGxwdHh9AQUJDREVGR0hJSktMTU5PgFYuDqsnlAgnndiEfOjHzg==";
 
-TEST(nimbrelc_utils_crypto, decrypts_known_secrets) {
+TEST(secrets, decrypts_known_secrets) {
     EXPECT_EQ(nimbrelc_utils_get_decrypted_string(stored_text, "d9jrV2d9sU"), "correct horse");
     EXPECT_EQ(nimbrelc_utils_get_decrypted_string(stored_block, "k26u0crDLs"), "0123456789abcdef");
     EXPECT_EQ(nimbrelc_utils_get_decrypted_string(stored_nothing, "x"), "");
@@ -29,7 +29,7 @@ TEST(nimbrelc_utils_crypto, decrypts_known_secrets) {
     EXPECT_EQ(nimbrelc_utils_get_decrypted_string("", "x"), "");
 }
 
-TEST(nimbrelc_utils_crypto, encrypts_with_fresh_salt_and_padding) {
+TEST(secrets, encrypts_with_fresh_salt_and_padding) {
     for (const size_t size : {0U, 1U, 15U, 16U, 17U, 1000U}) {
         const std::string plain(size, 'p');
         const auto first = nimbrelc_utils_encrypt_data(plain, "pass");
@@ -42,7 +42,7 @@ TEST(nimbrelc_utils_crypto, encrypts_with_fresh_salt_and_padding) {
     }
 }
 
-TEST(nimbrelc_utils_crypto, refuses_damaged_secrets) {
+TEST(secrets, refuses_damaged_secrets) {
     const std::string blob = nimbrelc_utils_base64_decode(stored_block).value_or("");
     ASSERT_EQ(blob.size(), 80U);
     for (size_t size = 0; size < blob.size(); ++size) {
@@ -53,7 +53,7 @@ TEST(nimbrelc_utils_crypto, refuses_damaged_secrets) {
     EXPECT_FALSE(nimbrelc_utils_get_decrypted_string("not base64!", "k26u0crDLs"));
 }
 
-TEST(nimbrelc_utils_crypto, codes_base64_in_one_line) {
+TEST(secrets, codes_base64_in_one_line) {
     std::string bytes;
     std::string text;
     for (int i = 0; i < 5000; ++i) {

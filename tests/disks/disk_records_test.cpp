@@ -4,7 +4,7 @@
 
 #include "helpers.h"
 
-TEST(nimbrelc_utils_ddm, adds_the_missing_quotes) {
+TEST(disk_records, adds_the_missing_quotes) {
     const struct {
         const char *text;
         const char *json;
@@ -28,7 +28,7 @@ TEST(nimbrelc_utils_ddm, adds_the_missing_quotes) {
     EXPECT_EQ(convert_ddm_respone_data_to_json_str(std::string_view(", \"", 2)), ", \"");
 }
 
-TEST(nimbrelc_utils_ddm, parses_a_record) {
+TEST(disk_records, parses_a_record) {
     const json_ptr disk = convert_ddm_respone_data_to_json(
         "{syspath: '/sys/block/sda', device_type: 'STORAGE', partitions_count: 1}");
     EXPECT_EQ(print(disk),

@@ -1,0 +1,5 @@
+// The build flavour, a choice of the build system.
+#pragma once
+
+// True for "release", false for "devel".
+bool is_release();

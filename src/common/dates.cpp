@@ -1,0 +1,46 @@
+#include "common/dates.h"
+
+#include <cerrno>
+#include <cstring>
+
+#include "common/logger.h"
+
+namespace {
+
+constexpr const char *log_category = "nimbrelc_utils";
+
+constexpr const char *datetime_format = "%FT%TZ";
+
+}  // namespace
+
+time_t parse_datetime(const char *text) {
+    tm fields{};
+    if (text == nullptr || strptime(text, datetime_format, &fields) == nullptr) {
+        return -1;
+    }
+    // kept: local time in spite of the "Z". Left to the library whether summer time applies, so
+    // that what print_datetime() wrote reads back as the same time all the year round.
+    fields.tm_isdst = -1;
+    return mktime(&fields);
+}
+
+std::optional<std::string> print_datetime(time_t time) {
+    constexpr size_t text_size = sizeof "2024-05-01T13:07:42Z";
+    tm fields{};
+    char text[text_size];
+    if (localtime_r(&time, &fields) == nullptr ||
+        strftime(text, sizeof text, datetime_format, &fields) == 0) {
+        return std::nullopt;
+    }
+    return text;
+}
+
+bool is_datetime(const char *text) {
+    tm fields{};
+    if (text == nullptr || strptime(text, datetime_format, &fields) == nullptr) {
+        // strptime() itself sets no error.
+        LOG_ERROR("strptime failed to parse the date: %s", strerror(EINVAL));
+        return false;
+    }
+    return true;
+}

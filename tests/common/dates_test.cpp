@@ -1,0 +1,31 @@
+#include "common/dates.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+
+#include "common/texts.h"
+
+namespace {
+
+TEST(dates, takes_date_times_as_local) {
+    const char *previous = getenv("TZ");
+    const std::string zone = nimbrelc_utils_empty_if_null(previous);
+    setenv("TZ", "CET-1CEST,M3.5.0,M10.5.0/3", 1);
+    tzset();
+    // 11:00 UTC, in winter and in summer.
+    EXPECT_EQ(parse_datetime("2024-01-15T12:00:00Z"), 1705316400);
+    EXPECT_EQ(parse_datetime("2024-07-15T13:00:00Z"), 1721041200);
+    EXPECT_EQ(print_datetime(1705316400), "2024-01-15T12:00:00Z");
+    EXPECT_EQ(print_datetime(1721041200), "2024-07-15T13:00:00Z");
+    previous == nullptr ? unsetenv("TZ") : setenv("TZ", zone.c_str(), 1);
+    tzset();
+
+    EXPECT_EQ(print_datetime(time_t{400000000000}), std::nullopt);  // a year of five digits
+    for (const char *text : {"", "2024-05-01", "2024-05-01 13:07:42", "2024-13-01T13:07:42Z"}) {
+        EXPECT_FALSE(is_datetime(text)) << text;
+        EXPECT_EQ(parse_datetime(text), -1) << text;
+    }
+}
+
+}  // namespace
