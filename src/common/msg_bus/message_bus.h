@@ -8,53 +8,10 @@
 #include <cstdint>
 #include <initializer_list>
 #include <span>
-#include <string>
 
 #include "common/bus_message_ptr.h"
+#include "common/msg_bus/message_bus_args.h"
 #include "common/unique_function.h"
-
-// Argument types, the same numbers in every direction. An incoming argument of any other bus type
-// carries code 0 and no value.
-enum mb_arg_type : int32_t {
-    MB_ARG_STRING = 1,
-    MB_ARG_UINT32 = 2,
-    MB_ARG_INT32 = 3,
-    MB_ARG_BOOLEAN = 4,
-};
-
-// One argument. `string` is borrowed: of an incoming argument it is valid only during the callback,
-// and never null for MB_ARG_STRING. `word` holds the three other types.
-struct message_bus_arg {
-    int32_t type = 0;
-    uint32_t word = 0;
-    const char *string = nullptr;
-
-    int32_t int32() const {
-        return static_cast<int32_t>(word);
-    }
-    bool boolean() const {
-        return word != 0;
-    }
-};
-
-inline message_bus_arg mb_string(const char *value) {
-    return {.type = MB_ARG_STRING, .string = value};
-}
-inline message_bus_arg mb_string(const std::string &value) {
-    return mb_string(value.c_str());
-}
-inline message_bus_arg mb_uint32(uint32_t value) {
-    return {.type = MB_ARG_UINT32, .word = value};
-}
-inline message_bus_arg mb_int32(int32_t value) {
-    return {.type = MB_ARG_INT32, .word = static_cast<uint32_t>(value)};
-}
-inline message_bus_arg mb_boolean(bool value) {
-    return {.type = MB_ARG_BOOLEAN, .word = value ? 1U : 0U};
-}
-
-// How many arguments a callback gets to see; `argc` counts all that came.
-constexpr int32_t message_bus_max_args = 16;
 
 // An incoming method call that waits for its answer. Each reply operation consumes it; one that
 // goes out of scope unanswered leaves the caller to its time-out.
@@ -65,7 +22,7 @@ public:
     explicit message_bus_request(DBusMessage *message)
         : message_(message != nullptr ? dbus_message_ref(message) : nullptr) {}
 
-    // A second reference, for the one method that deliberately answers twice.
+    // A second handle, for the one method that deliberately answers twice.
     message_bus_request share() const {
         return message_bus_request(message_.get());
     }
@@ -88,6 +45,26 @@ using message_bus_signal_handler = void (*)(int32_t argc, const message_bus_arg 
 using message_bus_reply_cb = void (*)(int32_t argc, const message_bus_arg *args);
 // The same with context, held as captured state and released after the reply.
 using message_bus_reply_ctx_cb = unique_function<void(int32_t argc, const message_bus_arg *args)>;
+// The same for a call that is made to answer a request, which comes back with the reply.
+using message_bus_answer =
+    unique_function<void(int32_t argc, const message_bus_arg *args, message_bus_request request)>;
+
+// What a caller gets whose arguments are refused.
+enum class message_bus_refusal { silence, empty_reply, false_reply };
+
+// One served method. All texts are kept by pointer and must outlive the process.
+struct message_bus_method {
+    const char *path;
+    const char *interface;
+    const char *member;
+    message_bus_method_handler handler;
+    // The arguments that the handler gets to see, as a D-Bus signature ("" for none); null lets it
+    // have whatever comes.
+    const char *args = nullptr;
+    const char *refusal_text = nullptr;  // logged at WARN when others come
+    message_bus_refusal refusal = message_bus_refusal::silence;
+    const char *arrival_text = nullptr;  // logged at INFO for every call, before a refusal
+};
 
 // Binds the module to the loop and connects to the system bus. A second call with the same loop
 // changes nothing; one with another loop fails.
@@ -97,6 +74,7 @@ bool message_bus_new(event_base *base);
 bool connection_setup();
 
 // Sets DBUS_SESSION_BUS_ADDRESS; returns what setenv() returned. The system bus is not affected.
+// Kept for programs that embed this module; nothing here calls it.
 int message_bus_set_dbus_socket(const char *address);
 
 // Asks for a well-known name, replacing an owner that allows it. Queued counts as success.
@@ -107,6 +85,10 @@ bool message_bus_request_name(const char *name);
 // rule; true without a second record when the same listener is already there.
 bool message_bus_add_method_listener(const char *path, const char *interface, const char *member,
                                      message_bus_method_handler handler);
+
+// The same for the rows of a module's table, up to the first failure. What the rows have logged
+// goes under its category.
+bool message_bus_add_methods(const char *category, std::span<const message_bus_method> methods);
 
 // Delivers the signal to `handler`, whoever sent it; otherwise as above.
 bool message_bus_add_signal_listener(const char *interface, const char *member,
@@ -123,11 +105,19 @@ bool message_bus_call_method_with_args(const char *destination, const char *path
                                        const char *interface, const char *method,
                                        message_bus_reply_ctx_cb reply_cb,
                                        std::initializer_list<message_bus_arg> args);
-// Of a boolean entry only the lowest byte of the word counts.
+// Of a boolean entry only the lowest byte of the word counts. Kept for callers that build their
+// arguments at run time; nothing here calls it.
 bool message_bus_call_method_with_args_table(const char *destination, const char *path,
                                              const char *interface, const char *method,
                                              message_bus_reply_ctx_cb reply_cb,
                                              std::span<const message_bus_arg> table);
+
+// Calls another service for `request`. True when the call was queued: the request waits with it and
+// goes to `answer`. On false it stays with the caller.
+bool message_bus_call_method_for_request(const char *destination, const char *path,
+                                         const char *interface, const char *method,
+                                         message_bus_request &request, message_bus_answer answer,
+                                         std::initializer_list<message_bus_arg> args);
 
 // Answers. True when the reply was sent. Text that is not UTF-8 has each wrong byte replaced.
 bool message_bus_send_no_reply(message_bus_request request);
@@ -136,7 +126,7 @@ bool message_bus_send_string_reply(message_bus_request request, const char *text
 bool message_bus_send_reply(message_bus_request request,
                             std::initializer_list<message_bus_arg> args);
 
-// Signals. True when queued.
+// Signals. True when queued. Kept for services that announce something; nothing here does yet.
 bool message_bus_send_signal(const char *path, const char *interface, const char *name,
                              const char *text);
 bool message_bus_send_signal_with_args(const char *path, const char *interface, const char *name,

@@ -17,6 +17,7 @@ constexpr const char *path = "/test";
 constexpr const char *other_path = "/test/other";
 constexpr const char *interface = "com.kelvanto.test";
 constexpr const char *peer_name = "com.kelvanto.peer";
+#define FFFD "\xEF\xBF\xBD"
 
 struct peer_deleter {
     void operator()(DBusConnection *connection) const {
@@ -254,8 +255,14 @@ TEST_F(message_bus, answers_with_each_reply_operation) {
         {[](auto request) { message_bus_send_no_reply(std::move(request)); }, ""},
         {[](auto request) { message_bus_send_bool_reply(std::move(request), true); }, "b=1"},
         {[](auto request) { message_bus_send_string_reply(std::move(request), nullptr); }, "s="},
-        {[](auto request) { message_bus_send_string_reply(std::move(request), "a\xFF\xC3z"); },
-         "s=a\xEF\xBF\xBD\xEF\xBF\xBDz"},
+        // Each wrong byte: stray, cut off, a new start inside, a surrogate, beyond the last plane.
+        {[](auto request) {
+             message_bus_send_string_reply(
+                 std::move(request),
+                 "a\xFF\xC3z\xE2\xC3\xA9\xED\xA0\x80\xF4\x8F\xBF\xBF\xF4\x90\x80\x80\xE2\x82");
+         },
+         "s=a" FFFD FFFD "z" FFFD "\xC3\xA9" FFFD FFFD FFFD
+         "\xF4\x8F\xBF\xBF" FFFD FFFD FFFD FFFD FFFD FFFD},
         {[wide](auto request) {
              message_bus_send_reply(std::move(request),
                                     {mb_uint32(1), mb_string("\x80"), mb_int32(-2), wide});

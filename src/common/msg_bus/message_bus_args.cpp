@@ -1,0 +1,132 @@
+#include "common/msg_bus/message_bus_args.h"
+
+#include <algorithm>
+#include <iterator>
+#include <string_view>
+
+namespace {
+
+constexpr struct {
+    int32_t type;
+    int bus_type;
+} types[] = {
+    {MB_ARG_STRING, DBUS_TYPE_STRING},
+    {MB_ARG_UINT32, DBUS_TYPE_UINT32},
+    {MB_ARG_INT32, DBUS_TYPE_INT32},
+    {MB_ARG_BOOLEAN, DBUS_TYPE_BOOLEAN},
+};
+
+message_bus_arg read_arg(DBusMessageIter &iterator, int bus_type) {
+    message_bus_arg arg;
+    const auto row =
+        std::find_if(std::begin(types), std::end(types),
+                     [bus_type](const auto &known) { return known.bus_type == bus_type; });
+    if (row == std::end(types)) {
+        // Not read: a wider value would not fit, and a descriptor would be left open.
+        return arg;
+    }
+    arg.type = row->type;
+    if (bus_type == DBUS_TYPE_STRING) {
+        dbus_message_iter_get_basic(&iterator, &arg.string);
+    } else {
+        dbus_message_iter_get_basic(&iterator, &arg.word);
+    }
+    return arg;
+}
+
+// A copy in which each byte that belongs to no valid character became U+FFFD.
+std::string repaired(std::string_view text) {
+    constexpr size_t longest_character = 4;
+    std::string result;
+    while (!text.empty()) {
+        const size_t limit = std::min(longest_character, text.size());
+        size_t length = 1;
+        while (length <= limit &&
+               !dbus_validate_utf8(std::string(text.substr(0, length)).c_str(), nullptr)) {
+            ++length;
+        }
+        if (length > limit) {
+            result += "\xEF\xBF\xBD";
+            length = 1;
+        } else {
+            result += text.substr(0, length);
+        }
+        text.remove_prefix(length);
+    }
+    return result;
+}
+
+bool append_string(DBusMessageIter &iterator, const char *text) {
+    const char *value = text != nullptr ? text : "";
+    std::string valid;
+    if (!dbus_validate_utf8(value, nullptr)) {
+        // The library ends the process when it is given anything else.
+        valid = repaired(value);
+        value = valid.c_str();
+    }
+    return dbus_message_iter_append_basic(&iterator, DBUS_TYPE_STRING, &value);
+}
+
+bool append_arg(DBusMessageIter &iterator, const message_bus_arg &arg) {
+    if (!message_bus_is_known_type(arg.type)) {
+        return false;
+    }
+    if (arg.type == MB_ARG_STRING) {
+        return append_string(iterator, arg.string);
+    }
+    const dbus_uint32_t value =
+        arg.type == MB_ARG_BOOLEAN ? dbus_uint32_t{arg.word != 0} : arg.word;
+    return dbus_message_iter_append_basic(&iterator, message_bus_type_letter(arg.type), &value);
+}
+
+}  // namespace
+
+message_bus_incoming_args::message_bus_incoming_args(DBusMessage *message) {
+    DBusMessageIter iterator;
+    if (!dbus_message_iter_init(message, &iterator)) {
+        return;
+    }
+    int bus_type = DBUS_TYPE_INVALID;
+    while ((bus_type = dbus_message_iter_get_arg_type(&iterator)) != DBUS_TYPE_INVALID) {
+        if (count_ < message_bus_max_args) {
+            values_[static_cast<size_t>(count_)] = read_arg(iterator, bus_type);
+        }
+        ++count_;
+        dbus_message_iter_next(&iterator);
+    }
+}
+
+const message_bus_arg *message_bus_append_args(DBusMessage *message,
+                                               std::span<const message_bus_arg> args) {
+    DBusMessageIter iterator;
+    dbus_message_iter_init_append(message, &iterator);
+    for (const message_bus_arg &arg : args) {
+        if (!append_arg(iterator, arg)) {
+            return &arg;
+        }
+    }
+    return nullptr;
+}
+
+bool message_bus_is_known_type(int32_t type) {
+    return type >= MB_ARG_STRING && type <= MB_ARG_BOOLEAN;
+}
+
+const char *message_bus_args_mismatch(int32_t argc, const message_bus_arg *args,
+                                      std::string_view signature) {
+    if (argc < 0) {
+        return "error reading parameters";
+    }
+    if (static_cast<size_t>(argc) != signature.size()) {
+        return "count mismatch";
+    }
+    const bool equal = std::equal(signature.begin(), signature.end(), args,
+                                  [](char letter, const message_bus_arg &arg) {
+                                      return message_bus_type_letter(arg.type) == letter;
+                                  });
+    return equal ? nullptr : "type mismatch";
+}
+
+char message_bus_type_letter(int32_t type) {
+    return message_bus_is_known_type(type) ? static_cast<char>(types[type - 1].bus_type) : '?';
+}

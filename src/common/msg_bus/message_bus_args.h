@@ -1,0 +1,87 @@
+// What calls, replies and signals carry: flat lists of four basic types.
+#pragma once
+
+#include <dbus/dbus.h>
+
+#include <array>
+#include <cstdint>
+#include <span>
+#include <string>
+#include <string_view>
+
+// Argument types, the same numbers in every direction. An incoming argument of any other bus type
+// carries code 0 and no value.
+enum mb_arg_type : int32_t {
+    MB_ARG_STRING = 1,
+    MB_ARG_UINT32 = 2,
+    MB_ARG_INT32 = 3,
+    MB_ARG_BOOLEAN = 4,
+};
+
+// One argument. `string` is borrowed: of an incoming argument it is valid only during the callback,
+// and never null for MB_ARG_STRING. `word` holds the three other types.
+struct message_bus_arg {
+    int32_t type = 0;
+    uint32_t word = 0;
+    const char *string = nullptr;
+
+    int32_t int32() const {
+        return static_cast<int32_t>(word);
+    }
+    bool boolean() const {
+        return word != 0;
+    }
+};
+
+inline message_bus_arg mb_string(const char *value) {
+    return {.type = MB_ARG_STRING, .string = value};
+}
+inline message_bus_arg mb_string(const std::string &value) {
+    return mb_string(value.c_str());
+}
+inline message_bus_arg mb_uint32(uint32_t value) {
+    return {.type = MB_ARG_UINT32, .word = value};
+}
+inline message_bus_arg mb_int32(int32_t value) {
+    return {.type = MB_ARG_INT32, .word = static_cast<uint32_t>(value)};
+}
+inline message_bus_arg mb_boolean(bool value) {
+    return {.type = MB_ARG_BOOLEAN, .word = value ? 1U : 0U};
+}
+
+// How many arguments a callback gets to see; `argc` counts all that came.
+constexpr int32_t message_bus_max_args = 16;
+
+// The arguments of one incoming message, for the time of one callback.
+class message_bus_incoming_args {
+public:
+    explicit message_bus_incoming_args(DBusMessage *message);
+
+    // All that came; `data` holds the first message_bus_max_args of them, null when there are none.
+    int32_t count() const {
+        return count_;
+    }
+    const message_bus_arg *data() const {
+        return count_ == 0 ? nullptr : values_.data();
+    }
+
+private:
+    int32_t count_ = 0;
+    std::array<message_bus_arg, message_bus_max_args> values_;
+};
+
+// Appends to an outgoing message. Text that is not UTF-8 has each wrong byte replaced. Gives the
+// first argument that could not be appended (it has none of the four types, or the message cannot
+// grow), null when all went in.
+const message_bus_arg *message_bus_append_args(DBusMessage *message,
+                                               std::span<const message_bus_arg> args);
+
+bool message_bus_is_known_type(int32_t type);
+
+// Why the arguments are not exactly of the types in `signature` ("sub"; one letter each), null when
+// they are. An `argc` below zero stands for arguments that could not be read.
+const char *message_bus_args_mismatch(int32_t argc, const message_bus_arg *args,
+                                      std::string_view signature);
+
+// The letter of a type in a signature; "?", which nothing matches, for an unknown type.
+char message_bus_type_letter(int32_t type);
