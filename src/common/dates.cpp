@@ -24,6 +24,15 @@ time_t parse_datetime(const char *text) {
     return mktime(&fields);
 }
 
+std::optional<time_t> parse_datetime_as_of(const char *text, time_t now) {
+    tm fields{};
+    localtime_r(&now, &fields);
+    if (text == nullptr || strptime(text, datetime_format, &fields) == nullptr) {
+        return std::nullopt;
+    }
+    return mktime(&fields);
+}
+
 std::optional<std::string> print_datetime(time_t time) {
     constexpr size_t text_size = sizeof "2024-05-01T13:07:42Z";
     tm fields{};

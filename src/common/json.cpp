@@ -75,6 +75,11 @@ cJSON *nimbrelc_utils_get_json_object(cJSON *root, std::string_view path, cJSON 
     return item;
 }
 
+cJSON *nimbrelc_utils_get_json_section(cJSON *root, std::string_view path) {
+    cJSON *section = nimbrelc_utils_get_json_object(root, path, nullptr);
+    return cJSON_IsObject(section) ? section : nullptr;
+}
+
 bool nimbrelc_utils_remove_json_object(cJSON *root, std::string_view path) {
     cJSON *parent = nullptr;
     cJSON *item = nimbrelc_utils_get_json_object(root, path, &parent);

@@ -15,6 +15,9 @@ json_ptr nimbrelc_utils_read_file_and_parse_json(const char *path);
 // `parent` (may be null) receives the object in which the last looked-up segment was searched.
 cJSON *nimbrelc_utils_get_json_object(cJSON *root, std::string_view path, cJSON **parent);
 
+// The item at a dotted path if it is an object, else null. Borrowed.
+cJSON *nimbrelc_utils_get_json_section(cJSON *root, std::string_view path);
+
 // Deletes the item at the path; false if there is none.
 bool nimbrelc_utils_remove_json_object(cJSON *root, std::string_view path);
 

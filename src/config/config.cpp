@@ -18,12 +18,6 @@ constexpr const char *version_key = "softwareVersion";
 std::string loaded_path;
 json_ptr config_root;
 
-// The member if it is an object, else null.
-cJSON *find_section(const cJSON *object, const char *key) {
-    cJSON *section = cJSON_GetObjectItem(object, key);
-    return cJSON_IsObject(section) ? section : nullptr;
-}
-
 }  // namespace
 
 const char *get_nimbrelc_config_file_location() {
@@ -73,9 +67,33 @@ cJSON *get_config_item(const char *path) {
     return nimbrelc_utils_get_json_object(config_root.get(), path, nullptr);
 }
 
+bool get_config_flag(const char *path) {
+    return cJSON_IsTrue(get_config_item(path)) != 0;
+}
+
+const char *get_config_text(const char *path) {
+    return nimbrelc_utils_empty_if_null_json(get_config_item(path));
+}
+
+int get_config_number(const char *path) {
+    const cJSON *item = get_config_item(path);
+    return cJSON_IsNumber(item) ? item->valueint : 0;
+}
+
+bool set_config_item(const char *path, json_ptr value) {
+    return nimbrelc_utils_replace_json_object(get_config_root(), path, std::move(value));
+}
+
+bool set_config_flag(const char *path, bool value) {
+    return set_config_item(path, json_ptr(cJSON_CreateBool(value ? 1 : 0)));
+}
+
+bool set_config_text(const char *path, const char *value) {
+    return set_config_item(path, json_ptr(cJSON_CreateString(value)));
+}
+
 const char *nimbrelc_config_get_software_version() {
-    return nimbrelc_utils_empty_if_null_json(
-        get_config_item("cpeDevice.deviceInfo.softwareVersion"));
+    return get_config_text("cpeDevice.deviceInfo.softwareVersion");
 }
 
 std::optional<std::string> nimbrelc_config_read_container_version() {
@@ -95,12 +113,12 @@ bool nimbrelc_config_set_software_version() {
     if (!version) {
         return false;
     }
-    const cJSON *cpe_device = find_section(config_root.get(), "cpeDevice");
+    cJSON *cpe_device = nimbrelc_utils_get_json_section(config_root.get(), "cpeDevice");
     if (cpe_device == nullptr) {
         LOG_ERROR("Cannot find cpeDevice section in configuration file");
         return false;
     }
-    cJSON *device_info = find_section(cpe_device, "deviceInfo");
+    cJSON *device_info = nimbrelc_utils_get_json_section(cpe_device, "deviceInfo");
     if (device_info == nullptr) {
         LOG_ERROR("Cannot find deviceInfo section in configuration file");
         return false;

@@ -3,10 +3,10 @@
 // restore may have replaced them.
 #pragma once
 
-#include <cjson/cJSON.h>
-
 #include <optional>
 #include <string>
+
+#include "common/json_ptr.h"
 
 const char *get_nimbrelc_config_file_location();
 
@@ -25,6 +25,18 @@ cJSON *get_config_root();
 
 // The item at a dotted path of the document ("storage.enabled"), or null.
 cJSON *get_config_item(const char *path);
+
+// Its value as a module reads it: true only for the JSON value true; "" for what is no text; a
+// number's integer copy, 0 for what is no number. Texts are borrowed.
+bool get_config_flag(const char *path);
+const char *get_config_text(const char *path);
+int get_config_number(const char *path);
+
+// Puts `value` in the place of the item at the path, not saved yet; false, with nothing changed,
+// when there is none: a member that is missing from the document stays missing.
+bool set_config_item(const char *path, json_ptr value);
+bool set_config_flag(const char *path, bool value);
+bool set_config_text(const char *path, const char *value);
 
 // The recorded firmware version, "" when absent. Borrowed.
 const char *nimbrelc_config_get_software_version();

@@ -1,7 +1,21 @@
-// The passphrases of the configuration's encrypted members. They are part of the stored format:
+// The encrypted members of the configuration. Paths and passphrases are part of the stored format:
 // boxes in the field hold texts encrypted with them.
 #pragma once
 
-constexpr const char *storage_passphrase = "k26u0crDLs";            // storage.password4
-constexpr const char *vpn_password_passphrase = "d9jrV2d9sU";       // vpn.password4
-constexpr const char *vpn_preshared_key_passphrase = "GLdRwc9b93";  // vpn.presharedkey4
+#include <cjson/cJSON.h>
+
+#include <optional>
+#include <string>
+
+struct stored_secret {
+    const char *path;
+    const char *passphrase;
+};
+
+constexpr stored_secret stored_storage_password = {"storage.password4", "k26u0crDLs"};
+constexpr stored_secret stored_vpn_password = {"vpn.password4", "d9jrV2d9sU"};
+constexpr stored_secret stored_vpn_preshared_key = {"vpn.presharedkey4", "GLdRwc9b93"};
+
+// The plain text of a document's secret: "" when none is stored, nothing when it does not decrypt
+// (logged).
+std::optional<std::string> stored_secret_decrypt(cJSON *root, const stored_secret &secret);

@@ -16,6 +16,7 @@
 #include "maintenance/serial_console.h"
 #include "maintenance/syslog_utils.h"
 #include "platform/launch.h"
+#include "platform/launch_escape.h"
 #include "remote_access/ssh.h"
 #include "remote_access/vpn.h"
 

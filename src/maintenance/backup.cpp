@@ -41,14 +41,13 @@ event_base *loop = nullptr;
 
 // A secret of the VPN: stored encrypted, backed up in plain text beside it.
 struct vpn_secret {
-    const char *stored_path;
+    const stored_secret &stored;
     const char *stored_name;
     const char *plain_path;
-    const char *passphrase;
 };
 constexpr vpn_secret vpn_secrets[] = {
-    {"vpn.password4", "password4", "vpn.password", vpn_password_passphrase},
-    {"vpn.presharedkey4", "presharedkey4", "vpn.presharedkey", vpn_preshared_key_passphrase},
+    {stored_vpn_password, "password4", "vpn.password"},
+    {stored_vpn_preshared_key, "presharedkey4", "vpn.presharedkey"},
 };
 
 // A new item with the value of a single one; none for lists and objects.
@@ -82,12 +81,9 @@ std::string plain_storage_password(cJSON *root) {
 }
 
 std::string plain_vpn_secret(cJSON *root, const vpn_secret &secret) {
-    const auto plain = nimbrelc_utils_get_decrypted_string(
-        nimbrelc_utils_empty_if_null_json(
-            nimbrelc_utils_get_json_object(root, secret.stored_path, nullptr)),
-        secret.passphrase);
+    const auto plain = stored_secret_decrypt(root, secret.stored);
     if (!plain) {
-        LOG_ERROR("Decryption of %s failed", secret.stored_path);
+        LOG_ERROR("Decryption of %s failed", secret.stored.path);
     }
     return plain.value_or("");
 }
@@ -132,7 +128,7 @@ void restore_plain_storage_password(cJSON *root, const cJSON *values) {
 }
 
 void restore_plain_vpn_secret(cJSON *root, const cJSON *values, const vpn_secret &secret) {
-    if (cJSON_HasObjectItem(values, secret.stored_path) || !cJSON_HasObjectItem(root, "vpn")) {
+    if (cJSON_HasObjectItem(values, secret.stored.path) || !cJSON_HasObjectItem(root, "vpn")) {
         return;
     }
     LOG_INFO("Restoring vpn field %s backed up in obsoleted form", secret.stored_name);
@@ -140,12 +136,12 @@ void restore_plain_vpn_secret(cJSON *root, const cJSON *values, const vpn_secret
         nimbrelc_utils_empty_if_null_json(cJSON_GetObjectItem(values, secret.plain_path));
     std::optional<std::string> encrypted;
     if (plain[0] != '\0') {
-        encrypted = nimbrelc_utils_encrypt_and_base64_encode_data(plain, secret.passphrase);
+        encrypted = nimbrelc_utils_encrypt_and_base64_encode_data(plain, secret.stored.passphrase);
         if (!encrypted) {
             LOG_ERROR("Encryption of %s failed", secret.plain_path);
         }
     }
-    replace_secret(root, secret.stored_path, encrypted);
+    replace_secret(root, secret.stored.path, encrypted);
 }
 
 void restore_value(cJSON *root, const cJSON *member) {

@@ -43,10 +43,10 @@ bool kq3_upgrade_from_08_05_08_to_08_05_09(cJSON *root) {
     cJSON *storage = migration_utils_get_section(root, "storage");
     cJSON *vpn = migration_utils_get_section(root, "vpn");
     migrate_encrypted_field(storage, "password_legacy", "password3", "password4",
-                            storage_passphrase);
+                            stored_storage_password.passphrase);
     migrate_encrypted_field(vpn, "password_legacy", "password3", "password4",
-                            vpn_password_passphrase);
+                            stored_vpn_password.passphrase);
     migrate_encrypted_field(vpn, "presharedkey_legacy", "presharedkey3", "presharedkey4",
-                            vpn_preshared_key_passphrase);
+                            stored_vpn_preshared_key.passphrase);
     return true;
 }

@@ -20,8 +20,8 @@ void reencrypt_password(cJSON *storage) {
     if (!plain || plain->empty()) {
         return;
     }
-    if (const auto text =
-            nimbrelc_utils_encrypt_and_base64_encode_data(*plain, storage_passphrase)) {
+    if (const auto text = nimbrelc_utils_encrypt_and_base64_encode_data(
+            *plain, stored_storage_password.passphrase)) {
         cJSON_AddStringToObject(storage, "password4", text->c_str());
         LOG_INFO("Storage password successfully migrated");
     }

@@ -156,22 +156,6 @@ bool write_text(int descriptor, std::string_view text) {
     return written != -1;
 }
 
-std::string escape(std::string_view value, std::string_view active) {
-    std::string escaped;
-    for (const char c : value) {
-        if (active.find(c) == std::string_view::npos) {
-            escaped += c;
-        } else if (c == '\n') {
-            // The shell drops a newline that follows a backslash.
-            escaped += "\"\n\"";
-        } else {
-            escaped += '\\';
-            escaped += c;
-        }
-    }
-    return escaped;
-}
-
 }  // namespace
 
 int launch(const char *command, int *status, std::string *output) {
@@ -262,16 +246,4 @@ int launch_and_write(const char *const argv[], int *status, const char *text) {
     }
     close(ends[1]);
     return wait_for_child(child, status);
-}
-
-bool launch_succeeded(int result, int status) {
-    return result == LAUNCH_OK && WIFEXITED(status) && WEXITSTATUS(status) == 0;
-}
-
-std::string launch_escape_quoted(std::string_view value) {
-    return escape(value, "\"\\$`");
-}
-
-std::string launch_escape_unquoted(std::string_view value) {
-    return escape(value, "\"\\$`';&|<>()*?[~#\n");
 }

@@ -3,15 +3,8 @@
 #pragma once
 
 #include <string>
-#include <string_view>
 
-// Results of all four operations.
-enum launch_result : int {
-    LAUNCH_OK = 0,            // the child ran and exited normally, whatever its exit code
-    LAUNCH_ERROR = -1,        // fork, pipe, write, wait or formatting failed; killed by a signal
-    LAUNCH_NO_COMMAND = -2,   // null command
-    LAUNCH_SHELL_ERROR = -3,  // the shell could not be run or read, or was killed by a signal
-};
+#include "platform/launch_result.h"
 
 // Runs `command` through the shell. On LAUNCH_OK only, `status` (may be null) receives the raw wait
 // status. `output` (may be null) receives the child's whole standard output, also that of a child
@@ -27,11 +20,3 @@ int launch_one(const char *const argv[], int *status);
 
 // As launch_one(), and writes `text` to the child's standard input.
 int launch_and_write(const char *const argv[], int *status, const char *text);
-
-// True when a launch gave `result` LAUNCH_OK and `status` says exit code 0.
-bool launch_succeeded(int result, int status);
-
-// The value as one literal piece of a shell command line. Values without shell-active characters
-// come back as they are; blanks are never touched.
-std::string launch_escape_quoted(std::string_view value);    // to stand inside double quotes
-std::string launch_escape_unquoted(std::string_view value);  // to stand outside quotes

@@ -20,6 +20,7 @@
 #include "common/logger.h"
 #include "config/config.h"
 #include "platform/launch.h"
+#include "platform/launch_escape.h"
 #include "platform/service_manager.h"
 #include "remote_access/ssh_time.h"
 

@@ -19,6 +19,7 @@
 #include "config/config.h"
 #include "config/stored_secrets.h"
 #include "platform/launch.h"
+#include "platform/launch_escape.h"
 #include "platform/service_manager.h"
 #include "remote_access/firewall.h"
 #include "remote_access/vpn_devices.h"
@@ -244,7 +245,7 @@ void get_password_callback(int32_t argc, const message_bus_arg *args, message_bu
         LOG_WARN("Bad params passed to get_password_callback");
         return;  // kept: without an answer
     }
-    if (!is_passphrase(args[1].string, vpn_password_passphrase)) {
+    if (!is_passphrase(args[1].string, stored_vpn_password.passphrase)) {
         LOG_WARN("Bad key passed to get_password_callback");
         message_bus_send_no_reply(std::move(request));
         return;
@@ -259,7 +260,7 @@ void get_preshared_key_callback(int32_t argc, const message_bus_arg *args,
         LOG_WARN("Bad params passed to get_preshared_key_callback");
         return;  // kept: without an answer
     }
-    if (!is_passphrase(args[1].string, vpn_preshared_key_passphrase)) {
+    if (!is_passphrase(args[1].string, stored_vpn_preshared_key.passphrase)) {
         LOG_WARN("Bad key passed to get_preshared_key_callback");
         message_bus_send_no_reply(std::move(request));
         return;
@@ -286,12 +287,12 @@ bool are_valid_credentials(const char *username, const char *password, const cha
 bool save_credentials(bool enable, const char *username, const char *password,
                       const char *preshared_key) {
     const std::optional<std::string> encrypted_password =
-        nimbrelc_utils_encrypt_and_base64_encode_data(password, vpn_password_passphrase);
+        nimbrelc_utils_encrypt_and_base64_encode_data(password, stored_vpn_password.passphrase);
     if (!encrypted_password) {
         LOG_ERROR("Encryption of vpn password failed");
     }
-    const std::optional<std::string> encrypted_key =
-        nimbrelc_utils_encrypt_and_base64_encode_data(preshared_key, vpn_preshared_key_passphrase);
+    const std::optional<std::string> encrypted_key = nimbrelc_utils_encrypt_and_base64_encode_data(
+        preshared_key, stored_vpn_preshared_key.passphrase);
     if (!encrypted_key) {
         LOG_ERROR("Encryption of vpn preshared key failed");
     }
@@ -372,14 +373,15 @@ void get_config_callback(int32_t argc, const message_bus_arg * /*args*/,
         return;
     }
     const std::optional<std::string> password = nimbrelc_utils_get_decrypted_string(
-        cJSON_GetStringValue(get_config_item(password_path)), vpn_password_passphrase);
+        cJSON_GetStringValue(get_config_item(password_path)), stored_vpn_password.passphrase);
     if (!password) {
         LOG_ERROR("get_decrypted_password failed");
         message_bus_send_no_reply(std::move(request));
         return;
     }
     const std::optional<std::string> preshared_key = nimbrelc_utils_get_decrypted_string(
-        cJSON_GetStringValue(get_config_item(preshared_key_path)), vpn_preshared_key_passphrase);
+        cJSON_GetStringValue(get_config_item(preshared_key_path)),
+        stored_vpn_preshared_key.passphrase);
     if (!preshared_key) {
         LOG_ERROR("get_decrypted_presharedkey failed");
         message_bus_send_no_reply(std::move(request));

@@ -384,7 +384,8 @@ std::optional<std::string> file_services_request_handler_encrypt_storage_passwor
     if (nimbrelc_utils_is_null_or_empty(text)) {
         return std::nullopt;
     }
-    auto encrypted = nimbrelc_utils_encrypt_and_base64_encode_data(text, storage_passphrase);
+    auto encrypted =
+        nimbrelc_utils_encrypt_and_base64_encode_data(text, stored_storage_password.passphrase);
     if (!encrypted) {
         LOG_ERROR("Encryption of storage password failed");
     }
@@ -396,7 +397,8 @@ std::optional<std::string> file_services_request_handler_decrypt_storage_passwor
     if (nimbrelc_utils_is_null_or_empty(text)) {
         return std::nullopt;
     }
-    auto password = nimbrelc_utils_decrypt_base64_encoded_data(text, storage_passphrase);
+    auto password =
+        nimbrelc_utils_decrypt_base64_encoded_data(text, stored_storage_password.passphrase);
     if (!password) {
         LOG_ERROR("Decryption of storage password failed");
         return std::nullopt;

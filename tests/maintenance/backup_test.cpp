@@ -59,9 +59,11 @@ TEST(backup, restores_older_forms_by_encrypting_anew) {
     const json_ptr older =
         parse(R"({"config":{"storage.password":"photos2024","vpn.presharedkey":"shared-key-1"}})");
     EXPECT_TRUE(backup_restore(config.get(), older.get()));
-    EXPECT_EQ(decrypted(config, "storage.password4", storage_passphrase), "photos2024");
-    EXPECT_EQ(decrypted(config, "vpn.presharedkey4", vpn_preshared_key_passphrase), "shared-key-1");
-    EXPECT_EQ(decrypted(config, "vpn.password4", vpn_password_passphrase), "");
+    EXPECT_EQ(decrypted(config, "storage.password4", stored_storage_password.passphrase),
+              "photos2024");
+    EXPECT_EQ(decrypted(config, "vpn.presharedkey4", stored_vpn_preshared_key.passphrase),
+              "shared-key-1");
+    EXPECT_EQ(decrypted(config, "vpn.password4", stored_vpn_password.passphrase), "");
     const json_ptr bare = parse("{}");
     EXPECT_TRUE(backup_restore(bare.get(), older.get()));
     EXPECT_EQ(print(bare), "{}");

@@ -70,9 +70,9 @@ TEST(migration, ends_at_a_failed_step_and_starts_with_no_wrong_table) {
 }
 
 TEST(migration_steps, move_legacy_secrets_that_decrypt) {
-    const std::string secret =
-        nimbrelc_utils_encrypt_and_base64_encode_data("photos2024", storage_passphrase)
-            .value_or("");
+    const std::string secret = nimbrelc_utils_encrypt_and_base64_encode_data(
+                                   "photos2024", stored_storage_password.passphrase)
+                                   .value_or("");
     const std::string legacy = R"({"password_legacy":")" + secret + "\"";
     const struct {
         std::string before;
@@ -88,7 +88,7 @@ TEST(migration_steps, move_legacy_secrets_that_decrypt) {
     for (const auto &row : rows) {
         const json_ptr object = parse(row.before);
         migrate_encrypted_field(object.get(), "password_legacy", "password3", "password4",
-                                storage_passphrase);
+                                stored_storage_password.passphrase);
         EXPECT_EQ(print(object), row.after);
     }
 }
@@ -108,9 +108,9 @@ TEST(migration_steps, read_the_older_encryption) {
     const cJSON *storage = cJSON_GetObjectItem(document.get(), "storage");
     ASSERT_EQ(cJSON_GetArraySize(storage), 2);  // kept: added beside the existing one
     EXPECT_STREQ(storage->child->valuestring, "first");
-    EXPECT_EQ(
-        nimbrelc_utils_get_decrypted_string(storage->child->next->valuestring, storage_passphrase),
-        "summer-2019");
+    EXPECT_EQ(nimbrelc_utils_get_decrypted_string(storage->child->next->valuestring,
+                                                  stored_storage_password.passphrase),
+              "summer-2019");
 }
 
 TEST(migration_steps, drop_obsolete_entries_and_credentials) {

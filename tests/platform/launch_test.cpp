@@ -1,4 +1,5 @@
 #include "platform/launch.h"
+#include "platform/launch_escape.h"
 
 #include <gtest/gtest.h>
 #include <sys/wait.h>
