@@ -10,8 +10,7 @@
 #include "common/json.h"
 #include "common/json_ptr.h"
 #include "common/logger.h"
-#include "disks/disk_records.h"
-#include "disks/removable_devices_manager.h"
+#include "disks/disks.h"
 
 namespace {
 

@@ -1,5 +1,3 @@
-#include "disks/device_request_handler.h"
-
 #include <algorithm>
 #include <cmath>
 #include <cstdint>
@@ -12,7 +10,7 @@
 #include "common/json_ptr.h"
 #include "common/logger.h"
 #include "common/msg_bus/message_bus.h"
-#include "disks/disk_records.h"
+#include "disks/disks.h"
 #include "disks/removable_devices_manager.h"
 
 namespace {
@@ -86,7 +84,7 @@ void append_number_field(std::string &json, const cJSON *record, const char *key
 }
 
 void append_partition_entry(std::string &data, const cJSON *device, const cJSON *partition) {
-    const bool mounted = *nimbrelc_utils_get_json_text(partition, "mount_point") != '\0';
+    const bool mounted = disk_record_is_mounted(partition);
     data += data.empty() ? R"({"id":)" : R"(,{"id":)";
     append_text(data, nimbrelc_utils_get_json_text(partition, mounted ? "uuid" : "syspath"));
     data += R"(,"type":)";
@@ -106,7 +104,7 @@ void append_partition_entry(std::string &data, const cJSON *device, const cJSON 
     data += R"(,"supported":true})";
 }
 
-// Kept: here the label comes first.
+// kept: here the label comes first.
 void append_device_entry(std::string &data, const cJSON *device) {
     data += data.empty() ? R"({"label":)" : R"(,{"label":)";
     append_text(data, std::string(nimbrelc_utils_get_json_text(device, "vendor")) + " " +
@@ -170,7 +168,7 @@ void removable_partitions_list_callback(int32_t argc, const message_bus_arg *arg
     }
     const json_ptr partitions = convert_list(args[0].string);
     if (!partitions) {
-        // Kept: the caller is left to its time-out.
+        // kept: the caller is left to its time-out.
         LOG_ERROR("convert_ddm_respone_data_to_json failed");
         return;
     }
@@ -196,32 +194,20 @@ void removable_devices_list_callback(int32_t argc, const message_bus_arg *args,
         return;
     }
     cached_devices = std::move(devices);
-    const bool sent = removable_partitions_list(
-        [context = request.share()](int32_t count, const message_bus_arg *values) mutable {
-            removable_partitions_list_callback(count, values, std::move(context));
-        });
-    if (!sent) {
+    if (!removable_partitions_list(request, removable_partitions_list_callback)) {
         message_bus_send_string_reply(std::move(request), devices_failed);
     }
 }
 
 void request_list_callback(int32_t /*argc*/, const message_bus_arg * /*args*/,
                            message_bus_request request) {
-    const bool sent = removable_devices_list(
-        [context = request.share()](int32_t count, const message_bus_arg *values) mutable {
-            removable_devices_list_callback(count, values, std::move(context));
-        });
-    if (!sent) {
+    if (!removable_devices_list(request, removable_devices_list_callback)) {
         message_bus_send_string_reply(std::move(request), executing_failed);
     }
 }
 
-void request_unmount_callback(int32_t argc, const message_bus_arg *args,
+void request_unmount_callback(int32_t /*argc*/, const message_bus_arg *args,
                               message_bus_request request) {
-    if (!message_bus_validate_params(request, argc, args, {MB_ARG_STRING})) {
-        LOG_WARN("Bad params passed to request_unmount_callback");
-        return;
-    }
     if (!removable_devices_unmount_device(args[0].string)) {
         LOG_ERROR("removable_devices_unmount_device failed");
         return;
@@ -229,12 +215,8 @@ void request_unmount_callback(int32_t argc, const message_bus_arg *args,
     message_bus_send_string_reply(std::move(request), done_reply);
 }
 
-void request_rename_callback(int32_t argc, const message_bus_arg *args,
+void request_rename_callback(int32_t /*argc*/, const message_bus_arg *args,
                              message_bus_request request) {
-    if (!message_bus_validate_params(request, argc, args, {MB_ARG_STRING, MB_ARG_STRING})) {
-        LOG_WARN("Bad params passed to request_rename_callback");
-        return;
-    }
     if (!removable_devices_change_label(args[0].string, args[1].string)) {
         LOG_ERROR("removable_devices_change_label failed");
         return;
@@ -242,24 +224,22 @@ void request_rename_callback(int32_t argc, const message_bus_arg *args,
     message_bus_send_string_reply(std::move(request), done_reply);
 }
 
-constexpr struct {
-    const char *member;
-    message_bus_method_handler handler;
-} methods[] = {
-    {"list", request_list_callback},
-    {"unmount", request_unmount_callback},
-    {"rename", request_rename_callback},
+constexpr const char *object = "/ws/nas/devices";
+constexpr const char *interface = "com.kelvanto.nimbrel.nas.devices";
+constexpr message_bus_method methods[] = {
+    {object, interface, "list", request_list_callback},
+    {object, interface, "unmount", request_unmount_callback, "s",
+     "Bad params passed to request_unmount_callback"},
+    {object, interface, "rename", request_rename_callback, "ss",
+     "Bad params passed to request_rename_callback"},
 };
 
 }  // namespace
 
 bool device_request_handler_start(event_base * /*base*/) {
-    for (const auto &method : methods) {
-        if (!message_bus_add_method_listener("/ws/nas/devices", "com.kelvanto.nimbrel.nas.devices",
-                                             method.member, method.handler)) {
-            LOG_ERROR("Failed to add a method listener");
-            return false;
-        }
+    if (!message_bus_add_methods(log_category, methods)) {
+        LOG_ERROR("Failed to add a method listener");
+        return false;
     }
     return true;
 }

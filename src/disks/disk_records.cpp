@@ -1,8 +1,10 @@
 #include "disks/disk_records.h"
 
 #include "common/files.h"
+#include "common/json.h"
 #include "common/logger.h"
 #include "common/texts.h"
+#include "disks/disks.h"
 
 namespace {
 
@@ -41,6 +43,10 @@ std::string convert_ddm_respone_data_to_json_str(std::string_view text) {
         }
     }
     return result;
+}
+
+bool disk_record_is_mounted(const cJSON *partition) {
+    return *nimbrelc_utils_get_json_text(partition, "mount_point") != '\0';
 }
 
 json_ptr convert_ddm_respone_data_to_json(const char *text) {

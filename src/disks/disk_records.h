@@ -5,10 +5,5 @@
 #include <string>
 #include <string_view>
 
-#include "common/json_ptr.h"
-
 // One pass that adds the missing double quotes; it does not parse.
 std::string convert_ddm_respone_data_to_json_str(std::string_view text);
-
-// The parsed value, or none; then the texts are kept in /tmp/nimbrel/ddm_data.err and ddm_json.err.
-json_ptr convert_ddm_respone_data_to_json(const char *text);

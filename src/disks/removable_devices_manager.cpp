@@ -7,7 +7,8 @@
 #include "common/json.h"
 #include "common/json_ptr.h"
 #include "common/logger.h"
-#include "disks/disk_records.h"
+#include "disks/disk_lists.h"
+#include "disks/disks.h"
 #include "platform/lcd.h"
 
 namespace {
@@ -20,9 +21,6 @@ struct {
     removable_devices_callback connected = nullptr;
     removable_devices_callback disconnected = nullptr;
 } listener;
-
-json_ptr devices;
-json_ptr partitions;
 
 // What is logged about one kind of message from the disk daemon.
 struct message_texts {
@@ -71,34 +69,6 @@ constexpr message_texts device_detached = {
 
 bool field_is(const cJSON *record, const char *key, const char *value) {
     return strcmp(nimbrelc_utils_get_json_text(record, key), value) == 0;
-}
-
-bool is_mounted(const cJSON *partition) {
-    return *nimbrelc_utils_get_json_text(partition, "mount_point") != '\0';
-}
-
-cJSON *find_by_syspath(const cJSON *list, const char *syspath) {
-    cJSON *item = nullptr;
-    cJSON_ArrayForEach(item, list) {
-        if (field_is(item, "syspath", syspath)) {
-            return item;
-        }
-    }
-    return nullptr;
-}
-
-void append(json_ptr &list, json_ptr record) {
-    // A start that failed half-way listens already but has made no lists.
-    if (!list) {
-        list.reset(cJSON_CreateArray());
-    }
-    cJSON_AddItemToArray(list.get(), record.release());
-}
-
-void remove_by_syspath(const json_ptr &list, const char *syspath) {
-    if (cJSON *item = find_by_syspath(list.get(), syspath); item != nullptr) {
-        cJSON_Delete(cJSON_DetachItemViaPointer(list.get(), item));
-    }
 }
 
 void notify(removable_devices_callback callback) {
@@ -151,34 +121,27 @@ void show_disk_event(const cJSON *device, bool mounted) {
 
 // Shows the disk once the last of its partitions has been announced.
 void show_disk_when_complete(const char *disk_syspath) {
-    const cJSON *device = find_by_syspath(devices.get(), disk_syspath);
+    const cJSON *device = disk_lists_find_device(disk_syspath);
     if (device == nullptr) {
         return;
     }
-    int count = 0;
-    bool mounted = false;
-    const cJSON *partition = nullptr;
-    cJSON_ArrayForEach(partition, partitions.get()) {
-        if (field_is(partition, "disk_syspath", disk_syspath)) {
-            ++count;
-            mounted = mounted || is_mounted(partition);
-        }
-    }
-    if (count == nimbrelc_utils_zero_if_null(cJSON_GetObjectItem(device, "partitions_count"))) {
-        show_disk_event(device, mounted);
+    const disk_partitions found = disk_lists_partitions_of(disk_syspath);
+    if (found.count ==
+        nimbrelc_utils_zero_if_null(cJSON_GetObjectItem(device, "partitions_count"))) {
+        show_disk_event(device, found.any_mounted);
     }
 }
 
 // What signals brought before a list reply arrives is lost on purpose: the list replaces it.
 void device_list_callback(int32_t argc, const message_bus_arg *args) {
     if (json_ptr list = take_message(argc, args, device_list); list) {
-        devices = std::move(list);
+        disk_lists_set_devices(std::move(list));
     }
 }
 
 void partition_list_callback(int32_t argc, const message_bus_arg *args) {
     if (json_ptr list = take_message(argc, args, partition_list); list) {
-        partitions = std::move(list);
+        disk_lists_set_partitions(std::move(list));
         notify(listener.list_received);
     }
 }
@@ -189,8 +152,7 @@ void partition_connected_callback(int32_t argc, const message_bus_arg *args) {
         return;
     }
     const std::string disk_syspath = nimbrelc_utils_get_json_text(record.get(), "disk_syspath");
-    // Kept: a repeated signal yields a second entry.
-    append(partitions, std::move(record));
+    disk_lists_add_partition(std::move(record));
     notify(listener.connected);
     if (!disk_syspath.empty()) {
         show_disk_when_complete(disk_syspath.c_str());
@@ -202,7 +164,7 @@ void partition_disconnected_callback(int32_t argc, const message_bus_arg *args) 
     if (!record) {
         return;
     }
-    remove_by_syspath(partitions, nimbrelc_utils_get_json_text(record.get(), "syspath"));
+    disk_lists_remove_partition(nimbrelc_utils_get_json_text(record.get(), "syspath"));
     notify(listener.disconnected);
 }
 
@@ -212,7 +174,7 @@ void device_attached_callback(int32_t argc, const message_bus_arg *args) {
         return;
     }
     const cJSON *device = record.get();
-    append(devices, std::move(record));
+    disk_lists_add_device(std::move(record));
     // Storage disks get their message when their partitions are in.
     if (field_is(device, "device_type", "LTE")) {
         lcd_show_event(nimbrelc_utils_get_json_text(device, "syspath"),
@@ -228,8 +190,8 @@ void device_detached_callback(int32_t argc, const message_bus_arg *args) {
         return;
     }
     const char *syspath = nimbrelc_utils_get_json_text(record.get(), "syspath");
-    remove_by_syspath(devices, syspath);
-    // Kept: the message of a storage disk stays on the display.
+    disk_lists_remove_device(syspath);
+    // kept: the message of a storage disk stays on the display.
     if (!field_is(record.get(), "device_type", "STORAGE")) {
         lcd_dismiss_event(syspath);
     }
@@ -244,6 +206,15 @@ constexpr struct {
     {"DeviceAttached", device_attached_callback},
     {"DeviceDetached", device_detached_callback},
 };
+
+bool ask_for_list(const char *method, message_bus_reply_ctx_cb reply) {
+    return message_bus_call_method_with_context(ddm, "/status", ddm, method, std::move(reply));
+}
+
+bool ask_for_list(const char *method, message_bus_request &request, message_bus_answer answer) {
+    return message_bus_call_method_for_request(ddm, "/status", ddm, method, request,
+                                               std::move(answer), {});
+}
 
 }  // namespace
 
@@ -265,19 +236,17 @@ bool removable_devices_manager_start(event_base * /*base*/) {
         LOG_WARN("removable_partitions_list failed");
         return false;
     }
-    // Kept: the list-received callback survives a start.
+    // kept: the list-received callback survives a start.
     listener.connected = nullptr;
     listener.disconnected = nullptr;
-    devices.reset(cJSON_CreateArray());
-    partitions.reset(cJSON_CreateArray());
+    disk_lists_reset();
     return true;
 }
 
 bool removable_devices_manager_stop() {
     listener.connected = nullptr;
     listener.disconnected = nullptr;
-    devices.reset();
-    partitions.reset();
+    disk_lists_forget();
     return true;
 }
 
@@ -287,27 +256,20 @@ void removable_devices_set_listener(removable_devices_callback list_received,
     listener = {list_received, connected, disconnected};
 }
 
-cJSON *get_partitions_list() {
-    return partitions.get();
-}
-
-int count_supported_partitions() {
-    int count = 0;
-    const cJSON *partition = nullptr;
-    cJSON_ArrayForEach(partition, partitions.get()) {
-        count += is_mounted(partition) ? 1 : 0;
-    }
-    return count;
-}
-
 bool removable_devices_list(message_bus_reply_ctx_cb reply) {
-    return message_bus_call_method_with_context(ddm, "/status", ddm, "DeviceList",
-                                                std::move(reply));
+    return ask_for_list("DeviceList", std::move(reply));
 }
 
 bool removable_partitions_list(message_bus_reply_ctx_cb reply) {
-    return message_bus_call_method_with_context(ddm, "/status", ddm, "PartitionList",
-                                                std::move(reply));
+    return ask_for_list("PartitionList", std::move(reply));
+}
+
+bool removable_devices_list(message_bus_request &request, message_bus_answer answer) {
+    return ask_for_list("DeviceList", request, std::move(answer));
+}
+
+bool removable_partitions_list(message_bus_request &request, message_bus_answer answer) {
+    return ask_for_list("PartitionList", request, std::move(answer));
 }
 
 bool removable_devices_unmount_device(const char *uuid) {

@@ -14,7 +14,7 @@
 #include "common/json.h"
 #include "common/logger.h"
 #include "config/config.h"
-#include "disks/removable_devices_manager.h"
+#include "disks/disks.h"
 #include "platform/launch.h"
 #include "platform/service_manager.h"
 #include "sharing/file_service.h"

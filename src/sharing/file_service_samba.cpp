@@ -13,7 +13,7 @@
 #include "common/logger.h"
 #include "common/texts.h"
 #include "config/config.h"
-#include "disks/removable_devices_manager.h"
+#include "disks/disks.h"
 #include "platform/launch.h"
 #include "platform/service_manager.h"
 #include "sharing/file_service.h"

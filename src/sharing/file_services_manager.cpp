@@ -6,7 +6,7 @@
 
 #include "common/event_ptr.h"
 #include "common/logger.h"
-#include "disks/removable_devices_manager.h"
+#include "disks/disks.h"
 #include "sharing/file_service.h"
 #include "sharing/file_service_afp.h"
 #include "sharing/file_service_avahi.h"
