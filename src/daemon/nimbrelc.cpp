@@ -21,9 +21,7 @@
 #include "platform/lcd.h"
 #include "remote_access/ssh.h"
 #include "remote_access/vpn.h"
-#include "sharing/dlna_manager.h"
-#include "sharing/file_services_manager.h"
-#include "sharing/file_services_request_handler.h"
+#include "sharing/sharing.h"
 
 namespace {
 

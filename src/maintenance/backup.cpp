@@ -13,7 +13,7 @@
 #include "common/secrets.h"
 #include "config/config.h"
 #include "config/stored_secrets.h"
-#include "sharing/file_services_request_handler.h"
+#include "sharing/sharing.h"
 
 const std::array<const char *, 13> FIELDS_TO_BACKUP = {
     "centralStorage.enabled",

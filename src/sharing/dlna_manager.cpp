@@ -1,13 +1,14 @@
-#include "sharing/dlna_manager.h"
-
+// Keeps the box's media server told whether it may stream the shared media: only while the user's
+// switch and central storage are both on. One call at a time; later changes wait for its reply, and
+// a server that is not ready is asked again every five seconds.
 #include <utility>
 
-#include "common/json.h"
-#include "common/json_ptr.h"
 #include "common/logger.h"
 #include "common/msg_bus/message_bus.h"
+#include "common/timer.h"
 #include "config/config.h"
-#include "sharing/file_services_request_handler.h"
+#include "sharing/share_settings.h"
+#include "sharing/sharing.h"
 
 namespace {
 
@@ -18,7 +19,7 @@ constexpr const char *media_streaming_path = "dlna.mediaStreamingEnabled";
 constexpr const char *done_reply = R"({"status":200})";
 constexpr const char *failure_reply = R"({"status":500,"error":"Error saving configuration"})";
 
-constexpr timeval retry_delay = {.tv_sec = 5, .tv_usec = 0};
+constexpr int retry_seconds = 5;
 
 struct {
     event_base *base = nullptr;
@@ -32,7 +33,7 @@ struct {
 void send_state(bool state);
 
 bool is_media_streaming_enabled() {
-    return cJSON_IsTrue(get_config_item(media_streaming_path)) != 0;
+    return get_config_flag(media_streaming_path);
 }
 
 void apply_state() {
@@ -40,7 +41,7 @@ void apply_state() {
                is_media_streaming_enabled());
 }
 
-void retry_timer_callback(evutil_socket_t /*fd*/, short /*events*/, void * /*context*/) {
+void retry_timer_callback() {
     dms.retry_scheduled = false;
     dms.retry = true;
     send_state(dms.desired);
@@ -50,8 +51,7 @@ void retry_timer_callback(evutil_socket_t /*fd*/, short /*events*/, void * /*con
 // that an absent server missed, would go on asking it in turns.
 void schedule_retry() {
     if (!dms.retry_scheduled) {
-        dms.retry_scheduled = event_base_once(dms.base, -1, EV_TIMEOUT, retry_timer_callback,
-                                              nullptr, &retry_delay) == 0;
+        dms.retry_scheduled = timer_once(dms.base, retry_seconds, retry_timer_callback);
     }
 }
 
@@ -84,22 +84,15 @@ void send_state(bool state) {
     }
 }
 
-void set_media_streaming_state_callback(int32_t argc, const message_bus_arg *args,
+void set_media_streaming_state_callback(int32_t /*argc*/, const message_bus_arg *args,
                                         message_bus_request request) {
-    LOG_INFO("Change of media streaming state requested");
-    if (!message_bus_validate_params(request, argc, args, {MB_ARG_BOOLEAN})) {
-        LOG_WARN("Bad params passed to pam_auth_request_callback");  // kept: names another handler
-        return;
-    }
     const bool enabled = args[0].boolean();
     if (enabled == is_media_streaming_enabled()) {
         LOG_INFO("Media streaming configuration has not been changed");
         message_bus_send_string_reply(std::move(request), failure_reply);  // kept: an error
         return;
     }
-    // A configuration without the switch stays without it.
-    nimbrelc_utils_replace_json_object(get_config_root(), media_streaming_path,
-                                       json_ptr(cJSON_CreateBool(enabled ? 1 : 0)));
+    set_config_flag(media_streaming_path, enabled);
     if (!nimbrelc_config_save()) {
         LOG_ERROR("Error saving media streaming configuration");
         message_bus_send_string_reply(std::move(request), failure_reply);
@@ -121,18 +114,21 @@ void get_media_streaming_state_callback(int32_t /*argc*/, const message_bus_arg 
                                       : R"({"status":200,"data":{"mediaStreamingEnabled":false}})");
 }
 
-bool add_method_listener(const char *member, message_bus_method_handler handler) {
-    return message_bus_add_method_listener("/ws/dlna", "com.kelvanto.nimbrel.dlna", member,
-                                           handler);
-}
+constexpr const char *object = "/ws/dlna";
+constexpr const char *interface = "com.kelvanto.nimbrel.dlna";
+constexpr message_bus_method methods[] = {
+    // kept: the refusal names another handler.
+    {object, interface, "setMediaStreamingState", set_media_streaming_state_callback, "b",
+     "Bad params passed to pam_auth_request_callback", message_bus_refusal::silence,
+     "Change of media streaming state requested"},
+    {object, interface, "getMediaStreamingState", get_media_streaming_state_callback},
+};
 
 }  // namespace
 
 bool dlna_manager_start(event_base *base) {
     dms.base = base;
-    const bool served =
-        add_method_listener("setMediaStreamingState", set_media_streaming_state_callback) &&
-        add_method_listener("getMediaStreamingState", get_media_streaming_state_callback);
+    const bool served = message_bus_add_methods(log_category, methods);
     if (!served) {
         LOG_ERROR("Failed to add method listener");
     }

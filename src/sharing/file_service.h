@@ -2,6 +2,7 @@
 // operations that all of them need on their configured switch and on their daemons.
 #pragma once
 
+#include <array>
 #include <optional>
 
 // Kinds of action that take a daemon some time.
@@ -23,6 +24,9 @@ struct file_service {
     bool (*is_running)();
     int (*time_req_for)(int action);
 };
+
+// One row per service; the order of every walk over them.
+extern const std::array<file_service, 3> file_services;
 
 // Seconds per action.
 struct file_service_times {

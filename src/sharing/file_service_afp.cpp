@@ -19,7 +19,7 @@
 #include "platform/service_manager.h"
 #include "sharing/file_service.h"
 #include "sharing/file_service_config.h"
-#include "sharing/file_services_request_handler.h"
+#include "sharing/share_settings.h"
 
 namespace {
 
@@ -162,7 +162,7 @@ bool afp_is_volume(const cJSON *partitions, const char *name) {
     const cJSON *partition = nullptr;
     cJSON_ArrayForEach(partition, partitions) {
         // A volume without a label has no directory to keep.
-        if (file_service_is_shared(partition) &&
+        if (disk_record_is_mounted(partition) &&
             nimbrelc_utils_get_json_text(partition, "label")[0] != '\0' &&
             file_service_written_label(partition) == name) {
             return true;

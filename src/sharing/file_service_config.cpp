@@ -6,6 +6,7 @@
 
 #include "common/json.h"
 #include "common/texts.h"
+#include "disks/disks.h"
 
 namespace {
 
@@ -92,10 +93,6 @@ void file_service_write_directives(std::string &text, const cJSON *directives) {
     }
 }
 
-bool file_service_is_shared(const cJSON *partition) {
-    return nimbrelc_utils_get_json_text(partition, "mount_point")[0] != '\0';
-}
-
 void file_service_write_shares(std::string &text, const cJSON *partitions,
                                const std::function<void(const cJSON *partition)> &write_lines) {
     if (!cJSON_IsArray(partitions)) {
@@ -103,10 +100,10 @@ void file_service_write_shares(std::string &text, const cJSON *partitions,
     }
     const cJSON *partition = nullptr;
     cJSON_ArrayForEach(partition, partitions) {
-        if (!file_service_is_shared(partition)) {
+        if (!disk_record_is_mounted(partition)) {
             continue;
         }
-        // Kept: it is the place in the list that counts, so that a first partition which is not
+        // kept: it is the place in the list that counts, so that a first partition which is not
         // shared leaves an empty line all the same.
         if (partition != partitions->child) {
             text += '\n';

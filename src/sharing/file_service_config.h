@@ -23,9 +23,6 @@ void file_service_write_line(std::string &text, const char *key, std::string_vie
 // arguments joined by blanks. No quoting here; an entry without a directive makes no line.
 void file_service_write_directives(std::string &text, const cJSON *directives);
 
-// A partition is shared when it is mounted.
-bool file_service_is_shared(const cJSON *partition);
-
-// A section per shared partition, in list order; `write_lines` adds the lines below its header.
+// A section per mounted partition, in list order; `write_lines` adds the lines below its header.
 void file_service_write_shares(std::string &text, const cJSON *partitions,
                                const std::function<void(const cJSON *partition)> &write_lines);

@@ -18,7 +18,7 @@
 #include "platform/service_manager.h"
 #include "sharing/file_service.h"
 #include "sharing/file_service_config.h"
-#include "sharing/file_services_request_handler.h"
+#include "sharing/share_settings.h"
 
 namespace {
 

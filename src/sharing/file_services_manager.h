@@ -1,17 +1,7 @@
-// Decides when Samba, AFP and Avahi are started, stopped, reconfigured or restarted. Requests
-// become events in a queue per service; three seconds after the last one the queue is reduced to a
-// single action, and after that action the daemon is watched for as long as it needs.
+// Decides what is requested of Samba, AFP and Avahi when disks, switches or central storage change.
 #pragma once
 
-#include <event2/event.h>
-
 #include "common/json_ptr.h"
-
-// Keeps the loop and listens to partitions coming and going. Always true.
-bool file_services_manager_start(event_base *base);
-
-// Stops the three services at once, past their queues. Always true.
-bool file_services_manager_stop();
 
 // Saves the switch of the service with exactly this display name ("Samba", "AFP", "Avahi") and
 // requests what follows from it. False, with nothing requested, for null, an unknown name, or when

@@ -1,0 +1,257 @@
+#include "sharing/file_service_queue.h"
+
+#include "common/logger.h"
+
+namespace {
+
+constexpr const char *log_category = "file_services_manager";
+constexpr int debounce_seconds = 3;
+
+// --- Actions
+
+bool stop_service(const file_service &service) {
+    if (!service.stop()) {
+        LOG_ERROR("Cannot stop file service [%s]", service.name);
+        return false;
+    }
+    LOG_INFO("Stop of service [%s] initiated", service.name);
+    return true;
+}
+
+bool start_service(const file_service &service) {
+    if (!service.start()) {
+        LOG_ERROR("Cannot start file service [%s]", service.name);
+        return false;
+    }
+    LOG_INFO("Start of service [%s] initiaded", service.name);
+    return true;
+}
+
+bool reload_service(const file_service &service) {
+    if (!service.reload()) {
+        LOG_ERROR("Cannot reload file service [%s]", service.name);
+        return false;
+    }
+    LOG_INFO("Reload of service [%s] initiated", service.name);
+    return true;
+}
+
+// --- Verification: looks at a daemon after an action and logs what it sees, no more.
+
+using verification = void (*)(file_service_queue &queue);
+
+// What follows a successful action; no verification when there is none, or none is needed.
+struct follow_up {
+    verification callback = nullptr;
+    int seconds = 0;
+};
+
+void schedule_verification(file_service_queue &queue, const follow_up &next) {
+    queue.busy = next.seconds;
+    const auto look = [&queue, callback = next.callback] { callback(queue); };
+    if (!timer_once(queue.loop, next.seconds, look)) {
+        queue.busy = 0;  // nothing would ever clear it
+    }
+}
+
+void handle_pending_events(file_service_queue &queue);
+
+void start_check(file_service_queue &queue) {
+    if (queue.service.is_running()) {
+        LOG_INFO("Service [%s] is running - as expected", queue.service.name);
+    } else {
+        LOG_WARN("File service [%s] is not yet running", queue.service.name);
+    }
+    queue.busy = 0;
+    handle_pending_events(queue);
+}
+
+void stop_check(file_service_queue &queue) {
+    if (!queue.service.is_running()) {
+        LOG_INFO("Service [%s] is not running - as expected", queue.service.name);
+    } else {
+        LOG_WARN("File service [%s] is still running", queue.service.name);
+    }
+    queue.busy = 0;
+    handle_pending_events(queue);
+}
+
+void reload_check(file_service_queue &queue) {
+    LOG_INFO("Service [%s] should be reloaded now", queue.service.name);
+    queue.busy = 0;
+    handle_pending_events(queue);
+}
+
+// The second half of a restart. Kept: after a failed start the pending events wait for the next
+// request.
+void continue_restart(file_service_queue &queue) {
+    const file_service &service = queue.service;
+    LOG_INFO("Service [%s] should be stopped now, now it can be started", service.name);
+    queue.busy = 0;
+    if (service.is_running()) {
+        LOG_ERROR("File service [%s] is still running", service.name);
+        handle_pending_events(queue);
+        return;
+    }
+    LOG_INFO("Starting [%s] daemon.", service.name);
+    if (!service.start()) {
+        LOG_ERROR("Failed to start [%s] daemon.", service.name);
+        return;
+    }
+    LOG_INFO("Start of service [%s] successfully initiated", service.name);
+    const int seconds = service.time_req_for(FILE_SERVICE_START);
+    if (seconds > 0) {
+        schedule_verification(queue, {start_check, seconds});
+        LOG_INFO("Schedule start verification of [%s] service in %d seconds", service.name,
+                 seconds);
+    }
+}
+
+// --- The outcome of a reduced queue
+
+follow_up then_verify_start(const file_service &service) {
+    const int seconds = service.time_req_for(FILE_SERVICE_START);
+    LOG_INFO("Schedule start verification of [%s] service in %d seconds", service.name, seconds);
+    return {start_check, seconds};
+}
+
+follow_up then_verify_stop(const file_service &service, verification callback) {
+    const int seconds = service.time_req_for(FILE_SERVICE_STOP);
+    LOG_INFO("Schedule stop verification of [%s] service in %d seconds", service.name, seconds);
+    return {callback, seconds};
+}
+
+follow_up reload_and_verify(const file_service &service) {
+    if (!reload_service(service)) {
+        return {};
+    }
+    const int seconds = service.time_req_for(FILE_SERVICE_RELOAD);
+    LOG_INFO("Schedule reload verification of [%s] service in %d seconds", service.name, seconds);
+    return {reload_check, seconds};
+}
+
+follow_up handle_stop(const file_service &service) {
+    if (!service.is_running()) {
+        LOG_INFO("Service [%s] is not running - STOP is not needed", service.name);
+        return {};
+    }
+    LOG_INFO("File service [%s] has to be stopped", service.name);
+    return stop_service(service) ? then_verify_stop(service, stop_check) : follow_up{};
+}
+
+follow_up handle_start(const file_service &service) {
+    if (!service.is_enabled()) {
+        LOG_INFO("Service [%s] is not enabled - ignoring START request", service.name);
+        return {};
+    }
+    if (service.is_running()) {
+        LOG_INFO("File service [%s] is already started - running reconfiguration.", service.name);
+        return reload_and_verify(service);
+    }
+    LOG_INFO("File service [%s] has to be started.", service.name);
+    return start_service(service) ? then_verify_start(service) : follow_up{};
+}
+
+follow_up handle_restart(const file_service &service) {
+    if (!service.is_enabled()) {
+        LOG_INFO("Service [%s] is not enabled - ignoring RESTART request", service.name);
+        return {};
+    }
+    if (!service.is_running()) {
+        LOG_INFO("Starting [%s] daemon.", service.name);
+        return start_service(service) ? then_verify_start(service) : follow_up{};
+    }
+    LOG_INFO("Restarting [%s] daemon - start.", service.name);
+    return stop_service(service) ? then_verify_stop(service, continue_restart) : follow_up{};
+}
+
+follow_up handle_reload(const file_service &service) {
+    if (!service.is_enabled()) {
+        LOG_INFO("Service [%s] is not enabled - ignoring RELOAD request", service.name);
+        return {};
+    }
+    if (!service.is_running()) {
+        LOG_INFO("Service [%s] is not running - RELOAD is not needed", service.name);
+        return {};
+    }
+    LOG_INFO("File service [%s] has to be reconfigured.", service.name);
+    return reload_and_verify(service);
+}
+
+follow_up handle_event(file_service_event event, const file_service &service) {
+    switch (event) {
+        case FILE_SERVICE_EVENT_STOP:
+            return handle_stop(service);
+        case FILE_SERVICE_EVENT_START:
+            return handle_start(service);
+        case FILE_SERVICE_EVENT_RESTART:
+            return handle_restart(service);
+        case FILE_SERVICE_EVENT_RELOAD:
+            return handle_reload(service);
+        default:
+            return {};
+    }
+}
+
+void process_queue(file_service_queue &queue) {
+    const file_service &service = queue.service;
+    file_service_event event = FILE_SERVICE_EVENT_NONE;
+    if (queue.events.empty()) {
+        LOG_INFO("Events queue for [%s] is empty", service.name);
+    } else {
+        LOG_INFO("Number of events in [%s] queue: %d.", service.name,
+                 static_cast<int>(queue.events.size()));
+        event = file_service_simplify_events(queue.events);
+        LOG_INFO("Events queue for [%s] simplified to: %s", service.name,
+                 file_service_event_name(event));
+    }
+    queue.events.clear();
+    const follow_up next = handle_event(event, service);
+    if (next.callback != nullptr && next.seconds > 0) {
+        schedule_verification(queue, next);
+        LOG_INFO("Monitor event for [%s] scheduled for %d seconds", service.name, next.seconds);
+    }
+}
+
+// --- Requests
+
+// A pending run is pushed back: a burst is handled three seconds after its last request.
+void arm_timer(file_service_queue &queue) {
+    if (!queue.debounce) {
+        queue.debounce = timer_new(queue.loop, [&queue] { process_queue(queue); });
+    }
+    timer_start(*queue.debounce, debounce_seconds);
+    LOG_INFO("Event for [%s] scheduled for 3 seconds", queue.service.name);
+}
+
+void handle_pending_events(file_service_queue &queue) {
+    LOG_INFO("Handle pending events for [%s]", queue.service.name);
+    if (queue.events.empty()) {
+        LOG_INFO("No pending events for [%s]", queue.service.name);
+        return;
+    }
+    LOG_INFO("Found %d pending events for [%s]", static_cast<int>(queue.events.size()),
+             queue.service.name);
+    arm_timer(queue);
+}
+
+}  // namespace
+
+void file_service_queue_request(file_service_queue &queue, file_service_event event) {
+    LOG_INFO("Requested event %s for [%s]", file_service_event_name(event), queue.service.name);
+    queue.events.push_back(event);
+    if (queue.busy != 0) {
+        LOG_INFO("We are currently handling previous event for [%s]", queue.service.name);
+        return;
+    }
+    LOG_INFO("Event for [%s] can be handled now", queue.service.name);
+    arm_timer(queue);
+}
+
+file_service_event file_service_queue_newest(const file_service_queue &queue) {
+    return queue.events.empty() ? FILE_SERVICE_EVENT_NONE : queue.events.back();
+}
+
+bool file_service_queue_stop_service(const file_service_queue &queue) {
+    return stop_service(queue.service);
+}

@@ -1,0 +1,29 @@
+// The requests to one file service: three seconds after the last one the queue is reduced to a
+// single action, and after that action the daemon is watched for as long as it needs.
+#pragma once
+
+#include <event2/event.h>
+
+#include <vector>
+
+#include "common/timer.h"
+#include "sharing/file_service.h"
+#include "sharing/file_service_events.h"
+
+// Idle: nothing pending. Waiting: the timer runs. Verifying: `busy` holds the seconds of the
+// verification that is pending, and requests only queue up.
+struct file_service_queue {
+    const file_service &service;
+    event_base *loop = nullptr;
+    timer_ptr debounce = nullptr;  // made on first use
+    std::vector<file_service_event> events = {};
+    int busy = 0;
+};
+
+void file_service_queue_request(file_service_queue &queue, file_service_event event);
+
+// The latest request that is not handled yet, FILE_SERVICE_EVENT_NONE when there is none.
+file_service_event file_service_queue_newest(const file_service_queue &queue);
+
+// Stops the service at once, past its queue; false (logged) when that fails.
+bool file_service_queue_stop_service(const file_service_queue &queue);

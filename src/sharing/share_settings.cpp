@@ -1,0 +1,189 @@
+#include "sharing/share_settings.h"
+
+#include <algorithm>
+#include <cstring>
+#include <iterator>
+#include <optional>
+#include <utility>
+
+#include "common/json.h"
+#include "common/logger.h"
+#include "common/regular_expressions.h"
+#include "common/secrets.h"
+#include "common/texts.h"
+#include "config/config.h"
+#include "config/stored_secrets.h"
+#include "sharing/sharing.h"
+
+namespace {
+
+constexpr const char *log_category = "file_services_request_handler";
+
+constexpr const char *central_storage_path = "centralStorage.enabled";
+constexpr const char *protection_path = "storage.enabled";
+constexpr const char *username_path = "storage.username";
+constexpr const char *password_path = stored_storage_password.path;
+
+enum validator : size_t {
+    USERNAME_CHARACTERS,
+    PASSWORD_CHARACTERS,
+    PASSWORD_HAS_LETTER,
+    PASSWORD_HAS_NON_LETTER,
+    VALIDATOR_COUNT,
+};
+
+constexpr const char *validator_patterns[VALIDATOR_COUNT] = {
+    "^[a-z0-9_\\.-]{3,32}$",  // kept: between brackets the backslash stands for itself too
+    "^[ -~]{8,16}$",
+    "[a-zA-Z]+",
+    "[ -@[-`{-~]+",
+};
+
+nimbrelc_regex validators[VALIDATOR_COUNT];
+bool matches(validator rule, const char *text) {
+    return nimbrelc_regex_match(validators[rule], text);
+}
+
+bool validate_credentials(const char *username, const char *password) {
+    if (!matches(USERNAME_CHARACTERS, username)) {
+        LOG_INFO("Username does not meet required criteria");
+        return false;
+    }
+    if (strcmp(username, password) == 0) {
+        LOG_INFO("Password must be different than username");
+        return false;
+    }
+    if (!matches(PASSWORD_CHARACTERS, password) || !matches(PASSWORD_HAS_LETTER, password) ||
+        !matches(PASSWORD_HAS_NON_LETTER, password)) {
+        LOG_INFO("Password does not meet required criteria");
+        return false;
+    }
+    return true;
+}
+
+}  // namespace
+
+bool file_services_request_handler_is_central_storage_enabled() {
+    return get_config_flag(central_storage_path);
+}
+
+bool share_settings_change_central_storage(bool enabled) {
+    if (enabled == file_services_request_handler_is_central_storage_enabled()) {
+        LOG_INFO("Central storage configuration has not been changed");
+        return false;
+    }
+    set_config_flag(central_storage_path, enabled);
+    if (!nimbrelc_config_save()) {
+        LOG_ERROR("Error saving central storage configuration");
+        return false;
+    }
+    return true;
+}
+
+bool file_services_request_handler_is_storage_protection_enabled() {
+    return get_config_flag(protection_path) &&
+           !nimbrelc_utils_json_is_null_or_empty(get_config_item(username_path)) &&
+           !nimbrelc_utils_json_is_null_or_empty(get_config_item(password_path));
+}
+
+bool share_settings_is_protection_wanted() {
+    return get_config_flag(protection_path);
+}
+
+const char *share_settings_get_username() {
+    return get_config_text(username_path);
+}
+
+bool file_services_request_handler_get_storage_config(storage_config &config) {
+    config.enabled = get_config_flag(protection_path);
+    config.username = get_config_text(username_path);
+    config.password.clear();
+    const char *stored = get_config_text(password_path);
+    if (*stored == '\0') {
+        return true;
+    }
+    auto password = file_services_request_handler_decrypt_storage_password(stored);
+    if (!password) {
+        return false;
+    }
+    config.password = std::move(*password);
+    return true;
+}
+
+std::optional<std::string> file_services_request_handler_encrypt_storage_password(
+    const char *text) {
+    if (nimbrelc_utils_is_null_or_empty(text)) {
+        return std::nullopt;
+    }
+    auto encrypted =
+        nimbrelc_utils_encrypt_and_base64_encode_data(text, stored_storage_password.passphrase);
+    if (!encrypted) {
+        LOG_ERROR("Encryption of storage password failed");
+    }
+    return encrypted;
+}
+
+std::optional<std::string> file_services_request_handler_decrypt_storage_password(
+    const char *text) {
+    if (nimbrelc_utils_is_null_or_empty(text)) {
+        return std::nullopt;
+    }
+    auto password =
+        nimbrelc_utils_decrypt_base64_encoded_data(text, stored_storage_password.passphrase);
+    if (!password) {
+        LOG_ERROR("Decryption of storage password failed");
+        return std::nullopt;
+    }
+    password->resize(strlen(password->c_str()));
+    return password;
+}
+
+bool share_settings_compile_rules() {
+    return std::equal(std::begin(validators), std::end(validators), std::begin(validator_patterns),
+                      nimbrelc_regex_compile);
+}
+
+void share_settings_forget_rules() {
+    for (nimbrelc_regex &rule : validators) {
+        nimbrelc_regex_free(rule);
+    }
+}
+
+// kept: they differ from stored credentials all the same, so that a request for the flag alone is
+// then saved (and the services are reloaded) even when it changes nothing.
+bool share_settings_change_protection(bool wanted, const char *username, const char *password) {
+    storage_config stored;
+    if (!file_services_request_handler_get_storage_config(stored)) {
+        return false;
+    }
+    const bool new_state = wanted != stored.enabled;
+    const bool new_username = stored.username != username;
+    const bool new_password = stored.password != password;
+    if (!new_state && !new_username && !new_password) {
+        LOG_INFO("Storage configuration hasn't changed");
+        return false;
+    }
+    const bool has_username = *username != '\0';
+    const bool has_password = *password != '\0';
+    if ((has_username || has_password) && !validate_credentials(username, password)) {
+        return false;
+    }
+    if (new_state) {
+        set_config_flag(protection_path, wanted);
+    }
+    if (new_username && has_username) {
+        set_config_text(username_path, username);
+    }
+    if (new_password && has_password) {
+        const auto encrypted = file_services_request_handler_encrypt_storage_password(password);
+        if (!encrypted) {
+            return false;  // kept: what is stored above stays in memory, unsaved
+        }
+        set_config_text(password_path, encrypted->c_str());
+    }
+    if (!nimbrelc_config_save()) {
+        LOG_ERROR("Error saving storage configuration");
+        return false;
+    }
+    return true;
+}

@@ -1,0 +1,36 @@
+// What the configuration says about sharing: whether the box acts as a file server at all, and the
+// one user name and password that guard the shares. Asked by everybody in this room.
+#pragma once
+
+#include <string>
+
+bool file_services_request_handler_is_central_storage_enabled();
+
+// Stores and saves the switch; false when it is so already, or when the save failed (logged).
+bool share_settings_change_central_storage(bool enabled);
+
+// True only when protection is wanted and both a user name and a password are stored.
+bool file_services_request_handler_is_storage_protection_enabled();
+
+// Whether protection is wanted, whatever the credentials.
+bool share_settings_is_protection_wanted();
+
+// The stored user name, "" for none. Borrowed.
+const char *share_settings_get_username();
+
+struct storage_config {
+    bool enabled = false;  // protection wanted, whatever the credentials
+    std::string username;
+    std::string password;  // plain text
+};
+
+// Fills `config` from the configuration; what is not stored is empty. False when the stored
+// password does not decrypt: the other two are filled all the same, the password is empty.
+bool file_services_request_handler_get_storage_config(storage_config &config);
+
+// The rules for new credentials: compiled before first use, false (logged) when that fails.
+bool share_settings_compile_rules();
+void share_settings_forget_rules();
+
+// True when the configuration was changed and saved. Empty values never overwrite stored ones.
+bool share_settings_change_protection(bool wanted, const char *username, const char *password);
