@@ -8,8 +8,8 @@
 #include <utility>
 #include <vector>
 
+#include "common/bus_error.h"
 #include "common/logger.h"
-#include "common/msg_bus/message_bus_connection.h"
 
 namespace {
 
@@ -155,7 +155,7 @@ bool add_match_rule(const char *interface, const char *member) {
     }
     const std::string rule =
         std::string("type='signal',interface='") + interface + "',member='" + member + "'";
-    message_bus_error error;
+    bus_error error;
     dbus_bus_add_match(message_bus_connection(), rule.c_str(), &error);
     if (error.is_set()) {
         LOG_WARN("Failed to dbus_bus_add_match: %s", error.message);
@@ -172,7 +172,7 @@ bool register_path(const char *path) {
                                                   .dbus_internal_pad2 = nullptr,
                                                   .dbus_internal_pad3 = nullptr,
                                                   .dbus_internal_pad4 = nullptr};
-    message_bus_error error;
+    bus_error error;
     return dbus_connection_try_register_object_path(message_bus_connection(), path, &handlers,
                                                     nullptr, &error) ||
            dbus_error_has_name(&error, DBUS_ERROR_OBJECT_PATH_IN_USE);
@@ -211,7 +211,7 @@ void call_failed(message_bus_reply_ctx_cb &reply_cb) {
 
 void reply_arrived(DBusPendingCall *pending, void *data) {
     auto &reply_cb = *static_cast<message_bus_reply_ctx_cb *>(data);
-    message_bus_error error;
+    bus_error error;
     DBusConnection *connection = dbus_bus_get(DBUS_BUS_SYSTEM, &error);
     if (connection == nullptr) {
         LOG_WARN("Failed to open connection to activating message bus: %s", error.message);

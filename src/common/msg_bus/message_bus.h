@@ -11,6 +11,7 @@
 
 #include "common/bus_message_ptr.h"
 #include "common/msg_bus/message_bus_args.h"
+#include "common/msg_bus/message_bus_connection.h"
 #include "common/unique_function.h"
 
 // An incoming method call that waits for its answer. Each reply operation consumes it; one that
@@ -69,16 +70,6 @@ struct message_bus_method {
 // Binds the module to the loop and connects to the system bus. A second call with the same loop
 // changes nothing; one with another loop fails.
 bool message_bus_new(event_base *base);
-
-// Installs the dispatch, watch and timeout functions on the connection (used by message_bus_new).
-bool connection_setup();
-
-// Sets DBUS_SESSION_BUS_ADDRESS; returns what setenv() returned. The system bus is not affected.
-// Kept for programs that embed this module; nothing here calls it.
-int message_bus_set_dbus_socket(const char *address);
-
-// Asks for a well-known name, replacing an owner that allows it. Queued counts as success.
-bool message_bus_request_name(const char *name);
 
 // Serves `interface`.`member` on `path` (and on every other registered path). The texts are kept by
 // pointer and must outlive the process. True without being served when the bus refuses the match

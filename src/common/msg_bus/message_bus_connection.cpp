@@ -1,8 +1,10 @@
 #include "common/msg_bus/message_bus_connection.h"
 
+#include <cstdlib>
+
+#include "common/bus_error.h"
 #include "common/event_ptr.h"
 #include "common/logger.h"
-#include "common/msg_bus/message_bus.h"
 
 namespace {
 
@@ -150,7 +152,7 @@ bool message_bus_connection_open(event_base *base, DBusHandleMessageFunction fil
     if (bus.connection != nullptr) {
         return true;
     }
-    message_bus_error error;
+    bus_error error;
     bus.connection = dbus_bus_get(DBUS_BUS_SYSTEM, &error);
     if (bus.connection == nullptr) {
         LOG_WARN("Failed to open connection to activating message bus: %s", error.message);
@@ -180,7 +182,7 @@ bool message_bus_request_name(const char *name) {
     if (bus.connection == nullptr) {
         return false;
     }
-    message_bus_error error;
+    bus_error error;
     const int result =
         dbus_bus_request_name(bus.connection, name, DBUS_NAME_FLAG_REPLACE_EXISTING, &error);
     if (error.is_set()) {
