@@ -14,13 +14,9 @@
 #include "daemon/dbus_signals.h"
 #include "datamodel/datamodel.h"
 #include "disks/disks.h"
-#include "maintenance/backup.h"
-#include "maintenance/segfault.h"
-#include "maintenance/syslog_utils.h"
-#include "maintenance/upgrade_config.h"
+#include "maintenance/maintenance.h"
 #include "platform/lcd.h"
-#include "remote_access/ssh.h"
-#include "remote_access/vpn.h"
+#include "remote_access/remote_access.h"
 #include "sharing/sharing.h"
 
 namespace {

@@ -13,6 +13,7 @@
 #include "common/secrets.h"
 #include "config/config.h"
 #include "config/stored_secrets.h"
+#include "maintenance/maintenance.h"
 #include "sharing/sharing.h"
 
 const std::array<const char *, 13> FIELDS_TO_BACKUP = {
@@ -159,12 +160,7 @@ void restore_value(cJSON *root, const cJSON *member) {
     }
 }
 
-void store_callback(int32_t argc, const message_bus_arg *args, message_bus_request request) {
-    LOG_INFO("Storing backup requested");
-    if (!message_bus_validate_params(request, argc, args, {MB_ARG_STRING})) {
-        LOG_WARN("Bad params passed to store_callback");
-        return;
-    }
+void store_callback(int32_t /*argc*/, const message_bus_arg *args, message_bus_request request) {
     const json_ptr document = backup_create(get_config_root());
     if (!document) {
         LOG_ERROR("Failed to create backup");
@@ -192,31 +188,25 @@ bool restore_from(const char *path) {
     } else {
         LOG_INFO("Nimbrelc backup has been successfully restored");
     }
-    // Kept: the restart comes, and the answer is true, even when the save failed.
+    // kept: the restart comes, and the answer is true, even when the save failed.
     if (event_base_loopexit(loop, &restart_delay) != 0) {
         LOG_ERROR("event_base_loopexit failed");
     }
     return true;
 }
 
-void restore_callback(int32_t argc, const message_bus_arg *args, message_bus_request request) {
-    LOG_INFO("Restoring backup requested");
-    if (!message_bus_validate_params(request, argc, args, {MB_ARG_STRING})) {
-        LOG_WARN("Bad params passed to restore_callback");
-        message_bus_send_bool_reply(std::move(request), false);
-        return;
-    }
+void restore_callback(int32_t /*argc*/, const message_bus_arg *args, message_bus_request request) {
     const bool restored = restore_from(args[0].string);
     message_bus_send_bool_reply(std::move(request), restored);
 }
 
-struct bus_method {
-    const char *name;
-    message_bus_method_handler handler;
-};
-constexpr bus_method methods[] = {
-    {"store", store_callback},
-    {"restore", restore_callback},
+constexpr const char *object = "/backup";
+constexpr const char *interface = "com.kelvanto.nimbrel.backup";
+constexpr message_bus_method methods[] = {
+    {object, interface, "store", store_callback, "s", "Bad params passed to store_callback",
+     message_bus_refusal::silence, "Storing backup requested"},
+    {object, interface, "restore", restore_callback, "s", "Bad params passed to restore_callback",
+     message_bus_refusal::false_reply, "Restoring backup requested"},
 };
 
 }  // namespace
@@ -308,12 +298,9 @@ bool backup_restore(cJSON *root, const cJSON *document) {
 
 bool backup_start(event_base *base) {
     loop = base;
-    for (const bus_method &method : methods) {
-        if (!message_bus_add_method_listener("/backup", "com.kelvanto.nimbrel.backup", method.name,
-                                             method.handler)) {
-            LOG_ERROR("Failed to add method listener");
-            return false;
-        }
+    if (!message_bus_add_methods(log_category, methods)) {
+        LOG_ERROR("Failed to add method listener");
+        return false;
     }
     return true;
 }

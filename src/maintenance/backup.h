@@ -7,8 +7,6 @@
 // with SHA-1, no salt, PASS and one iteration.
 #pragma once
 
-#include <event2/event.h>
-
 #include <array>
 #include <optional>
 #include <string>
@@ -21,9 +19,6 @@ extern const std::array<const char *, 13> FIELDS_TO_BACKUP;
 
 constexpr char PASS[] = "7v!n5&s7";
 constexpr int PASS_LEN = 8;
-
-bool backup_start(event_base *base);
-bool backup_stop();
 
 // The backup document of a configuration; none when that is no object.
 json_ptr backup_create(cJSON *root);

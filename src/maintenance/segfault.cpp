@@ -1,7 +1,6 @@
-#include "maintenance/segfault.h"
-
+// A short record of crashed processes in the configuration: how many, the latest time, and slots
+// with time and name of the latest ones, newest first. Reset whenever the firmware changes.
 #include <cstring>
-#include <ctime>
 #include <optional>
 #include <string>
 #include <utility>
@@ -10,7 +9,9 @@
 #include "common/json.h"
 #include "common/json_ptr.h"
 #include "common/logger.h"
+#include "common/timer.h"
 #include "config/config.h"
+#include "maintenance/maintenance.h"
 
 namespace {
 
@@ -22,9 +23,9 @@ cJSON *get_dumps() {
     return cJSON_IsArray(dumps) ? dumps : nullptr;
 }
 
-// Kept: a member that the document lacks is not added.
+// kept: a member that the document lacks is not added.
 void replace_member(const char *path, cJSON *value) {
-    nimbrelc_utils_replace_json_object(get_config_root(), path, json_ptr(value));
+    set_config_item(path, json_ptr(value));
 }
 
 void reset_record(const char *software_version) {
@@ -53,7 +54,7 @@ void push_dump(const char *stamp, const char *process_name) {
 
 void add_dump(const char *process_name) {
     LOG_INFO("Adding segfault dump for process %s", process_name);
-    const std::optional<std::string> stamp = print_datetime(time(nullptr));
+    const std::optional<std::string> stamp = print_datetime(timer_now());
     if (!stamp) {
         LOG_ERROR("Cannot print timestamp");
         return;
@@ -66,6 +67,7 @@ void add_dump(const char *process_name) {
 }
 
 void add_dump_callback(int32_t argc, const message_bus_arg *args, message_bus_request request) {
+    // kept: checked here, for what is refused is an error without a reason.
     if (argc == 1 && args[0].type == MB_ARG_STRING) {
         add_dump(args[0].string);
     } else {
@@ -74,17 +76,19 @@ void add_dump_callback(int32_t argc, const message_bus_arg *args, message_bus_re
     message_bus_send_no_reply(std::move(request));
 }
 
+constexpr message_bus_method methods[] = {
+    {"/debug/segfault", "com.kelvanto.nimbrel.debug.segfault", "AddDump", add_dump_callback},
+};
+
 }  // namespace
 
 bool segfault_start(event_base * /*base*/) {
-    if (!message_bus_add_method_listener("/debug/segfault", "com.kelvanto.nimbrel.debug.segfault",
-                                         "AddDump", add_dump_callback)) {
+    if (!message_bus_add_methods(log_category, methods)) {
         LOG_ERROR("message_bus_add_method_listener failed");
         return false;
     }
     const char *current = nimbrelc_config_get_software_version();
-    const char *recorded =
-        nimbrelc_utils_empty_if_null_json(get_config_item("segfault.firmwareVersion"));
+    const char *recorded = get_config_text("segfault.firmwareVersion");
     if (recorded[0] == '\0' || strcmp(recorded, current) != 0) {
         reset_record(current);
         nimbrelc_config_save();

@@ -1,5 +1,5 @@
-#include "maintenance/serial_console.h"
-
+// The box's serial console: kernel messages on it, the login prompt, its password. The state lives
+// in marker files on the persistent medium; nothing is kept in memory.
 #include <fcntl.h>
 #include <unistd.h>
 
@@ -12,6 +12,7 @@
 #include "common/files.h"
 #include "common/logger.h"
 #include "common/secrets.h"
+#include "maintenance/maintenance.h"
 #include "platform/launch.h"
 #include "platform/service_manager.h"
 
@@ -78,7 +79,7 @@ bool serial_console_traces_enabled_setter(const message_bus_arg &value,
     const int result =
         launch_with_args("sudo dmesg %s", &status, nullptr, value.boolean() ? "-E" : "-D");
     if (!launch_succeeded(result, status)) {
-        // Kept: the marker decides the answer, also when the kernel did not follow.
+        // kept: the marker decides the answer, also when the kernel did not follow.
         LOG_ERROR("Failed to set console logging level");
     }
     return message_bus_send_bool_reply(std::move(request),
@@ -97,7 +98,7 @@ bool serial_console_login_enabled_setter(const message_bus_arg &value,
         return message_bus_send_bool_reply(std::move(request), false);
     }
     const bool updated = update_marker(login_marker, !value.boolean());
-    // Kept: whatever becomes of the service, the marker decides the answer.
+    // kept: whatever becomes of the service, the marker decides the answer.
     if (value.boolean()) {
         service_manager_start_one(getty_service);
     } else {

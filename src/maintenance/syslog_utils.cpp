@@ -1,5 +1,7 @@
-#include "maintenance/syslog_utils.h"
-
+// Keeps the options of the box's log service in line with the configuration, and ends persistent
+// logging (the log on the persistent medium instead of RAM) when its time is over.
+//
+// Options file, one line without a newline: "sSIZE nCOUNT DIRECTORY", SIZE in bytes.
 #include <algorithm>
 #include <cerrno>
 #include <cstdint>
@@ -11,13 +13,14 @@
 #include <utility>
 
 #include "common/dates.h"
-#include "common/event_ptr.h"
 #include "common/files.h"
 #include "common/json.h"
 #include "common/json_ptr.h"
 #include "common/logger.h"
 #include "common/msg_bus/message_bus.h"
+#include "common/timer.h"
 #include "config/config.h"
+#include "maintenance/maintenance.h"
 #include "platform/service_manager.h"
 
 namespace {
@@ -41,7 +44,7 @@ constexpr const char *required_paths[] = {
 };
 
 struct stop_timer {
-    event_ptr handle;
+    timer_ptr handle;
 };
 
 // All timers that are still to fire, and the latest of them, which is the one that can be
@@ -49,13 +52,8 @@ struct stop_timer {
 std::list<stop_timer> stop_timers;
 stop_timer *current_timer = nullptr;
 
-int config_number(const char *path) {
-    const cJSON *item = get_config_item(path);
-    return cJSON_IsNumber(item) ? item->valueint : 0;
-}
-
 bool is_persistent() {
-    return cJSON_IsTrue(get_config_item(persistent_path)) != 0;
+    return get_config_flag(persistent_path);
 }
 
 bool is_activation_date_set() {
@@ -67,16 +65,12 @@ const char *log_directory() {
     return is_persistent() ? persistent_directory : volatile_directory;
 }
 
-void store(const char *path, json_ptr value) {
-    nimbrelc_utils_replace_json_object(get_config_root(), path, std::move(value));
-}
-
 bool clear_persistent_state() {
     if (!is_activation_date_set() && !is_persistent()) {
         return true;
     }
-    store(activation_date_path, json_ptr(cJSON_CreateNull()));
-    store(persistent_path, json_ptr(cJSON_CreateFalse()));
+    set_config_item(activation_date_path, json_ptr(cJSON_CreateNull()));
+    set_config_flag(persistent_path, false);
     return nimbrelc_config_save();
 }
 
@@ -92,8 +86,8 @@ bool reconfigure_log_service() {
     // Wide enough for the bytes of any number of KiB.
     char options[64];
     snprintf(options, sizeof options, "s%lld n%d %s",
-             static_cast<long long>(config_number(max_file_size_path)) * 1024,
-             config_number(number_of_files_path), log_directory());
+             static_cast<long long>(get_config_number(max_file_size_path)) * 1024,
+             get_config_number(number_of_files_path), log_directory());
     switch (cmp_file_content(options_file, options)) {
         case CMP_FILE_EQUAL:
             LOG_INFO("syslogd-log already run with the right options");
@@ -119,10 +113,10 @@ void forget_timer(const stop_timer *timer) {
     stop_timers.remove_if([timer](const stop_timer &other) { return &other == timer; });
 }
 
-// Kept: a timer stops the logging although a later one was started after it, and cancels that one.
+// kept: a timer stops the logging although a later one was started after it, and cancels that one.
 // Timers that were started between the two find nothing left to remove.
 bool remove_current_timer() {
-    if (current_timer == nullptr || event_del(current_timer->handle.get()) != 0) {
+    if (current_timer == nullptr || !timer_stop(*current_timer->handle)) {
         // The event library sets no error.
         LOG_ERROR("Failed to remove the timer: %s", strerror(EINVAL));
         return false;
@@ -131,8 +125,7 @@ bool remove_current_timer() {
     return true;
 }
 
-void stop_persistent_logging(evutil_socket_t /*fd*/, short /*events*/, void *context) {
-    auto *fired = static_cast<stop_timer *>(context);
+void stop_persistent_logging(const stop_timer *fired) {
     LOG_INFO("Stopping persistent logging...");
     const bool removed = remove_current_timer();
     forget_timer(fired);
@@ -156,18 +149,17 @@ int timer_seconds(int64_t seconds) {
     return static_cast<int>(std::min(seconds, max_seconds));
 }
 
-// Kept: an earlier timer is forgotten, not cancelled; it still fires.
+// kept: an earlier timer is forgotten, not cancelled; it still fires.
 bool start_stop_timer(event_base *base, int seconds) {
     LOG_INFO("Starting timer to stop persistent logging in %d sec.", seconds);
-    const timeval delay = {.tv_sec = seconds, .tv_usec = 0};
     stop_timer &timer = stop_timers.emplace_back();
-    timer.handle.reset(evtimer_new(base, stop_persistent_logging, &timer));
+    timer.handle = timer_new(base, [&timer] { stop_persistent_logging(&timer); });
     if (timer.handle == nullptr) {
         LOG_ERROR("evtimer_new failed");
         stop_timers.pop_back();
         return false;
     }
-    if (evtimer_add(timer.handle.get(), &delay) == -1) {
+    if (!timer_start(*timer.handle, seconds)) {
         LOG_ERROR("evtimer_add failed");
         stop_timers.pop_back();
         return false;
@@ -177,32 +169,24 @@ bool start_stop_timer(event_base *base, int seconds) {
 }
 
 bool start_period(event_base *base, int64_t duration) {
-    const auto now = print_datetime(time(nullptr));
+    const auto now = print_datetime(timer_now());
     if (!now) {
         LOG_ERROR("strftime failed: %d %s", 4, strerror(errno));  // kept: no error number
         return false;
     }
-    store(activation_date_path, json_ptr(cJSON_CreateString(now->c_str())));
+    set_config_text(activation_date_path, now->c_str());
     return nimbrelc_config_save() && start_stop_timer(base, timer_seconds(duration));
 }
 
-// The time of a stored date, -1 when it is none. Kept: whether summer time applies is taken from
-// today, not from that date.
-time_t parse_activation_date(const char *text, time_t now) {
-    tm fields{};
-    localtime_r(&now, &fields);
-    if (strptime(text, "%FT%TZ", &fields) == nullptr) {
-        // strptime() itself sets no error.
-        LOG_ERROR("strptime failed to parse the date: %s", strerror(EINVAL));
-        return -1;
-    }
-    return mktime(&fields);
-}
-
+// kept: whether summer time applies is taken from today, not from the stored date.
 bool continue_period(event_base *base, int64_t duration) {
-    const time_t now = time(nullptr);
-    const time_t activated = parse_activation_date(
-        nimbrelc_utils_empty_if_null_json(get_config_item(activation_date_path)), now);
+    const time_t now = timer_now();
+    const auto date = parse_datetime_as_of(get_config_text(activation_date_path), now);
+    if (!date) {
+        // The parser itself sets no error.
+        LOG_ERROR("strptime failed to parse the date: %s", strerror(EINVAL));
+    }
+    const time_t activated = date.value_or(-1);
     if (activated == -1) {
         LOG_ERROR("Failed to set persistent logs timer");
         return false;
@@ -220,7 +204,7 @@ bool setup_persistent_logging(event_base *base) {
     if (!is_persistent()) {
         return clear_persistent_state();
     }
-    const int64_t duration = int64_t{config_number(activation_duration_path)} * 60;
+    const int64_t duration = int64_t{get_config_number(activation_duration_path)} * 60;
     return is_activation_date_set() ? continue_period(base, duration)
                                     : start_period(base, duration);
 }
@@ -232,6 +216,11 @@ void get_current_log_path_callback(int32_t /*argc*/, const message_bus_arg * /*a
     message_bus_send_string_reply(std::move(request), path);
 }
 
+constexpr message_bus_method methods[] = {
+    {"/com/kelvanto/nimbrel", "com.kelvanto.nimbrel.syslog", "GetCurrentLogPath",
+     get_current_log_path_callback},
+};
+
 }  // namespace
 
 bool syslog_utils_configure(event_base *base) {
@@ -239,9 +228,9 @@ bool syslog_utils_configure(event_base *base) {
         LOG_ERROR("Bad configuration. One of the fields is not present");
         return false;
     }
-    const int number_of_files = config_number(number_of_files_path);
-    if (number_of_files < 1 || number_of_files > 99 || config_number(max_file_size_path) < 1 ||
-        config_number(activation_duration_path) < 1) {
+    const int number_of_files = get_config_number(number_of_files_path);
+    if (number_of_files < 1 || number_of_files > 99 || get_config_number(max_file_size_path) < 1 ||
+        get_config_number(activation_duration_path) < 1) {
         LOG_ERROR("Bad configuration. Some fields have bad values.");
         return false;
     }
@@ -253,8 +242,7 @@ bool syslog_utils_configure(event_base *base) {
         LOG_ERROR("Failed to reconfigure syslogd-log");
         return false;
     }
-    if (!message_bus_add_method_listener("/com/kelvanto/nimbrel", "com.kelvanto.nimbrel.syslog",
-                                         "GetCurrentLogPath", get_current_log_path_callback)) {
+    if (!message_bus_add_methods(log_category, methods)) {
         LOG_WARN("Failed to registed GetCurrentLogPath dbus method handler");
         return false;
     }

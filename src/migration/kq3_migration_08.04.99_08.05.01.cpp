@@ -27,7 +27,7 @@ constexpr datetime_field datetime_fields[] = {
 }  // namespace
 
 void convert_datetime_field_to_valid_format(cJSON *root, const char *section, const char *name) {
-    cJSON *parent = migration_utils_get_section(root, section);
+    cJSON *parent = nimbrelc_utils_get_json_section(root, section);
     const cJSON *member = cJSON_GetObjectItem(parent, name);
     if (nimbrelc_utils_json_is_null_or_empty(member)) {
         return;
@@ -50,7 +50,7 @@ void convert_datetime_fields_to_valid_format(cJSON *root) {
 }
 
 void reset_segfault_section(cJSON *root) {
-    cJSON *segfault = migration_utils_get_section(root, "segfault");
+    cJSON *segfault = nimbrelc_utils_get_json_section(root, "segfault");
     if (segfault == nullptr) {
         return;
     }

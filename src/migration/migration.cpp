@@ -39,7 +39,7 @@ bool check_table(const migration *table, unsigned int count) {
             return false;
         }
     }
-    // Kept: the last row is reported one index too high.
+    // kept: the last row is reported one index too high.
     return check_row(table[count - 1], count);
 }
 

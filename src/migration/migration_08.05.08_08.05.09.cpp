@@ -10,7 +10,7 @@ namespace {
 constexpr const char *log_category = "migration_08.05.08_08.05.09";
 constexpr const char *legacy_passphrase = "lj3Z2W3#";
 
-// Kept: an add, so an existing "password4" gets a second member of the same name behind it.
+// kept: an add, so an existing "password4" gets a second member of the same name behind it.
 void reencrypt_password(cJSON *storage) {
     const cJSON *old = cJSON_GetObjectItem(storage, "password3");
     if (nimbrelc_utils_json_is_null_or_empty(old)) {
@@ -31,7 +31,7 @@ void reencrypt_password(cJSON *storage) {
 
 bool upgrade_from_08_05_08_to_08_05_09(cJSON *root) {
     LOG_INFO("Upgrading from %s to %s", "08.05.08", "08.05.09");
-    cJSON *storage = migration_utils_get_section(root, "storage");
+    cJSON *storage = nimbrelc_utils_get_json_section(root, "storage");
     if (storage == nullptr) {
         return true;
     }

@@ -52,11 +52,6 @@ std::optional<std::string> decrypt_blob(std::string_view blob, std::string_view 
 
 }  // namespace
 
-cJSON *migration_utils_get_section(cJSON *root, const char *path) {
-    cJSON *section = nimbrelc_utils_get_json_object(root, path, nullptr);
-    return cJSON_IsObject(section) ? section : nullptr;
-}
-
 void migration_utils_delete(cJSON *section, const char *name) {
     cJSON_DeleteItemFromObject(section, name);
 }
@@ -67,7 +62,7 @@ void migration_utils_replace_text(cJSON *section, const char *name, const char *
 
 void migration_utils_reset_storage_protection(cJSON *root, const char *old_password,
                                               const char *new_password) {
-    cJSON *storage = migration_utils_get_section(root, "storage");
+    cJSON *storage = nimbrelc_utils_get_json_section(root, "storage");
     if (storage == nullptr) {
         return;
     }

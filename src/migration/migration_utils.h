@@ -8,9 +8,6 @@
 #include <string>
 #include <string_view>
 
-// The object at a dotted path, or null when it is missing or no object. Borrowed.
-cJSON *migration_utils_get_section(cJSON *root, const char *path);
-
 // Deletes the member, if present.
 void migration_utils_delete(cJSON *section, const char *name);
 

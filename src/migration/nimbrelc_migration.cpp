@@ -1,4 +1,4 @@
-#include "migration/nimbrelc_migration.h"
+#include "migration/migration.h"
 
 #include <cstring>
 
@@ -11,7 +11,6 @@
 #include "common/logger.h"
 #include "common/regular_expressions.h"
 #include "config/config.h"
-#include "migration/migration.h"
 #include "migration/migration_steps.h"
 
 bool g_migration_mode = false;
@@ -33,8 +32,7 @@ constexpr migration kq3_migrations[] = {
 };
 
 cJSON *get_device_info(cJSON *config) {
-    cJSON *device_info = nimbrelc_utils_get_json_object(config, "cpeDevice.deviceInfo", nullptr);
-    return cJSON_IsObject(device_info) ? device_info : nullptr;
+    return nimbrelc_utils_get_json_section(config, "cpeDevice.deviceInfo");
 }
 
 void set_software_version(cJSON *device_info, const char *version) {

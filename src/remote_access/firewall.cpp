@@ -1,7 +1,5 @@
 #include "remote_access/firewall.h"
 
-#include <sys/wait.h>
-
 #include "common/build_flavour.h"
 #include "common/logger.h"
 #include "platform/launch.h"
@@ -12,16 +10,10 @@ constexpr const char *log_category = "firewall";
 
 bool run_firewall_script(const char *mode) {
     int status = -1;
-    if (launch_with_args("sudo /usr/bin/scripts/firewallctl %s %s", &status, nullptr, mode,
-                         is_release() ? "release" : "debug") != LAUNCH_OK) {
-        LOG_ERROR("Failed to run firewallctl");
-        return false;
-    }
-    if (status != 0) {
-        LOG_ERROR("firewallctl exited with status: %d", WEXITSTATUS(status));
-        return false;
-    }
-    return true;
+    const int result = launch_with_args("sudo /usr/bin/scripts/firewallctl %s %s", &status, nullptr,
+                                        mode, is_release() ? "release" : "debug");
+    return launch_succeeded_or_log(result, status, log_category, "Failed to run firewallctl",
+                                   "firewallctl exited with status: %d");
 }
 
 }  // namespace

@@ -1,7 +1,6 @@
-#include "remote_access/ssh.h"
-
-#include <sys/wait.h>
-
+// Remote access by SSH for a limited time: the server runs, a key is installed and an external port
+// of the gateway is forwarded to it. The activation's start is kept in the configuration, so that
+// it goes on, or ends, across a restart of the daemon.
 #include <algorithm>
 #include <cerrno>
 #include <cstdint>
@@ -14,14 +13,15 @@
 
 #include "common/build_flavour.h"
 #include "common/dates.h"
-#include "common/event_ptr.h"
 #include "common/json.h"
 #include "common/json_ptr.h"
 #include "common/logger.h"
+#include "common/timer.h"
 #include "config/config.h"
 #include "platform/launch.h"
 #include "platform/launch_escape.h"
 #include "platform/service_manager.h"
+#include "remote_access/remote_access.h"
 #include "remote_access/ssh_time.h"
 
 namespace {
@@ -44,10 +44,10 @@ constexpr char endless_activation_text[] =
     "On devel builds activationDuration=0 means infinite ssh activation. No timer set up.";
 
 event_base *loop = nullptr;
-event_ptr stop_timer;
+timer_ptr stop_timer;
 
 bool is_enabled() {
-    return cJSON_IsTrue(get_config_item(enable_path)) != 0;
+    return get_config_flag(enable_path);
 }
 
 bool is_activation_running() {
@@ -55,15 +55,10 @@ bool is_activation_running() {
     return date != nullptr && !cJSON_IsNull(date);
 }
 
-bool store(const char *path, cJSON *value) {
-    return nimbrelc_utils_replace_json_object(get_config_root(), path, json_ptr(value));
-}
-
 uint32_t effective_duration() {
     // The stored number may be beyond 31 bits; as everywhere its integer copy counts.
-    const cJSON *minutes = get_config_item(activation_duration_path);
-    return ssh_duration_seconds(
-        cJSON_IsNumber(minutes) ? static_cast<uint32_t>(minutes->valueint) : 0, is_release());
+    return ssh_duration_seconds(static_cast<uint32_t>(get_config_number(activation_duration_path)),
+                                is_release());
 }
 
 bool is_configuration_valid() {
@@ -89,50 +84,38 @@ bool install_authorized_key() {
     const std::string key = launch_escape_quoted(
         nimbrelc_utils_empty_if_null_json(get_config_item(authorized_key_path)));
     int status = -1;
-    if (launch_with_args("sudo /usr/bin/scripts/ssh/set_auth_key.sh \"%s\"", &status, nullptr,
-                         key.c_str()) != LAUNCH_OK) {
-        LOG_ERROR("Failed to save the authorized key - set_auth_key");
-        return false;
-    }
-    if (status != 0) {
-        LOG_ERROR("Failed to save the authorized key - set_auth_key exited with status: %d",
-                  WEXITSTATUS(status));
-        return false;
-    }
-    return true;
+    const int result = launch_with_args("sudo /usr/bin/scripts/ssh/set_auth_key.sh \"%s\"", &status,
+                                        nullptr, key.c_str());
+    return launch_succeeded_or_log(
+        result, status, log_category, "Failed to save the authorized key - set_auth_key",
+        "Failed to save the authorized key - set_auth_key exited with status: %d");
 }
 
 bool set_port_forwarding() {
     LOG_INFO("Set port forwarding");
     const cJSON *port = get_config_item(external_port_path);
     int status = -1;
-    if (!cJSON_IsNumber(port) ||
-        launch_with_args("sudo /usr/bin/scripts/firewall/set_port_forwarding.sh %s %s %d %d \"%s\"",
-                         &status, nullptr, firewall_zone, firewall_slot, port->valueint,
-                         server_port, "Remote SSH Access") != LAUNCH_OK) {
-        LOG_ERROR("Failed run set_port_forwarding.sh");
-        return false;
+    int result = LAUNCH_ERROR;
+    if (cJSON_IsNumber(port)) {
+        result = launch_with_args(
+            "sudo /usr/bin/scripts/firewall/set_port_forwarding.sh %s %s %d %d \"%s\"", &status,
+            nullptr, firewall_zone, firewall_slot, port->valueint, server_port,
+            "Remote SSH Access");
     }
-    if (status != 0) {
-        LOG_ERROR("set_port_forwarding.sh exited with status: %d", WEXITSTATUS(status));
-        return false;
-    }
-    return true;
+    return launch_succeeded_or_log(result, status, log_category,
+                                   "Failed run set_port_forwarding.sh",
+                                   "set_port_forwarding.sh exited with status: %d");
 }
 
 bool delete_port_forwarding() {
     LOG_INFO("Delete port forwarding");
     int status = -1;
-    if (launch_with_args("sudo /usr/bin/scripts/firewall/delete_port_forwarding.sh %s %s", &status,
-                         nullptr, firewall_zone, firewall_slot) != LAUNCH_OK) {
-        LOG_ERROR("Failed to run delete_port_forwarding.sh");
-        return false;
-    }
-    if (status != 0) {
-        LOG_ERROR("delete_port_forwarding.sh exited with status: %d", WEXITSTATUS(status));
-        return false;
-    }
-    return true;
+    const int result =
+        launch_with_args("sudo /usr/bin/scripts/firewall/delete_port_forwarding.sh %s %s", &status,
+                         nullptr, firewall_zone, firewall_slot);
+    return launch_succeeded_or_log(result, status, log_category,
+                                   "Failed to run delete_port_forwarding.sh",
+                                   "delete_port_forwarding.sh exited with status: %d");
 }
 
 bool start_server() {
@@ -155,13 +138,13 @@ bool clean_up_session() {
     if (!is_activation_running() && !is_enabled()) {
         return true;
     }
-    store(activation_date_path, cJSON_CreateNull());
-    store(enable_path, cJSON_CreateFalse());
+    set_config_item(activation_date_path, json_ptr(cJSON_CreateNull()));
+    set_config_flag(enable_path, false);
     return nimbrelc_config_save();
 }
 
 bool remove_timer() {
-    if (!stop_timer || event_del(stop_timer.get()) != 0) {
+    if (!stop_timer || !timer_stop(*stop_timer)) {
         LOG_ERROR("Failed to remove the timer: %s", strerror(errno));
         return false;
     }
@@ -169,7 +152,7 @@ bool remove_timer() {
     return true;
 }
 
-void end_session(evutil_socket_t /*fd*/, short /*events*/, void * /*context*/) {
+void end_session() {
     LOG_INFO("Stopping ssh session...");
     if (!remove_timer()) {
         return;
@@ -194,13 +177,12 @@ bool restart_timer(int32_t seconds) {
         LOG_INFO(endless_activation_text);
         return true;
     }
-    stop_timer.reset(evtimer_new(loop, end_session, nullptr));
+    stop_timer = timer_new(loop, end_session);
     if (!stop_timer) {
         LOG_ERROR("evtimer_new failed");
         return false;
     }
-    const timeval delay{.tv_sec = seconds, .tv_usec = 0};
-    if (evtimer_add(stop_timer.get(), &delay) != 0) {
+    if (!timer_start(*stop_timer, seconds)) {
         LOG_ERROR("evtimer_add failed");
         return false;
     }
@@ -208,30 +190,26 @@ bool restart_timer(int32_t seconds) {
 }
 
 bool set_activation_date() {
-    const std::optional<std::string> date = print_datetime(time(nullptr));
+    const std::optional<std::string> date = print_datetime(timer_now());
     if (!date) {
         LOG_ERROR("strftime failed: %d %s", 4, strerror(errno));
         return false;
     }
-    store(activation_date_path, cJSON_CreateString(date->c_str()));
+    set_config_text(activation_date_path, date->c_str());
     return nimbrelc_config_save();
 }
 
 std::optional<time_t> get_activation_date() {
-    const time_t now = time(nullptr);
-    tm fields{};
-    // Whether summer time applies is so taken from today.
-    localtime_r(&now, &fields);
-    if (!strptime(nimbrelc_utils_empty_if_null_json(get_config_item(activation_date_path)),
-                  "%FT%TZ", &fields)) {
-        // strptime() itself sets no error.
+    const std::optional<time_t> date =
+        parse_datetime_as_of(get_config_text(activation_date_path), timer_now());
+    if (!date) {
+        // The parser itself sets no error.
         LOG_ERROR("strptime failed to parse the date: %s", strerror(EINVAL));
         return std::nullopt;
     }
-    const time_t date = mktime(&fields);
     // A date that the box's 32-bit clock cannot hold cannot be converted there either.
-    if (date == -1 || date < std::numeric_limits<int32_t>::min() ||
-        date > std::numeric_limits<int32_t>::max()) {
+    if (*date == -1 || *date < std::numeric_limits<int32_t>::min() ||
+        *date > std::numeric_limits<int32_t>::max()) {
         return std::nullopt;
     }
     return date;
@@ -277,7 +255,7 @@ bool continue_activation() {
         return false;
     }
     const std::optional<int32_t> remaining =
-        ssh_remaining_seconds(*date, effective_duration(), time(nullptr), is_release());
+        ssh_remaining_seconds(*date, effective_duration(), timer_now(), is_release());
     if (!remaining) {
         LOG_INFO("It's after the deadline, just cleanup the configuration");
         // kept: the server is not stopped here.
@@ -347,7 +325,7 @@ bool ssh_set_activation_duration(const message_bus_arg &value, message_bus_reque
     }
     const uint32_t minutes =
         is_release() ? std::min(value.word, ssh_max_release_minutes) : value.word;
-    store(activation_duration_path, cJSON_CreateNumber(minutes));
+    set_config_item(activation_duration_path, json_ptr(cJSON_CreateNumber(minutes)));
     const bool applied = ssh_configure(loop) && nimbrelc_config_save();
     return message_bus_send_bool_reply(std::move(request), applied);
 }

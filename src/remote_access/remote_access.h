@@ -1,6 +1,4 @@
-// Remote access by SSH for a limited time: the server runs, a key is installed and an external port
-// of the gateway is forwarded to it. The activation's start is kept in the configuration, so that
-// it goes on, or ends, across a restart of the daemon.
+// The door of remote access: SSH for a limited time, and the VPN server.
 #pragma once
 
 #include <event2/event.h>
@@ -24,3 +22,18 @@ bool ssh_set_activation_duration(const message_bus_arg &value, message_bus_reque
 
 // Sets the forwarding when SSH is enabled, deletes it otherwise.
 bool ssh_update_port_forwarding();
+
+// Checks the "vpn" section of the configuration, serves the bus methods and restarts the server.
+bool vpn_start(event_base *base);
+
+// Stops the daemons and the firewall; the result is the firewall's. The methods stay served.
+bool vpn_stop();
+
+// Stops the daemons, writes their configuration anew and starts them if they are switched on.
+bool vpn_restart();
+
+// Data-model hook of both switches: starts or stops the daemons.
+bool vpn_after_set_enable(event_base *base);
+
+// Data-model hook: applies the firewall mode.
+bool vpn_after_set_voip_calls_block_enable(event_base *base);
