@@ -35,7 +35,7 @@ void switch_identity() {
             LOG_WARN("No variable %s in env. Skipped setting.", row.variable);
             continue;
         }
-        // Kept: no validation, a text that is no number is id 0.
+        // kept: no validation, a text that is no number is id 0.
         if (row.set(static_cast<unsigned int>(atoi(value))) == -1) {
             LOG_WARN("Failed to set %s to %s: %s", row.variable, value, strerror(errno));
             exit(1);
