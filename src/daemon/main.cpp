@@ -89,7 +89,7 @@ int serve() {
         return 1;
     }
     LOG_INFO("Services started successfully");
-    // An error or a loop without events; the services are deliberately not stopped.
+    // An error, or a loop without events. kept: the services are not stopped then.
     if (event_base_dispatch(loop) != 0) {
         return 1;
     }

@@ -124,8 +124,7 @@ bool provisioning_state_setter(const message_bus_arg &value, message_bus_request
     return replied;
 }
 
-// --- The table, searched front to back. Rows with a key but without the flag are not writable on
-// purpose.
+// --- The table, searched front to back. kept: not every row with a key is writable.
 
 constexpr datamodel_handler handlers[] = {
     {.name = "Device.DeviceInfo.SoftwareVersion",
