@@ -7,8 +7,7 @@
 #include "common/msg_bus/message_bus.h"
 #include "daemon/nimbrelc.h"
 #include "platform/lcd.h"
-#include "remote_access/ssh.h"
-#include "remote_access/vpn.h"
+#include "remote_access/remote_access.h"
 
 namespace {
 

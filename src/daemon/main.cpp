@@ -11,7 +11,7 @@
 
 #include "common/logger.h"
 #include "daemon/nimbrelc.h"
-#include "migration/nimbrelc_migration.h"
+#include "migration/migration.h"
 
 namespace {
 

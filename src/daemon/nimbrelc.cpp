@@ -11,18 +11,11 @@
 #include "common/msg_bus/message_bus.h"
 #include "config/config.h"
 #include "datamodel/datamodel.h"
-#include "disks/device_request_handler.h"
-#include "disks/removable_devices_manager.h"
-#include "maintenance/backup.h"
-#include "maintenance/segfault.h"
-#include "maintenance/syslog_utils.h"
-#include "maintenance/upgrade_config.h"
+#include "disks/disks.h"
+#include "maintenance/maintenance.h"
 #include "platform/lcd.h"
-#include "remote_access/ssh.h"
-#include "remote_access/vpn.h"
-#include "sharing/dlna_manager.h"
-#include "sharing/file_services_manager.h"
-#include "sharing/file_services_request_handler.h"
+#include "remote_access/remote_access.h"
+#include "sharing/sharing.h"
 
 namespace {
 

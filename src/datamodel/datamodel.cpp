@@ -13,13 +13,10 @@
 #include "datamodel/datamodel_device.h"
 #include "datamodel/datamodel_handler.h"
 #include "datamodel/datamodel_storage.h"
-#include "maintenance/segfault.h"
-#include "maintenance/serial_console.h"
-#include "maintenance/syslog_utils.h"
+#include "maintenance/maintenance.h"
 #include "platform/launch.h"
 #include "platform/launch_escape.h"
-#include "remote_access/ssh.h"
-#include "remote_access/vpn.h"
+#include "remote_access/remote_access.h"
 
 namespace {
 
