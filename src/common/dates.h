@@ -1,4 +1,4 @@
-// Date-times in the form "%FT%TZ", which deliberately holds local time behind a literal "Z".
+// Date-times in the form "%FT%TZ". kept: it is local time that stands before the literal "Z".
 #pragma once
 
 #include <ctime>

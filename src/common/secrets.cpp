@@ -58,6 +58,14 @@ const unsigned char *bytes_of(std::string_view text) {
     return reinterpret_cast<const unsigned char *>(text.data());
 }
 
+// The library's text for its latest error; forgets it and the earlier ones.
+std::string crypto_error() {
+    char text[256];
+    ERR_error_string_n(ERR_peek_last_error(), text, sizeof text);
+    ERR_clear_error();
+    return text;
+}
+
 bool derive_key(secret_key &key, std::string_view passphrase, const unsigned char *salt) {
     if (PKCS5_PBKDF2_HMAC_SHA1(passphrase.data(), static_cast<int>(passphrase.size()), salt,
                                salt_size, key_iterations, sizeof key.bytes, key.bytes) != 1) {
@@ -76,20 +84,12 @@ bio_ptr push_base64(bio_ptr filter, bio_ptr memory) {
 
 }  // namespace
 
-std::string nimbrelc_utils_crypto_error() {
-    char text[256];
-    ERR_error_string_n(ERR_peek_last_error(), text, sizeof text);
-    ERR_clear_error();
-    return text;
-}
-
 std::optional<std::string> nimbrelc_utils_run_cipher(
     const char *category, cipher_direction direction, const EVP_CIPHER *cipher,
     const unsigned char *key, const unsigned char *iv, std::string_view data) {
     const bool encrypt = direction == cipher_direction::encrypt;
     const auto fail = [category](const char *format) {
-        _log(category, LOG_LEVEL_ERROR, __FILE__, __LINE__, format,
-             nimbrelc_utils_crypto_error().c_str());
+        _log(category, LOG_LEVEL_ERROR, __FILE__, __LINE__, format, crypto_error().c_str());
         return std::nullopt;
     };
     const cipher_ptr context(EVP_CIPHER_CTX_new());
@@ -124,7 +124,7 @@ std::optional<std::string> nimbrelc_utils_encrypt_data(std::string_view data,
     unsigned char *iv = salt + salt_size;
 
     if (RAND_bytes(salt, salt_size) != 1) {
-        LOG_ERROR("RAND_bytes for salt failed: %s", nimbrelc_utils_crypto_error().c_str());
+        LOG_ERROR("RAND_bytes for salt failed: %s", crypto_error().c_str());
         return std::nullopt;
     }
     secret_key key;
@@ -132,7 +132,7 @@ std::optional<std::string> nimbrelc_utils_encrypt_data(std::string_view data,
         return std::nullopt;
     }
     if (RAND_bytes(iv, iv_size) != 1) {
-        LOG_ERROR("RAND_bytes for iv failed: %s", nimbrelc_utils_crypto_error().c_str());
+        LOG_ERROR("RAND_bytes for iv failed: %s", crypto_error().c_str());
         return std::nullopt;
     }
     const auto cipher_text = nimbrelc_utils_run_cipher(log_category, cipher_direction::encrypt,
@@ -148,7 +148,7 @@ std::optional<std::string> nimbrelc_utils_decrypt_data(std::string_view blob,
     if (blob.size() < header_size) {
         // Ends as a blob does whose cipher text was cut off.
         ERR_raise(ERR_LIB_EVP, EVP_R_WRONG_FINAL_BLOCK_LENGTH);
-        LOG_ERROR("EVP_DecryptFinal_ex failed: %s", nimbrelc_utils_crypto_error().c_str());
+        LOG_ERROR("EVP_DecryptFinal_ex failed: %s", crypto_error().c_str());
         return std::nullopt;
     }
     secret_key key;

@@ -36,6 +36,3 @@ enum class cipher_direction { encrypt, decrypt };
 std::optional<std::string> nimbrelc_utils_run_cipher(
     const char *category, cipher_direction direction, const EVP_CIPHER *cipher,
     const unsigned char *key, const unsigned char *iv, std::string_view data);
-
-// The crypto library's text for its latest error; forgets it and the earlier ones.
-std::string nimbrelc_utils_crypto_error();

@@ -19,6 +19,14 @@ const char *nimbrelc_utils_empty_if_null(const char *text) {
     return text == nullptr ? "" : text;
 }
 
+std::string nimbrelc_utils_printable(std::string_view value) {
+    std::string result(value);
+    std::replace_if(
+        result.begin(), result.end(),
+        [](char c) { return static_cast<unsigned char>(c) < 0x20 || c == 0x7F; }, '_');
+    return result;
+}
+
 std::optional<std::string> nimbrelc_utils_escape_quotes(const char *text) {
     if (text == nullptr) {
         return std::nullopt;
@@ -79,12 +87,4 @@ std::optional<std::string> copy_trim_str(const char *text) {
         view.remove_suffix(1);
     }
     return std::string(view);
-}
-
-std::string nimbrelc_utils_printable(std::string_view value) {
-    std::string result(value);
-    std::replace_if(
-        result.begin(), result.end(),
-        [](char c) { return static_cast<unsigned char>(c) < 0x20 || c == 0x7F; }, '_');
-    return result;
 }

@@ -9,6 +9,11 @@
 bool nimbrelc_utils_is_null_or_empty(const char *text);
 const char *nimbrelc_utils_empty_if_null(const char *text);
 
+// The value as it may stand in a generated file: each control character becomes "_".
+std::string nimbrelc_utils_printable(std::string_view value);
+
+// kept: for programs that embed this module; nothing here calls the following five.
+
 // Every double quote gets a backslash before it; nothing for null.
 std::optional<std::string> nimbrelc_utils_escape_quotes(const char *text);
 
@@ -27,6 +32,3 @@ std::optional<std::string> copy_substring(const char *text, size_t first, size_t
 
 // Without leading and trailing white space; nothing for null.
 std::optional<std::string> copy_trim_str(const char *text);
-
-// The value as it may stand in a generated file: each control character becomes "_".
-std::string nimbrelc_utils_printable(std::string_view value);

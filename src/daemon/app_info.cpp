@@ -1,13 +1,17 @@
-#include "daemon/app_info.h"
+// The daemon's sign of life on the bus.
+#include <utility>
 
 #include "common/json.h"
 #include "common/json_ptr.h"
 #include "common/msg_bus/message_bus.h"
+#include "daemon/nimbrelc.h"
 
 namespace {
 
-// Kept: the status is a text here, unlike the numbers of the other web replies.
-void get_application_status_callback(int32_t, const message_bus_arg *,
+constexpr const char *log_category = "app_info";
+
+// kept: the status is a text here, unlike the numbers of the other web replies.
+void get_application_status_callback(int32_t /*argc*/, const message_bus_arg * /*args*/,
                                      message_bus_request request) {
     const json_ptr status(cJSON_CreateObject());
     cJSON_AddStringToObject(status.get(), "status", "STARTED");
@@ -16,11 +20,17 @@ void get_application_status_callback(int32_t, const message_bus_arg *,
     }
 }
 
+constexpr message_bus_method methods[] = {
+    {.path = "/ws/core/info",
+     .interface = "com.kelvanto.nimbrel.app",
+     .member = "getApplicationStatus",
+     .handler = get_application_status_callback},
+};
+
 }  // namespace
 
-bool app_info_start(event_base *) {
-    return message_bus_add_method_listener("/ws/core/info", "com.kelvanto.nimbrel.app",
-                                           "getApplicationStatus", get_application_status_callback);
+bool app_info_start(event_base * /*base*/) {
+    return message_bus_add_methods(log_category, methods);
 }
 
 bool app_info_stop() {

@@ -1,10 +1,11 @@
-#include "daemon/dbus_signals.h"
-
+// Reacts to signals of other services of the box: a new WAN address, and the begin and end of a
+// firmware upgrade.
 #include <algorithm>
 #include <iterator>
 
 #include "common/logger.h"
 #include "common/msg_bus/message_bus.h"
+#include "daemon/nimbrelc.h"
 #include "platform/lcd.h"
 #include "remote_access/remote_access.h"
 

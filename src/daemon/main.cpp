@@ -35,7 +35,7 @@ void switch_identity() {
             LOG_WARN("No variable %s in env. Skipped setting.", row.variable);
             continue;
         }
-        // Kept: no validation, a text that is no number is id 0.
+        // kept: no validation, a text that is no number is id 0.
         if (row.set(static_cast<unsigned int>(atoi(value))) == -1) {
             LOG_WARN("Failed to set %s to %s: %s", row.variable, value, strerror(errno));
             exit(1);
@@ -89,7 +89,7 @@ int serve() {
         return 1;
     }
     LOG_INFO("Services started successfully");
-    // An error or a loop without events; the services are deliberately not stopped.
+    // An error, or a loop without events. kept: the services are not stopped then.
     if (event_base_dispatch(loop) != 0) {
         return 1;
     }

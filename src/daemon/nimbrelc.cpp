@@ -10,8 +10,6 @@
 #include "common/logger.h"
 #include "common/msg_bus/message_bus.h"
 #include "config/config.h"
-#include "daemon/app_info.h"
-#include "daemon/dbus_signals.h"
 #include "datamodel/datamodel.h"
 #include "disks/disks.h"
 #include "maintenance/maintenance.h"
@@ -29,7 +27,7 @@ struct service {
     bool (*stop)();
 };
 
-// Kept: stopping runs in the order of starting too.
+// kept: stopping runs in the order of starting too.
 constexpr service services[] = {
     {"removable_devices_manager", removable_devices_manager_start, removable_devices_manager_stop},
     {"device_request_handler", device_request_handler_start, device_request_handler_stop},

@@ -9,3 +9,11 @@ bool nimbrelc_start(event_base *loop);
 
 // Stops every service and releases the configuration; true only if all of it succeeded.
 bool nimbrelc_stop();
+
+// Two small services of the table, which need no header of their own: the sign of life on the bus,
+// and what the daemon does on other services' signals. Starting fails when a listener cannot be
+// added; stopping leaves the listeners as they are.
+bool app_info_start(event_base *loop);
+bool app_info_stop();
+bool dbus_signals_start(event_base *loop);
+bool dbus_signals_stop();

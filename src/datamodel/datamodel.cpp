@@ -11,6 +11,7 @@
 #include "common/logger.h"
 #include "config/config.h"
 #include "datamodel/datamodel_device.h"
+#include "datamodel/datamodel_handler.h"
 #include "datamodel/datamodel_storage.h"
 #include "maintenance/maintenance.h"
 #include "platform/launch.h"
@@ -26,6 +27,8 @@ event_base *loop = nullptr;
 
 // --- Values in the configuration
 
+// kept: the keys of the table are words, most of them behind a blank, and stand so in the log. A
+// blank at the beginning changes nothing: empty parts of a path are skipped.
 std::string config_path(const char *config_key) {
     std::string path = config_key;
     std::replace(path.begin(), path.end(), ' ', '.');
@@ -43,7 +46,7 @@ json_ptr new_item(const cJSON *item, const message_bus_arg &value) {
             break;
         case MB_ARG_UINT32:
         case MB_ARG_INT32:
-            // Kept: a signed value is read as an unsigned one, -1 becomes 4294967295. The item's
+            // kept: a signed value is read as an unsigned one, -1 becomes 4294967295. The item's
             // integer copy, which everybody reads, stops at the largest signed integer.
             if (cJSON_IsNumber(item)) {
                 taken = cJSON_CreateNumber(value.word);
@@ -63,8 +66,8 @@ json_ptr new_item(const cJSON *item, const message_bus_arg &value) {
 // Writes a value of the item's own kind and saves the document. A failed save leaves the memory
 // changed.
 bool write_config(const char *config_key, const message_bus_arg &value) {
-    const std::string path = config_path(config_key);
-    const cJSON *item = get_config_item(path.c_str());
+    const std::string item_path = config_path(config_key);
+    const cJSON *item = get_config_item(item_path.c_str());
     if (item == nullptr) {
         LOG_WARN("Cannot find object for key %s", config_key);
         return false;
@@ -74,8 +77,7 @@ bool write_config(const char *config_key, const message_bus_arg &value) {
         LOG_WARN("Argument type mismatch when setting value for key %s", config_key);
         return false;
     }
-    return nimbrelc_utils_replace_json_object(get_config_root(), path, std::move(changed)) &&
-           nimbrelc_config_save();
+    return set_config_item(item_path.c_str(), std::move(changed)) && nimbrelc_config_save();
 }
 
 // --- Provisioning state
@@ -119,8 +121,7 @@ bool provisioning_state_setter(const message_bus_arg &value, message_bus_request
     return replied;
 }
 
-// --- The table, searched front to back. Rows with a key but without the flag are not writable on
-// purpose.
+// --- The table, searched front to back. kept: not every row with a key is writable.
 
 constexpr datamodel_handler handlers[] = {
     {.name = "Device.DeviceInfo.SoftwareVersion",
@@ -245,12 +246,8 @@ constexpr datamodel_handler handlers[] = {
 
 // --- The three methods
 
-void get_value_callback(int32_t argc, const message_bus_arg *args, message_bus_request request) {
-    if (!message_bus_validate_params(request, argc, args, {MB_ARG_STRING})) {
-        LOG_WARN("Bad args passed to get_value_callback");
-        message_bus_send_no_reply(std::move(request));
-        return;
-    }
+void get_value_callback(int32_t /*argc*/, const message_bus_arg *args,
+                        message_bus_request request) {
     const char *key = args[0].string;
     const datamodel_handler *handler = find_handler(key, nullptr);
     if (handler == nullptr) {
@@ -266,7 +263,10 @@ void get_value_callback(int32_t argc, const message_bus_arg *args, message_bus_r
     }
 }
 
+// kept: its failures to set are logged as failures to get.
 void set_value_callback(int32_t argc, const message_bus_arg *args, message_bus_request request) {
+    // kept: checked here, since the value may be of any type, and the log does not say what is
+    // wrong.
     if (argc != 2 || args[0].type != MB_ARG_STRING) {
         LOG_WARN("Bad args passed to set_value_callback");
         message_bus_send_bool_reply(std::move(request), false);
@@ -292,7 +292,7 @@ void set_value_callback(int32_t argc, const message_bus_arg *args, message_bus_r
         message_bus_send_bool_reply(std::move(request), false);
         return;
     }
-    // Kept: also after a value that was refused.
+    // kept: also after a value that was refused.
     if (handler->after_set != nullptr && !handler->after_set(loop)) {
         LOG_ERROR("Failed to apply value for key %s", key);
     }
@@ -302,6 +302,7 @@ void get_object_callback(int32_t argc, const message_bus_arg *args, message_bus_
     const char *key = "";
     uint32_t index = 0;
     const datamodel_handler *handler = nullptr;
+    // kept: checked here, since a refusal is logged a second time below, as an empty key.
     if (message_bus_validate_params(request, argc, args, {MB_ARG_STRING})) {
         key = args[0].string;
         handler = find_handler(key, &index);
@@ -318,27 +319,25 @@ void get_object_callback(int32_t argc, const message_bus_arg *args, message_bus_
     }
 }
 
-constexpr struct {
-    const char *member;
-    message_bus_method_handler handler;
-} methods[] = {
-    {"GetValue", get_value_callback},
-    {"SetValue", set_value_callback},
-    {"GetObject", get_object_callback},
+constexpr const char *path = "/com/kelvanto/nimbrel";
+constexpr const char *interface = "com.kelvanto.nimbrel.datamodel";
+constexpr message_bus_method methods[] = {
+    {.path = path,
+     .interface = interface,
+     .member = "GetValue",
+     .handler = get_value_callback,
+     .args = "s",
+     .refusal_text = "Bad args passed to get_value_callback",
+     .refusal = message_bus_refusal::empty_reply},
+    {.path = path, .interface = interface, .member = "SetValue", .handler = set_value_callback},
+    {.path = path, .interface = interface, .member = "GetObject", .handler = get_object_callback},
 };
 
 }  // namespace
 
 bool datamodel_start(event_base *base) {
     loop = base;
-    for (const auto &method : methods) {
-        if (!message_bus_add_method_listener("/com/kelvanto/nimbrel",
-                                             "com.kelvanto.nimbrel.datamodel", method.member,
-                                             method.handler)) {
-            return false;
-        }
-    }
-    return push_provisioning_state();
+    return message_bus_add_methods(log_category, methods) && push_provisioning_state();
 }
 
 bool datamodel_stop() {

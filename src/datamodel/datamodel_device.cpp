@@ -34,14 +34,6 @@ std::optional<ifreq> ask_interface(unsigned long question) {
     return answered ? std::optional(data) : std::nullopt;
 }
 
-// Keeps the request until another service has answered.
-message_bus_reply_ctx_cb answer_later(const message_bus_request &request,
-                                      message_bus_method_handler answer) {
-    return [context = request.share(), answer](int32_t argc, const message_bus_arg *args) mutable {
-        answer(argc, args, std::move(context));
-    };
-}
-
 void bootloader_version_callback(int32_t argc, const message_bus_arg *args,
                                  message_bus_request request) {
     if (argc == 3 && args[2].type == MB_ARG_STRING) {
@@ -59,11 +51,10 @@ void disk_sleep_callback(int32_t argc, const message_bus_arg *args, message_bus_
     }
 }
 
-bool call_disk_sleep(const message_bus_request &request, const char *method,
+bool call_disk_sleep(message_bus_request &request, const char *method,
                      std::initializer_list<message_bus_arg> args) {
-    return message_bus_call_method_with_args("com.kelvanto.ddm", "/sleep", "com.kelvanto.ddm",
-                                             method, answer_later(request, disk_sleep_callback),
-                                             args);
+    return message_bus_call_method_for_request("com.kelvanto.ddm", "/sleep", "com.kelvanto.ddm",
+                                               method, request, disk_sleep_callback, args);
 }
 
 }  // namespace
@@ -104,9 +95,9 @@ void datamodel_lan_mac_getter(message_bus_request request) {
 }
 
 void datamodel_bootloader_version_getter(message_bus_request request) {
-    if (!message_bus_call_method_with_context("com.kelvanto.hardware", "/info",
-                                              "com.kelvanto.systemcalls", "HardwareInfoRequest",
-                                              answer_later(request, bootloader_version_callback))) {
+    if (!message_bus_call_method_for_request("com.kelvanto.hardware", "/info",
+                                             "com.kelvanto.systemcalls", "HardwareInfoRequest",
+                                             request, bootloader_version_callback, {})) {
         message_bus_send_no_reply(std::move(request));
     }
 }

@@ -1,5 +1,6 @@
-// One row of the data model and the shapes of the functions behind it. Getters and setters answer
-// their request themselves, some of them later.
+// One parameter of the data model and the shapes of the functions behind it: a configuration key, a
+// function of this daemon or a question to another bus service. Getters and setters answer their
+// request themselves, some of them later.
 #pragma once
 
 #include <event2/event.h>
@@ -31,3 +32,12 @@ struct datamodel_handler {
     int32_t reply_type = 0;        // of a number from the configuration; 0 is MB_ARG_INT32
     bool config_writable = false;  // SetValue may write `config_key`
 };
+
+// The row of parameter `key`, or null. With `index` (may be null) the indexed families are searched
+// too and the number in the name is stored there; whatever follows the number is not looked at.
+const datamodel_handler *find_handler(const char *key, uint32_t *index);
+
+// Answers with the configuration's value, a number as argument type `reply_type`; with an empty
+// reply when there is no such value.
+bool send_value_from_config(const char *config_key, int32_t reply_type,
+                            message_bus_request request);

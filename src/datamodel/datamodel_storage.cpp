@@ -3,7 +3,6 @@
 #include <strings.h>
 
 #include <cmath>
-#include <memory>
 #include <string_view>
 #include <utility>
 
@@ -19,7 +18,7 @@ constexpr const char *log_category = "datamodel";
 // --- The disk daemon's lists
 
 struct list_source {
-    bool (*ask)(message_bus_reply_ctx_cb reply);
+    bool (*ask)(message_bus_request &request, message_bus_answer answer);
     const char *not_asked;
     const char *bad_reply;
 };
@@ -58,10 +57,6 @@ bool is_any(const cJSON * /*record*/) {
     return true;
 }
 
-bool is_mounted(const cJSON *partition) {
-    return !is_text(partition, "mount_point", "");
-}
-
 bool is_usb_storage(const cJSON *device) {
     return is_text(device, "device_type", "STORAGE") && is_text(device, "connection_type", "USB");
 }
@@ -75,14 +70,14 @@ struct counter {
     const char *number_format;
     const list_source &source;
     bool (*counts)(const cJSON *record);
-    int32_t reply_type;  // the mixed types are intended
+    int32_t reply_type;  // kept: of three kinds
 };
 constexpr counter media_counter = {"physical_medium_number_of_entries_getter: %s",
                                    "physical_medium_number_of_entries_getter: %d", device_list,
                                    is_any, MB_ARG_UINT32};
 constexpr counter volume_counter = {"logical_volume_number_of_entries_getter: %s",
                                     "logical_volume_number_of_entries_getter: %d", partition_list,
-                                    is_mounted, MB_ARG_UINT32};
+                                    disk_record_is_mounted, MB_ARG_UINT32};
 constexpr counter usb_counter = {"usb_storage_devices_count_getter: %s",
                                  "usb_storage_devices_count_getter: %d", device_list,
                                  is_usb_storage, MB_ARG_INT32};
@@ -110,8 +105,8 @@ void answer_count(const counter &row, int32_t argc, const message_bus_arg *args,
 void get_count(const counter &row, message_bus_request request) {
     LOG_INFO(row.text_format, "start");
     const bool asked = row.source.ask(
-        [&row, context = request.share()](int32_t argc, const message_bus_arg *args) mutable {
-            answer_count(row, argc, args, std::move(context));
+        request, [&row](int32_t argc, const message_bus_arg *args, message_bus_request waiting) {
+            answer_count(row, argc, args, std::move(waiting));
         });
     if (!asked) {
         LOG_ERROR(row.text_format, row.source.not_asked);
@@ -121,93 +116,73 @@ void get_count(const counter &row, message_bus_request request) {
 
 // --- One medium or volume
 
-struct medium_context;
-using medium_builder = bool (*)(medium_context &context);
-
-// One request for a medium or volume while the lists are on their way.
-struct medium_context {
-    message_bus_request request;
-    uint32_t index;
-    medium_builder builder;  // answers, or logs and gives false
-    json_ptr devices;
-    json_ptr partitions;
+struct object_row {
+    const char *text_format;
+    // The object as text; none, and logged, when there is no such object.
+    std::optional<std::string> (*build)(const cJSON *devices, const cJSON *partitions,
+                                        uint32_t index);
 };
-using medium_context_ptr = std::shared_ptr<medium_context>;
+constexpr object_row physical_medium = {"physical_medium_getter: %s", build_physical_medium};
+constexpr object_row logical_volume = {"logical_volume_getter: %s", build_logical_volume};
 
 constexpr const char *reading_format = "read_devices_and_partitions: %s";
 
-void send_failure(medium_context &context, const char *reason) {
+void send_failure(message_bus_request request, const char *reason) {
     LOG_ERROR(reading_format, reason);
-    message_bus_send_no_reply(std::move(context.request));
+    message_bus_send_no_reply(std::move(request));
 }
 
-void partitions_arrived(medium_context &context, int32_t argc, const message_bus_arg *args) {
-    context.partitions = read_list(partition_list, reading_format, argc, args);
-    if (!context.partitions) {
-        message_bus_send_no_reply(std::move(context.request));
-    } else if (context.builder == nullptr) {
-        send_failure(context, "no callback method");
-    } else if (!context.builder(context)) {
-        send_failure(context, "callback error");
-    } else {
-        LOG_INFO(reading_format, "end");
-    }
-}
-
-void devices_arrived(const medium_context_ptr &context, int32_t argc, const message_bus_arg *args) {
-    context->devices = read_list(device_list, reading_format, argc, args);
-    if (!context->devices) {
-        message_bus_send_no_reply(std::move(context->request));
+void answer_object(const object_row &row, uint32_t index, const cJSON *devices,
+                   const cJSON *partitions, message_bus_request request) {
+    if (row.build == nullptr) {  // kept: no row is without
+        send_failure(std::move(request), "no callback method");
         return;
     }
-    const bool asked = partition_list.ask([context](int32_t count, const message_bus_arg *values) {
-        partitions_arrived(*context, count, values);
-    });
-    if (!asked) {
-        send_failure(*context, partition_list.not_asked);
-    }
-}
-
-void read_devices_and_partitions(const char *text_format, message_bus_request request,
-                                 uint32_t index, medium_builder builder) {
-    LOG_INFO(text_format, "start");
-    const auto context = std::make_shared<medium_context>(
-        medium_context{std::move(request), index, builder, nullptr, nullptr});
-    const bool asked = device_list.ask([context](int32_t argc, const message_bus_arg *args) {
-        devices_arrived(context, argc, args);
-    });
-    if (!asked) {
-        LOG_ERROR(reading_format, device_list.not_asked);
-        LOG_ERROR(text_format, "error on read_devices_and_partitions");
-        message_bus_send_no_reply(std::move(context->request));
-    }
-}
-
-constexpr const char *medium_format = "physical_medium_getter: %s";
-constexpr const char *volume_format = "logical_volume_getter: %s";
-
-bool send_text(const char *text_format, const std::optional<std::string> &text,
-               message_bus_request &request) {
+    const std::optional<std::string> text = row.build(devices, partitions, index);
     if (!text) {
-        return false;
+        send_failure(std::move(request), "callback error");
+        return;
     }
     message_bus_send_string_reply(std::move(request), text->c_str());
-    LOG_INFO(text_format, "end");
-    return true;
+    LOG_INFO(row.text_format, "end");
+    LOG_INFO(reading_format, "end");
 }
 
-bool physical_medium_builder(medium_context &context) {
-    return send_text(
-        medium_format,
-        build_physical_medium(context.devices.get(), context.partitions.get(), context.index),
-        context.request);
+// The second question, once the devices are known.
+void ask_partitions(const object_row &row, uint32_t index, json_ptr devices,
+                    message_bus_request request) {
+    const bool asked = partition_list.ask(
+        request, [&row, index, devices = std::move(devices)](
+                     int32_t argc, const message_bus_arg *args, message_bus_request waiting) {
+            const json_ptr partitions = read_list(partition_list, reading_format, argc, args);
+            if (partitions) {
+                answer_object(row, index, devices.get(), partitions.get(), std::move(waiting));
+            } else {
+                message_bus_send_no_reply(std::move(waiting));
+            }
+        });
+    if (!asked) {
+        send_failure(std::move(request), partition_list.not_asked);
+    }
 }
 
-bool logical_volume_builder(medium_context &context) {
-    return send_text(
-        volume_format,
-        build_logical_volume(context.devices.get(), context.partitions.get(), context.index),
-        context.request);
+void get_object(const object_row &row, uint32_t index, message_bus_request request) {
+    LOG_INFO(row.text_format, "start");
+    const bool asked = device_list.ask(
+        request,
+        [&row, index](int32_t argc, const message_bus_arg *args, message_bus_request waiting) {
+            json_ptr devices = read_list(device_list, reading_format, argc, args);
+            if (devices) {
+                ask_partitions(row, index, std::move(devices), std::move(waiting));
+            } else {
+                message_bus_send_no_reply(std::move(waiting));
+            }
+        });
+    if (!asked) {
+        LOG_ERROR(reading_format, device_list.not_asked);
+        LOG_ERROR(row.text_format, "error on read_devices_and_partitions");
+        message_bus_send_no_reply(std::move(request));
+    }
 }
 
 // Whole units of 1024. A number that is none, as JSON allows by its size, counts as 0.
@@ -227,7 +202,7 @@ const cJSON *find_mounted(const cJSON *partitions, uint32_t index) {
     uint32_t position = 0;
     const cJSON *partition = nullptr;
     cJSON_ArrayForEach(partition, partitions) {
-        if (is_mounted(partition) && ++position == index) {
+        if (disk_record_is_mounted(partition) && ++position == index) {
             return partition;
         }
     }
@@ -266,11 +241,11 @@ void sd_card_present_getter(message_bus_request request) {
 }
 
 void physical_medium_getter(message_bus_request request, uint32_t index, const char * /*key*/) {
-    read_devices_and_partitions(medium_format, std::move(request), index, physical_medium_builder);
+    get_object(physical_medium, index, std::move(request));
 }
 
 void logical_volume_getter(message_bus_request request, uint32_t index, const char * /*key*/) {
-    read_devices_and_partitions(volume_format, std::move(request), index, logical_volume_builder);
+    get_object(logical_volume, index, std::move(request));
 }
 
 bool logical_volume_name_setter(const message_bus_arg &value, message_bus_request request,
@@ -286,7 +261,7 @@ bool logical_volume_name_setter(const message_bus_arg &value, message_bus_reques
 }
 
 std::string file_system_name(const char *type) {
-    // "HSFJ" is the agent's own spelling.
+    // kept: the spelling of "HSFJ".
     static constexpr const char *names[] = {"FAT16", "FAT32", "NTFS", "HFS", "HFS+",
                                             "HSFJ",  "ext2",  "ext3", "XFS", "REISER"};
     for (const char *name : names) {
@@ -326,7 +301,7 @@ std::optional<std::string> build_physical_medium(const cJSON *devices, const cJS
     cJSON_AddTrueToObject(entry.get(), "Removable");
     cJSON_AddStringToObject(entry.get(), "Status", "Online");
     add_capacity(entry.get(), "Capacity", capacity);
-    return print_entry(entry.get(), medium_format);
+    return print_entry(entry.get(), physical_medium.text_format);
 }
 
 std::optional<std::string> build_logical_volume(const cJSON *devices, const cJSON *partitions,
@@ -338,12 +313,12 @@ std::optional<std::string> build_logical_volume(const cJSON *devices, const cJSO
     }
     const char *disk_syspath = nimbrelc_utils_get_json_text(partition, "disk_syspath");
     if (disk_syspath[0] == '\0') {
-        LOG_ERROR(volume_format, "undefined disk syspath");
+        LOG_ERROR(logical_volume.text_format, "undefined disk syspath");
         return std::nullopt;
     }
     const int device = find_device(devices, disk_syspath);
     if (device == 0) {
-        LOG_ERROR(volume_format, "cannot find device for volume");
+        LOG_ERROR(logical_volume.text_format, "cannot find device for volume");
         return std::nullopt;
     }
     const double capacity = number_of(partition, "capacity");
@@ -359,5 +334,5 @@ std::optional<std::string> build_logical_volume(const cJSON *devices, const cJSO
         file_system_name(nimbrelc_utils_get_json_text(partition, "type")).c_str());
     add_capacity(entry.get(), "Capacity", capacity);
     add_capacity(entry.get(), "UsedSpace", capacity - number_of(partition, "free"));
-    return print_entry(entry.get(), volume_format);
+    return print_entry(entry.get(), logical_volume.text_format);
 }

@@ -61,7 +61,7 @@ void display_reply(int32_t argc, const message_bus_arg *args,
     } else {
         LOG_ERROR("DBus call to addEvent failed, we didn't get a valid ID in callback");
     }
-    // Kept: stored in every case, a second time under the same key and without an identifier too.
+    // kept: stored in every case, a second time under the same key and without an identifier too.
     stored_message_ids.push_back(std::move(message));
 }
 
@@ -71,7 +71,7 @@ void delete_reply(int32_t argc, const std::string &key) {
         LOG_ERROR("Requested to delete a non-existent message with key: \"%s\"", key.c_str());
         return;
     }
-    // Kept: forgotten whatever the display service answered.
+    // kept: forgotten whatever the display service answered.
     stored_message_ids.erase(message);
     LOG_INFO("Message with key: \"%s\" removed, dbus argc: %d", key.c_str(), argc);
 }
@@ -120,7 +120,7 @@ bool lcd_display_message(const char *key, int event, uint32_t number, bool first
     }
     const cJSON *languages = cJSON_GetObjectItem(locale_root.get(), lcd_event_get(event));
     if (!cJSON_IsObject(languages)) {
-        // Kept: the event is not named.
+        // kept: the event is not named.
         LOG_ERROR("Failed to find proper locale object for event id: ");
         return false;
     }

@@ -1,4 +1,4 @@
-#include "datamodel/datamodel.h"
+#include "datamodel/datamodel_handler.h"
 
 #include <gtest/gtest.h>
 
