@@ -11,6 +11,7 @@
 #include "common/json.h"
 #include "common/json_ptr.h"
 #include "common/logger.h"
+#include "config/config.h"
 
 class temporary_directory {
 public:
@@ -45,6 +46,31 @@ inline std::string content(const std::string &path) {
     std::ifstream file(path);
     return {std::istreambuf_iterator<char>(file), {}};
 }
+
+// The configuration document, read from a file of its own and gone with it.
+class stored_document {
+public:
+    explicit stored_document(const std::string &text) {
+        std::ofstream(path_) << text;
+        nimbrelc_config_load(path_.c_str());
+    }
+    ~stored_document() {
+        nimbrelc_config_free();
+    }
+    stored_document(const stored_document &) = delete;
+    stored_document &operator=(const stored_document &) = delete;
+
+    // What the file holds there, as text.
+    std::string saved(const char *item) const {
+        const json_ptr document = parse(content(path_));
+        const cJSON *found = nimbrelc_utils_get_json_object(document.get(), item, nullptr);
+        return nimbrelc_utils_print_json_unformatted(found).value_or("nothing");
+    }
+
+private:
+    const temporary_directory directory_;
+    const std::string path_ = directory_ / "document.json";
+};
 
 inline size_t open_descriptors() {
     using entries = std::filesystem::directory_iterator;

@@ -28,7 +28,7 @@ constexpr const char *getty_service = "s6-linux-init-early-getty";
 // Shared with the login program, which reads the file.
 constexpr const char *password_passphrase = "B8GBcnN13CrNBsDhuUs0ss6b3bREjn28";
 
-// Creates or removes a marker. Kept: creating one that is there succeeds, removing one that is not
+// Creates or removes a marker. kept: creating one that is there succeeds, removing one that is not
 // fails.
 bool update_marker(const char *path, bool present) {
     if (!present) {

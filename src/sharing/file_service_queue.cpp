@@ -82,7 +82,7 @@ void reload_check(file_service_queue &queue) {
     handle_pending_events(queue);
 }
 
-// The second half of a restart. Kept: after a failed start the pending events wait for the next
+// The second half of a restart. kept: after a failed start the pending events wait for the next
 // request.
 void continue_restart(file_service_queue &queue) {
     const file_service &service = queue.service;

@@ -1,5 +1,7 @@
-// The box as services see it, simulated: waits end when a test lets time pass, and the commands
-// that are run are recorded and answered as told. Takes the place of the timers and the launcher.
+// The box as services see it, simulated: waits end when a test lets time pass, the commands that
+// are run are recorded and answered as told, and three services that do what they are told stand
+// for Samba, AFP and Avahi. Takes the place of the timers, the launcher and the table of file
+// services.
 #pragma once
 
 #include <ctime>
@@ -9,8 +11,10 @@
 
 namespace simulated_box {
 
-// No time has passed, no timer runs, no command was run, every command succeeds and says nothing.
+// No time has passed, no timer runs, no command was run, every command succeeds and says nothing,
+// no service runs.
 void reset(time_t now = 1700000000);
+void reset_timers(time_t now);  // a part of it
 
 // Lets so many seconds pass: timers run down in the order of their ends.
 void pass(int seconds);
@@ -24,5 +28,15 @@ std::vector<std::string> take_commands();
 
 // What a command does: its exit code, and what it writes to `output`.
 extern std::function<int(const std::string &command, std::string &output)> run;
+
+struct service {
+    bool enabled = true;
+    bool running = false;
+    bool fails = false;  // its operations fail
+    bool deaf = false;   // they succeed and change nothing
+    std::string
+        done;  // "5+ 20- " for a start after 5 seconds and a stop after 20, "~" for a reload
+};
+extern service services[3];
 
 }  // namespace simulated_box

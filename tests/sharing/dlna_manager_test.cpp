@@ -1,0 +1,42 @@
+// How often an absent media server is asked, in simulated time.
+#include <gtest/gtest.h>
+
+#include "config/config.h"
+#include "helpers.h"
+#include "sharing/sharing.h"
+#include "simulated/simulated_box.h"
+
+namespace {
+
+TEST(dlna_manager, asks_an_absent_server_every_five_seconds) {
+    simulated_box::reset();
+    const stored_document document(
+        R"({"centralStorage": {"enabled": true}, "dlna": {"mediaStreamingEnabled": true}})");
+    const recorded_log log;
+    const auto asked = [] {
+        size_t count = 0;
+        for (size_t at = 0;
+             (at = recorded_log::text.find("DmsStreamingState", at)) != std::string::npos; ++at) {
+            ++count;
+        }
+        recorded_log::text.clear();
+        return count;
+    };
+    EXPECT_TRUE(dlna_manager_start(nullptr));  // no bus: every call fails
+    EXPECT_EQ(asked(), 1U);
+    simulated_box::pass(4);
+    EXPECT_EQ(asked(), 0U);
+    simulated_box::pass(11);
+    EXPECT_EQ(asked(), 3U);
+    // Each change is told at once, and one timer serves them all.
+    for (int i = 0; i < 100; ++i) {
+        dlna_manager_stop();
+        dlna_manager_start(nullptr);
+    }
+    EXPECT_EQ(asked(), 200U);
+    EXPECT_EQ(simulated_box::timers(), 1U);
+    simulated_box::pass(5);
+    EXPECT_EQ(asked(), 1U);
+}
+
+}  // namespace

@@ -1,0 +1,138 @@
+// When the file services are started, stopped, reloaded and restarted, in simulated time.
+#include "sharing/file_services_manager.h"
+
+#include <gtest/gtest.h>
+
+#include "config/config.h"
+#include "disks/disk_lists.h"
+#include "helpers.h"
+#include "sharing/sharing.h"
+#include "simulated/simulated_box.h"
+
+namespace {
+
+using simulated_box::pass;
+
+class file_services_manager : public testing::Test {
+protected:
+    void SetUp() override {
+        simulated_box::reset();
+        disk_lists_reset();
+        file_services_manager_start(nullptr);
+    }
+    // Nothing is pending for ever.
+    void TearDown() override {
+        pass(60);
+        EXPECT_EQ(simulated_box::timers(), 0U);
+    }
+
+    static void plug(const std::string &name) {
+        disk_lists_add_partition(
+            parse(R"({"syspath": ")" + name + R"(", "mount_point": "/media/)" + name + "\"}"));
+        file_services_manager_update_file_services();
+    }
+    static void unplug(const char *name) {
+        disk_lists_remove_partition(name);
+        file_services_manager_update_file_services();
+    }
+
+    const stored_document document{R"({"centralStorage": {"enabled": true}})"};
+    simulated_box::service &samba = simulated_box::services[0];
+    simulated_box::service &afp = simulated_box::services[1];
+    simulated_box::service &avahi = simulated_box::services[2];
+};
+
+TEST_F(file_services_manager, collapses_bursts_and_waits_for_the_action_before) {
+    plug("a");
+    pass(2);
+    plug("b");
+    pass(2);
+    EXPECT_EQ(samba.done, "");
+    pass(2);
+    plug("c");  // while the start is watched
+    pass(20);
+    EXPECT_EQ(samba.done, "5+ 11~ ");
+    EXPECT_EQ(afp.done, "5+ 18~ ");
+    plug("d");
+    pass(1);
+    unplug("d");
+    pass(60);
+    EXPECT_EQ(avahi.done, "5+ 11~ 30~ ");
+}
+
+TEST_F(file_services_manager, shares_a_disk_that_comes_back) {
+    plug("a");
+    pass(20);
+    unplug("a");
+    pass(10);  // the stop is verified after eight
+    plug("a");
+    pass(10);
+    EXPECT_EQ(samba.done, "3+ 23- 33+ ");
+    // Within the three seconds: the server starts again, for it may have held on to the old disk.
+    unplug("a");
+    pass(2);
+    plug("a");
+    pass(20);
+    EXPECT_EQ(samba.done, "3+ 23- 33+ 45- 50+ ");
+    EXPECT_TRUE(samba.running && afp.running && avahi.running);
+    // Gone and back while the stop is watched.
+    unplug("a");
+    pass(4);
+    plug("a");
+    pass(60);
+    EXPECT_EQ(samba.done, "3+ 23- 33+ 45- 50+ 65- 73+ ");
+}
+
+TEST_F(file_services_manager, restarts_and_stops_what_runs) {
+    samba.enabled = false;
+    plug("a");
+    pass(20);
+    file_services_manager_reload_file_services();
+    pass(20);
+    EXPECT_EQ(samba.done, "");
+    EXPECT_EQ(afp.done, "3+ 23- 28+ ");
+    EXPECT_EQ(avahi.done, "3+ 23- 28+ ");
+    // A stop that stops nothing ends the restart, and the next request finds the way free.
+    afp.deaf = true;
+    file_services_manager_reload_file_services();
+    pass(20);
+    afp.deaf = false;
+    file_services_manager_stop_file_services();
+    pass(60);
+    EXPECT_EQ(afp.done, "3+ 23- 28+ 43- 63- ");
+    EXPECT_EQ(avahi.done, "3+ 23- 28+ 43- 48+ 63- ");
+    // Neither does an action that fails block the way.
+    afp.fails = true;
+    plug("b");
+    pass(10);
+    afp.fails = false;
+    plug("c");
+    pass(10);
+    EXPECT_EQ(afp.done, "3+ 23- 28+ 43- 63- 123+ 133+ ");
+    EXPECT_TRUE(file_services_manager_stop());
+    EXPECT_FALSE(afp.running || avahi.running);
+}
+
+TEST_F(file_services_manager, asks_central_storage_before_a_start) {
+    set_config_flag("centralStorage.enabled", false);
+    plug("a");
+    EXPECT_TRUE(file_services_manager_change_file_service_state_by_name("Samba", true));
+    EXPECT_EQ(simulated_box::timers(), 0U);
+    set_config_flag("centralStorage.enabled", true);
+    file_services_manager_update_file_services();
+    pass(20);
+    EXPECT_EQ(samba.done, "3+ ");
+    EXPECT_FALSE(file_services_manager_change_file_service_state_by_name("samba", false));
+    EXPECT_TRUE(file_services_manager_change_file_service_state_by_name("Samba", false));
+    EXPECT_TRUE(file_services_manager_change_file_service_state_by_name("AFP", false));
+    EXPECT_TRUE(file_services_manager_change_file_service_state_by_name("AFP", true));
+    pass(20);
+    EXPECT_EQ(samba.done, "3+ 23- ");
+    EXPECT_EQ(afp.done, "3+ 23- 28+ ");
+    unplug("a");
+    unplug("a");  // a start that is not run yet is stopped too
+    pass(20);
+    EXPECT_EQ(afp.done, "3+ 23- 28+ 43- ");
+}
+
+}  // namespace
