@@ -13,8 +13,8 @@ SD = "{syspath: '/sd', device_type: 'STORAGE', connection_type: 'SD'}"
 USB = "{syspath: '/usb', device_type: 'STORAGE', connection_type: 'USB'}"
 
 
-def call(box, method, *args, timeout=5):
-    return box.call(PATH, INTERFACE, method, *args, timeout=timeout)[0]
+def call(box, method, *args, **options):
+    return box.call(PATH, INTERFACE, method, *args, **options)[0]
 
 
 def serve(box, devices, partitions):

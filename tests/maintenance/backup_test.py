@@ -33,8 +33,8 @@ def write_backup(box, text):
 
 def wait_restart(box, ends=1):
     """Waits for the clean end of the daemon that a restore asks for, and for the next run to serve."""
-    wait_until(lambda: [code for code, _ in box.exits()].count(0) == ends, 10, "the daemon ends by itself")
-    wait_until(box.serving, 10, "the supervisor brings it back")
+    wait_until(lambda: [code for code, _ in box.exits()].count(0) == ends, "the daemon ends by itself")
+    wait_until(box.serving, "the supervisor brings it back")
 
 
 def document():
