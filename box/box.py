@@ -9,7 +9,6 @@ import shutil
 import signal
 import subprocess
 import time
-from datetime import datetime
 
 import jeepney
 from jeepney.io.threading import DBusRouter, open_dbus_connection
@@ -281,9 +280,9 @@ class Box:
         wait_until(lambda: self.log().count(text) >= count, f"log line {text!r}")
 
     def logged(self, text):
-        """When the daemon wrote each line with the text, in seconds."""
-        times = re.findall(rf"(\d{{4}}-\d\d-\d\d \S+) .*{re.escape(text)}", self.log())
-        return [datetime.fromisoformat(time).timestamp() for time in times]
+        """When the daemon wrote each line with the text, in whole seconds of the year."""
+        stamps = re.findall(rf": (\w+ +\d+ [\d:]+) .*{re.escape(text)}", self.log())
+        return [time.mktime(time.strptime("2000 " + stamp, "%Y %b %d %H:%M:%S")) for stamp in stamps]
 
     def commands(self):
         """The command lines of the stand-ins (scripts, s6-rc, dmesg) in order, each as its argv."""

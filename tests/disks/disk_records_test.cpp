@@ -27,10 +27,3 @@ TEST(disk_records, adds_the_missing_quotes) {
     EXPECT_EQ(convert_ddm_respone_data_to_json_str(std::string_view("{\"", 1)), "{\"");
     EXPECT_EQ(convert_ddm_respone_data_to_json_str(std::string_view(", \"", 2)), ", \"");
 }
-
-TEST(disk_records, parses_a_record) {
-    const json_ptr disk = convert_ddm_respone_data_to_json(
-        "{syspath: '/sys/block/sda', device_type: 'STORAGE', partitions_count: 1}");
-    EXPECT_EQ(print(disk),
-              R"({"syspath":"/sys/block/sda","device_type":"STORAGE","partitions_count":1})");
-}

@@ -115,9 +115,11 @@ def test_odd_and_older_backups(box):
     # Valid JSON that is no backup ends the loop at once; what is stored stays as it was.
     before = box.read("/media/nimbrelc.json")
     write_backup(box, {"config": [1]})
+    box.run(["s6-svc", "-uwu", "/run/service/avahi"])
     assert backup(box, "restore", FILE) == (False,)
     wait_restart(box)
     box.wait_log("Bad backup file format")
+    assert not box.is_up("avahi")  # the orderly end stops the file services
     assert box.config() == json.loads(before)
 
     # A backup of an older form has its secrets in plain text only.

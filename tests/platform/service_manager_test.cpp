@@ -38,22 +38,6 @@ protected:
     const std::string old_path = getenv("PATH");
 };
 
-TEST_F(service_manager, controls_one_daemon) {
-    sudo("exit 0");
-    EXPECT_EQ(service_manager_restart("smbd"), 0);
-    EXPECT_EQ(service_manager_signal("smbd", 15), 0);
-    EXPECT_EQ(service_manager_signal("smbd", 1), 0);
-    EXPECT_EQ(service_manager_signal("smbd", 13), -1);
-    EXPECT_EQ(calls(),
-              "s6-svc -d /run/service/smbd\ns6-svc -u /run/service/smbd\n"
-              "s6-svc -t /run/service/smbd\ns6-svc -h /run/service/smbd\n");
-    sudo("exit 100");
-    EXPECT_EQ(service_manager_restart("smbd"), -1);
-    EXPECT_EQ(calls(), "s6-svc -d /run/service/smbd\n");
-    sudo("kill -KILL $PPID");
-    EXPECT_EQ(service_manager_start_one("smbd"), -3);
-}
-
 TEST_F(service_manager, reads_the_state) {
     const struct {
         const char *script;
