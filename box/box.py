@@ -34,15 +34,20 @@ def staged(build):
     stage = os.path.join(build, "stage")
     owner = os.stat(build)  # root leaves no files of its own in somebody's build directory
     lock = os.open(build, os.O_RDONLY)
-    fcntl.flock(lock, fcntl.LOCK_EX)
-    subprocess.run(["cmake", "--install", build, "--prefix", "/usr"], check=True,
-                   stdout=subprocess.DEVNULL, env={**os.environ, "DESTDIR": stage},
-                   user=owner.st_uid, group=owner.st_gid, extra_groups=[])
-    os.close(lock)
+    try:
+        fcntl.flock(lock, fcntl.LOCK_EX)
+        done = subprocess.run(["cmake", "--install", build, "--prefix", "/usr"], text=True,
+                              stdout=subprocess.PIPE, stderr=subprocess.STDOUT,
+                              env={**os.environ, "DESTDIR": stage},
+                              user=owner.st_uid, group=owner.st_gid, extra_groups=[])
+    finally:
+        os.close(lock)
+    if done.returncode:
+        raise BoxError(f"{build} cannot be installed:\n{done.stdout}")
     return stage
 
 
-def wait_until(condition, timeout, what):
+def wait_until(condition, what, timeout=30):
     """The first true value of `condition`, asked every few milliseconds."""
     deadline = time.monotonic() + timeout
     while True:
@@ -75,7 +80,7 @@ class Box:
             self.pid = int(line)
             self.root = f"/proc/{self.pid}/root"
             socket = self.path("/run/dbus/system_bus_socket")
-            wait_until(lambda: os.path.exists(socket), 10, "the system bus")
+            wait_until(lambda: os.path.exists(socket), "the system bus")
             address = "unix:path=" + socket
             self.client = DBusRouter(self._connect(address))
             for names in DEFAULT_PEERS:
@@ -87,7 +92,7 @@ class Box:
 
     @staticmethod
     def _connect(address):
-        for _ in range(250):
+        for _ in range(1500):
             try:
                 return open_dbus_connection(address, enable_fds=True)
             except (ConnectionError, FileNotFoundError):
@@ -146,7 +151,7 @@ class Box:
                 "env", "-i", "-C", "/", f"PATH={PATH}", "HOME=/root", "TERM=" + os.environ.get("TERM", "dumb"),
                 *argv]
 
-    def run(self, argv, input=None, check=True, timeout=30):
+    def run(self, argv, input=None, check=True, timeout=60):
         """Runs a command inside and returns the completed process, with both outputs as text."""
         return subprocess.run(self.command(argv), input=input, check=check, timeout=timeout,
                               stdin=subprocess.DEVNULL if input is None else None,
@@ -179,7 +184,7 @@ class Box:
         self.write("/run/service/nimbrelc/run", f"#!/bin/sh\nexec {line}\n", 0o755, "root")
         self.run(["s6-svc", "-u", "/run/service/nimbrelc"])
         if wait:
-            wait_until(self.serving, 15, "the daemon serves")
+            wait_until(self.serving, "the daemon serves")
 
     def serving(self):
         try:
@@ -189,7 +194,7 @@ class Box:
             return None
 
     def stop_daemon(self):
-        self.run(["s6-svc", "-d", "-wD", "-T", "10000", "/run/service/nimbrelc"])
+        self.run(["s6-svc", "-d", "-wD", "-T", "30000", "/run/service/nimbrelc"])
 
     def migrate(self):
         """One run in migration mode: the completed process."""
@@ -233,7 +238,7 @@ class Box:
 
     # The bus ------------------------------------------------------------------------------------
 
-    def call(self, path, interface, method, *args, timeout=5, name="com.kelvanto.nimbrel"):
+    def call(self, path, interface, method, *args, timeout=30, name="com.kelvanto.nimbrel"):
         """Calls the daemon (or another owner of `name`) and returns the reply's values. Arguments:
         str -> s, bool -> b, u(5) -> u, i(-1) -> i, ("ay", value) for any other signature. Raises
         NoReply when none comes in time, BusError for an error reply."""
@@ -270,9 +275,14 @@ class Box:
         """The system log: every line of every process of the box."""
         return self.read("/var/log/messages")
 
-    def wait_log(self, text, timeout=10, count=1):
+    def wait_log(self, text, count=1):
         """Waits until the log holds the text (`count` times)."""
-        wait_until(lambda: self.log().count(text) >= count, timeout, f"log line {text!r}")
+        wait_until(lambda: self.log().count(text) >= count, f"log line {text!r}")
+
+    def logged(self, text):
+        """When the daemon wrote each line with the text, in whole seconds of the year."""
+        stamps = re.findall(rf": (\w+ +\d+ [\d:]+) .*{re.escape(text)}", self.log())
+        return [time.mktime(time.strptime("2000 " + stamp, "%Y %b %d %H:%M:%S")) for stamp in stamps]
 
     def commands(self):
         """The command lines of the stand-ins (scripts, s6-rc, dmesg) in order, each as its argv."""
@@ -297,8 +307,8 @@ class Box:
     def is_up(self, service):
         return self.run(["s6-svstat", "-u", "/run/service/" + service]).stdout.strip() == "true"
 
-    def wait_up(self, service, up=True, timeout=10):
-        wait_until(lambda: self.is_up(service) == up, timeout, f"{service} {'up' if up else 'down'}")
+    def wait_up(self, service, up=True):
+        wait_until(lambda: self.is_up(service) == up, f"{service} {'up' if up else 'down'}")
 
     # Disks --------------------------------------------------------------------------------------
 

@@ -50,7 +50,7 @@ def wait_read(box, *login):
     def attempt():
         result = smbclient(box, LABEL, *login)
         return result.stdout if result.returncode == 0 else None
-    return wait_until(attempt, 5, "the share is readable")
+    return wait_until(attempt, "the share is readable")
 
 
 def may_enter(box, user, password):
@@ -117,7 +117,7 @@ def protect(box, line):
               "PAM may let the user in, and nobody with another password")
     box.wait_up("smbd", up=False)
     line.seen(True, "Samba goes down to learn of it")
-    box.wait_up("smbd", timeout=15)
+    box.wait_up("smbd")
     text = wait_read(box, "-U", f"{USER}%{PASSWORD}")
     line.seen(text == FILES["holiday.txt"], f"and is back: {USER} reads holiday.txt with the password")
     line.seen(smbclient(box, LABEL, "-N").returncode != 0, "the guest is refused")
@@ -127,7 +127,7 @@ def protect(box, line):
 def pull(box, line):
     line.event("The disk is pulled out.")
     box.unplug(DISK)
-    box.wait_up("smbd", up=False, timeout=15)
+    box.wait_up("smbd", up=False)
     box.wait_up("nmbd", up=False)
     line.seen(True, "smbd and nmbd are down")
     line.seen(smbclient(box, LABEL, "-U", f"{USER}%{PASSWORD}").returncode != 0, "the share is gone")
@@ -147,7 +147,7 @@ def ssh(box, line):
     for parameter, value in (("SSH.AuthorizedKey", key), ("SSH.Enable", True)):
         (done,) = box.data_model("SetValue", MAKER + parameter, value)
         line.seen(done, f"{parameter} = {value}")
-    wait_until(lambda: forwarding(box)[-1].startswith("set"), 5, "a port is forwarded")
+    wait_until(lambda: forwarding(box)[-1].startswith("set"), "a port is forwarded")
     line.seen(True, "a port is forwarded: " + forwarding(box)[-1])
     box.wait_up("dropbear")
     login = box.run(["dbclient", "-y", "-i", "/tmp/key", "root@192.168.1.1", "hostname"], check=False)
@@ -160,7 +160,7 @@ def ssh_ends(box, line):
     late = time.strftime("%Y-%m-%dT%H:%M:%SZ", time.localtime(time.time() - 5400))
     box.edit_config(lambda config: config["ssh"].update(activationDate=late, activationDuration=60))
     box.start_daemon()
-    wait_until(lambda: not box.config()["ssh"]["enable"], 5, "the activation ends")
+    wait_until(lambda: not box.config()["ssh"]["enable"], "the activation ends")
     line.seen(box.config()["ssh"]["activationDate"] is None, "her hour is over: SSH is disabled")
     line.seen(forwarding(box)[-1] == "delete internal 100", "the forwarding is gone")
 
@@ -178,9 +178,9 @@ def backup(box, line):
         line.seen(not may_enter(other, USER, PASSWORD), f"{USER} is not let in")
         (restored,) = other.call(*BACKUP, "restore", "/media/backup")
         line.seen(restored, "the daemon took it and will start anew")
-        wait_until(other.exits, 10, "the daemon ends")
+        wait_until(other.exits, "the daemon ends")
         line.seen(other.exits() == [(0, 0)], "3 s later it ended by itself, with exit code 0")
-        wait_until(other.serving, 10, "the daemon serves again")
+        wait_until(other.serving, "the daemon serves again")
         (state,) = other.call(*STREAMING, "getMediaStreamingState")
         line.seen(json.loads(state)["data"]["mediaStreamingEnabled"], "s6 started it again: streaming is on")
         line.seen(may_enter(other, USER, PASSWORD), f"and {USER} is let in")

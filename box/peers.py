@@ -1,5 +1,5 @@
 """The bus peers of the box: disk daemon, display, management agent, media server, hardware service.
-Each answers rightly by itself and can be told to answer otherwise, late, with an error, or not."""
+Each answers rightly by itself and can be told to answer otherwise, with an error, when it is told to, or not."""
 import threading
 import time
 
@@ -75,7 +75,7 @@ class View:
         """The calls received so far, each (member, argument, ...); of one member when it is given."""
         return [call for call in list(self.received) if member in (None, call[0])]
 
-    def wait_calls(self, member, count=1, timeout=10):
+    def wait_calls(self, member, count=1, timeout=30):
         """Waits for that many calls of the member and returns them."""
         deadline = time.monotonic() + timeout
         while len(self.calls(member)) < count:
@@ -94,9 +94,17 @@ class View:
         """Replies with an error."""
         self.failing.add(member)
 
-    def delay(self, member, seconds):
-        """Replies so much later."""
-        self.delays[member] = seconds
+    def hold(self, member):
+        """Keeps the replies back until they are released."""
+        self.held[member] = []
+
+    def release(self, member, hold=False):
+        """Sends the replies that were kept back; goes on to keep the next ones if told so."""
+        with self.peer.lock:
+            for reply in self.held.pop(member):
+                self.peer.reply(reply)
+            if hold:
+                self.hold(member)
 
     def mute(self, member):
         """Never replies."""
@@ -106,7 +114,7 @@ class View:
         """Forgets the calls and everything that the peer was told."""
         self.received = []
         self.answers = dict(self.defaults)
-        self.failing, self.muted, self.delays = set(), set(), {}
+        self.failing, self.muted, self.held = set(), set(), {}
 
     def forget(self):
         """Forgets the calls alone."""
@@ -127,6 +135,7 @@ class Peer:
     def __init__(self, connection, names, box):
         self.connection = connection
         self.box = box
+        self.lock = threading.Lock()  # a call that is seen is also answered, or held
         self.name, views = names
         self.views = {name: View(self, path, answers) for name, path, answers in views}
         self.name_call("RequestName", "su", (self.name, 0))
@@ -155,7 +164,8 @@ class Peer:
             except (ReceiveStopped, OSError):
                 return
             if message.header.message_type is MessageType.method_call:
-                self._handle(message)
+                with self.lock:
+                    self._handle(message)
 
     def _handle(self, message):
         fields = message.header.fields
@@ -164,7 +174,7 @@ class Peer:
             if view.path in (None, path):
                 break
         else:
-            self._reply(jeepney.new_error(message, "org.freedesktop.DBus.Error.UnknownObject"))
+            self.reply(jeepney.new_error(message, "org.freedesktop.DBus.Error.UnknownObject"))
             return
         view.received.append((member, *message.body))
         if member in view.muted:
@@ -177,12 +187,12 @@ class Peer:
                 answer = answer(self.box, len(view.calls(member)))
             signature, values = signature_of(answer)
             reply = jeepney.new_method_return(message, signature or None, values)
-        if member in view.delays:
-            threading.Timer(view.delays[member], self._reply, [reply]).start()
+        if member in view.held:
+            view.held[member].append(reply)
         else:
-            self._reply(reply)
+            self.reply(reply)
 
-    def _reply(self, message):
+    def reply(self, message):
         try:
             self.connection.send(message)
         except OSError:

@@ -26,7 +26,7 @@ if reply.get("code"):
 if name == "s6-rc":  # -u|-d change NAME, back when the service is there
     wait = {"-u": "-wu", "-d": "-wD"}[argv[1]]
     service = "/run/service/" + argv[3]
-    os.execv("/usr/bin/s6-svc", ["s6-svc", argv[1], wait, "-T", "10000", service])
+    os.execv("/usr/bin/s6-svc", ["s6-svc", argv[1], wait, "-T", "30000", service])
 if name == "set_auth_key.sh":
     os.makedirs("/root/.ssh", mode=0o700, exist_ok=True)
     with open("/root/.ssh/authorized_keys", "w") as file:

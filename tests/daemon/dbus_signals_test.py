@@ -1,4 +1,14 @@
-"""Signals of other services: a new WAN address, a firmware upgrade."""
+"""Signals of other services: a new WAN address, a firmware upgrade; the start and what it says."""
+
+
+def test_the_start(box):
+    box.start_daemon()
+    assert box.serving() == ('{"status":"STARTED"}',)
+    # Whoever may not change its user, ends.
+    unable = ["setpriv", "--reuid=7002", "--regid=7002", "--clear-groups", "env", "UID=7001", "nimbrelc", "-m"]
+    assert box.run(unable, check=False).returncode == 1
+    box.wait_log("Failed to set UID to 7001: Operation not permitted")
+    assert "migration mode" not in box.log()
 
 
 def test_a_new_address(box):

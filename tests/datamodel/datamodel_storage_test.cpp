@@ -6,14 +6,6 @@
 
 namespace {
 
-TEST(datamodel_storage, names_file_systems) {
-    EXPECT_EQ(file_system_name("EXT3"), "ext3");
-    EXPECT_EQ(file_system_name("hfs+"), "HFS+");
-    EXPECT_EQ(file_system_name("ext"), "X_KELVANTO-COM_ext");
-    EXPECT_EQ(file_system_name("hfsplus"), "X_KELVANTO-COM_hfsplus");
-    EXPECT_EQ(file_system_name("%s"), "X_KELVANTO-COM_%s");
-}
-
 TEST(datamodel_storage, builds_a_physical_medium) {
     const json_ptr devices = parse(R"([
         {"syspath": "/a", "vendor": "Acme", "model": "Stick", "serial": "s\"1",

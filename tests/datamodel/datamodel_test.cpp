@@ -17,23 +17,6 @@ std::string find_indexed(const std::string &key) {
     return (indexed ? handler->name_format : "") + (" " + std::to_string(index));
 }
 
-TEST(datamodel, finds_exact_names_only) {
-    const char *key = "Device.X_KELVANTO-COM_DeviceManagement.Debug.Segfault.DumpNumberOfEntries";
-    uint32_t index = untouched;
-    const datamodel_handler *handler = find_handler(key, nullptr);
-    ASSERT_NE(handler, nullptr);
-    EXPECT_STREQ(handler->name, key);
-    EXPECT_EQ(find_handler(key, &index), handler);
-    EXPECT_EQ(index, untouched);
-    for (const std::string &bad :
-         {std::string(), std::string("Device."), std::string(key) + ".", std::string(key, 20),
-          std::string("device.LAN.IPAddress"), std::string(1000000, 'D')}) {
-        EXPECT_EQ(find_handler(bad.c_str(), &index), nullptr) << bad.substr(0, 80);
-    }
-    // Indexed families answer only where an index is asked for.
-    EXPECT_EQ(find_handler("Device.StorageService.1.PhysicalMedium.1", nullptr), nullptr);
-}
-
 TEST(datamodel, finds_indexed_families_by_their_beginning) {
     const std::string media = "Device.StorageService.1.PhysicalMedium.";
     const std::pair<const char *, const char *> numbers[] = {{"2", "2"},

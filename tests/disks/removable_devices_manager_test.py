@@ -96,12 +96,13 @@ def test_other_devices_are_shown_at_once_and_cleared(gateway):
 
 
 def test_a_late_list_replaces_what_signals_brought(gateway):
-    gateway.peer("ddm").delay("PartitionList", 2)
+    gateway.peer("ddm").hold("PartitionList")
     gateway.start_daemon()
     gateway.wait_log("Device list received")
     assert [call[0] for call in gateway.peer("ddm").calls()][:2] == ["DeviceList", "PartitionList"]
     gateway.disk_signal("DeviceAttached", device("/d"))
     gateway.disk_signal("PartitionConnected", partition("/d/1", "/d"))
+    gateway.peer("ddm").release("PartitionList")
     gateway.wait_log("Partition list received")
     gateway.disk_signal("PartitionConnected", partition("/d/2", "/d", mounted=False))
     assert shown(gateway, 2) == [USB, BAD_USB]

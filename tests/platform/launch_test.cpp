@@ -123,7 +123,7 @@ TEST_F(launcher, escaped_values_reach_the_command_as_they_are) {
     }
     for (const std::string &value :
          {std::string("$(id)`id`$HOME\\"), std::string("\\\\\"'; id & | <x >y (z) *?[a-z] ~ #"),
-          std::string("a\nb\\\n"), all}) {
+          std::string("~root"), std::string("a\nb\\\n"), all}) {
         const std::string quoted = "printf %s \"" + launch_escape_quoted(value) + "\"";
         EXPECT_EQ(launch(quoted.c_str(), nullptr, &output), LAUNCH_OK);
         EXPECT_EQ(output, value) << quoted;

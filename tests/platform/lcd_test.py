@@ -72,9 +72,11 @@ def test_messages_are_cleared_by_key_first_shown_first(box):
     box.wait_log('Message with key: "/a" removed, dbus argc: -1')
 
     # Dismissed twice before the display answers: the first answer finds the message.
-    lcd.delay("clearEvent", 0.5)
+    lcd.hold("clearEvent")
     dismiss(box, "/c")
     dismiss(box, "/c")
+    lcd.wait_calls("clearEvent", 3)
+    lcd.release("clearEvent")
     box.wait_log('Requested to delete a non-existent message with key: "/c"')
     assert lcd.calls("clearEvent") == [("clearEvent", 0)] * 3
     assert box.log().count('Message with key: "/c" removed') == 1

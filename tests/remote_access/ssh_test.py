@@ -64,14 +64,14 @@ def test_the_key_logs_in_until_the_activation_ends(box):
     start(box, authorizedKey=key, enable=True, activationDuration=1)
     assert ran(box) == [["set_auth_key.sh", key], SET, START]
     begun = time.mktime(time.strptime(section(box)["activationDate"], DATE))
-    assert abs(begun - time.time()) < 10
+    assert abs(begun - time.time()) < 60
     box.wait_log("Starting timer to stop ssh session in 60 sec.")
-    wait_until(lambda: login(box) == "in\n", 5, "the login")
+    wait_until(lambda: login(box) == "in\n", "the login")
 
-    # The daemon comes back three seconds before the end.
-    continued = restart(box, activationDate=ago(57))
+    # The daemon comes back 15 seconds before the end.
+    continued = restart(box, activationDate=ago(45))
     assert continued == [["set_auth_key.sh", key], SET, START]
-    wait_until(lambda: re.search("Continuing ssh session for next [123] sec", box.log()), 5,
+    wait_until(lambda: re.search(r"Continuing ssh session for next (\d|1[0-5]) sec", box.log()),
                "the time that is left")
     assert section(box)["enable"] is True
     box.wait_log("SSH stopped")
@@ -82,7 +82,7 @@ def test_the_key_logs_in_until_the_activation_ends(box):
 
 def test_a_passed_deadline(box):
     start(box, enable=True, activationDuration=10, activationDate=ago(601))
-    wait_until(lambda: section(box)["activationDate"] is None, 5, "the end of the activation")
+    wait_until(lambda: section(box)["activationDate"] is None, "the end of the activation")
     assert section(box)["enable"] is False
     if box.flavour == "release":
         assert ran(box)[1:] == [DELETE]
@@ -91,7 +91,7 @@ def test_a_passed_deadline(box):
         assert ran(box)[1:] == [SET, START, DELETE]
         # Seconds beyond 31 bits count as negative: the timer fires at once here too.
         assert restart(box, enable=True, activationDuration=4294967295)[1:3] == [SET, START]
-        wait_until(lambda: section(box)["activationDate"] is None, 5, "the end of the activation")
+        wait_until(lambda: section(box)["activationDate"] is None, "the end of the activation")
 
 
 def test_a_restore_restarts_the_daemon_but_not_the_activation(box):
@@ -179,23 +179,23 @@ def test_the_duration_re_times_the_activation(box):
     assert section(box)["activationDate"] == date
     full = 864000 if release else 1200000
     wait_until(lambda: any(f"Continuing ssh session for next {full - late} sec" in box.log()
-                           for late in range(5)), 5, "the new length")
+                           for late in range(30)), "the new length")
     if not release:
         assert set_value(box, "ActivationDuration", u(0)) is True
         box.wait_log("activationDuration=0 means infinite ssh activation. No timer set up.")
         assert section(box)["activationDate"] == date
         # So many minutes wrap: the deadline is in the past, the session ends at once.
         assert set_value(box, "ActivationDuration", u(4294967295)) is True
-        wait_until(lambda: section(box)["activationDate"] is None, 5, "the end of the activation")
+        wait_until(lambda: section(box)["activationDate"] is None, "the end of the activation")
 
 
 @pytest.mark.sanitize
 def test_a_timer_outlives_a_disable(box):
-    start(box, enable=True, activationDuration=1, activationDate=ago(56))
+    start(box, enable=True, activationDuration=1, activationDate=ago(45))
     assert set_value(box, "Enable", False) is True
     release = box.flavour == "release"
     if release:
-        wait_until(lambda: section(box)["activationDate"] is None, 5, "the clean-up")
+        wait_until(lambda: section(box)["activationDate"] is None, "the clean-up")
         assert not box.is_up("dropbear")
         before = os.stat(box.path("/media/nimbrelc.json")).st_mtime_ns
     box.wait_log("SSH stopped")

@@ -1,6 +1,5 @@
 """What the media server is told, and when."""
 import json
-import time
 
 import pytest
 
@@ -61,15 +60,17 @@ def test_streaming_follows_both_switches(box):
 
 def test_changes_wait_for_the_reply(box):
     dlna = box.peer("dlna")
-    dlna.delay("DmsStreamingState", 2)
+    dlna.hold("DmsStreamingState")
     box.start_daemon()
     assert told(box, 1) == [True]
     for wanted in (False, True, False):
         assert set_streaming(box, wanted) == DONE
     assert told(box, 1) == [True]
+    dlna.release("DmsStreamingState", hold=True)
     assert told(box, 2) == [True, False]
     for wanted in (True, False):  # the last wish is what is on its way
         set_streaming(box, wanted)
+    dlna.release("DmsStreamingState")
     box.wait_log(DELIVERED, count=2)
     assert told(box, 2) == [True, False]
 
@@ -79,19 +80,17 @@ def test_a_server_that_is_not_ready_is_asked_every_five_seconds(box):
     dlna.answer("DmsStreamingState", False)
     box.start_daemon()
     told(box, 1)
-    started = time.monotonic()
     box.wait_log(NOT_READY)
     dlna.fail("DmsStreamingState")
     assert told(box, 2) == [True, True]
-    assert 4.5 < time.monotonic() - started < 6.5
     dlna.answer("DmsStreamingState", "true")  # no boolean
     assert told(box, 3) == [True] * 3
-    assert 9.5 < time.monotonic() - started < 12
     box.wait_log(NOT_READY, count=3)
+    first, second, third = box.logged(NOT_READY)
+    assert second - first >= 4 and third - second >= 4
     dlna.answer("DmsStreamingState", True)
     # A new state goes out at once, and the timer that runs repeats it once.
     set_streaming(box, False)
     assert told(box, 4)[3:] == [False]
-    assert time.monotonic() - started < 14
     assert told(box, 5)[3:] == [False, False]
     box.wait_log(DELIVERED, count=2)

@@ -40,7 +40,7 @@ def test_directories_of_volumes_that_are_gone_are_removed(gateway):
     # A stop removes all of them; one that cannot be removed does not stop the walk or the stop.
     gateway.script("remove_afp_cnid_dir.sh", code=1)
     gateway.unplug("sda")
-    gateway.wait_log("Stop of service [AFP] initiated", timeout=20)
+    gateway.wait_log("Stop of service [AFP] initiated")
     assert removed(gateway) == gone | kept
     for name in kept:
         assert f"Failed to remove dir {name}" in gateway.log()

@@ -25,8 +25,8 @@ def smb(box, login, share, command):
     return result.stdout if result.returncode == 0 else None
 
 
-def wait_served(box, login, share, timeout=20):
-    return wait_until(lambda: smb(box, login, share, "get hello.txt -"), timeout, f"{share} served")
+def wait_served(box, login, share):
+    return wait_until(lambda: smb(box, login, share, "get hello.txt -"), f"{share} served")
 
 
 def write(box, login, share):
@@ -43,7 +43,7 @@ def test_protection_turns_guests_away(gateway):
     assert not gateway.exists(USERS)
 
     gateway.call(*SHARES, "updateCredentialsForUserShares", True, "alice", "secret99")
-    gateway.wait_log("Start of service [Samba] successfully initiated", timeout=20)
+    gateway.wait_log("Start of service [Samba] successfully initiated")
     assert wait_served(gateway, OWNER, "Photos 2024") == "Hello from sda1\n"
     assert write(gateway, OWNER, "Photos 2024") and not write(gateway, OWNER, "Films")
     for login in GUEST, INTRUDER, ("-U", "default%wrong"):
@@ -53,7 +53,7 @@ def test_protection_turns_guests_away(gateway):
     # Without them again, and with a user map that is gone already.
     gateway.run(["rm", USERS])
     gateway.call(*SHARES, "changeStateCredentialsForUserShares", False)
-    gateway.wait_log("Start of service [Samba] successfully initiated", timeout=20, count=2)
+    gateway.wait_log("Start of service [Samba] successfully initiated", count=2)
     assert wait_served(gateway, GUEST, "Films") == "Hello from sda2\n"
     assert gateway.log().count("Failed to remove sambausers.map: No such file or directory") == 2
 
