@@ -122,18 +122,3 @@ def test_persistent_logging_ends_by_itself(box):
     box.start_daemon()
     assert box.config()["syslog"] == stored
     assert box.read(OPTIONS) == PLAIN
-
-
-@pytest.mark.sanitize
-def test_every_timer_fires_and_the_first_one_ends_the_logging(box):
-    configure(box, persistent=True, activationDuration=1, activationDate=activated(40))
-    box.start_daemon()
-    set_value(box, "NumberOfFiles", u(6))
-    set_value(box, "NumberOfFiles", u(7))
-    box.wait_log("Starting timer to stop persistent logging", count=3)
-    box.wait_log(STOPPED)
-    # The first one cancelled the third; the second found none left.
-    box.wait_log("Stopping persistent logging...", count=2)
-    box.wait_log("Failed to remove the timer: ")
-    assert box.log().count(STOPPED) == 1
-    assert box.read(OPTIONS) == "s524288 n7 /var/log/syslog"

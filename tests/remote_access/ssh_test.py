@@ -187,19 +187,3 @@ def test_the_duration_re_times_the_activation(box):
         # So many minutes wrap: the deadline is in the past, the session ends at once.
         assert set_value(box, "ActivationDuration", u(4294967295)) is True
         wait_until(lambda: section(box)["activationDate"] is None, "the end of the activation")
-
-
-@pytest.mark.sanitize
-def test_a_timer_outlives_a_disable(box):
-    start(box, enable=True, activationDuration=1, activationDate=ago(45))
-    assert set_value(box, "Enable", False) is True
-    release = box.flavour == "release"
-    if release:
-        wait_until(lambda: section(box)["activationDate"] is None, "the clean-up")
-        assert not box.is_up("dropbear")
-        before = os.stat(box.path("/media/nimbrelc.json")).st_mtime_ns
-    box.wait_log("SSH stopped")
-    assert section(box)["activationDate"] is None
-    if release:
-        assert os.stat(box.path("/media/nimbrelc.json")).st_mtime_ns == before
-    assert box.is_up("dropbear") == (not release)

@@ -182,8 +182,7 @@ def test_a_thousand_switches_leave_nothing_behind(box):
         for service in config["nas"]["fileServices"].values():
             service["enabled"] = False
     box.edit_config(all_off)
-    dlna = box.peer("dlna")
-    dlna.fail("DmsStreamingState")  # each change that it missed must not ask it again on its own
+    box.peer("dlna").fail("DmsStreamingState")  # a retry for each change would be seen in the memory
     box.start_daemon()
     pid = box.daemon_pid()
 
@@ -206,9 +205,3 @@ def test_a_thousand_switches_leave_nothing_behind(box):
     memory, descriptors, rules = measure()
     assert (descriptors, rules) == before[1:]
     assert memory < before[0] + 64  # KiB: a timer or record per switch would be more
-
-    # One may still be about the last switch; from then on one timer asks.
-    text = "DMS manager not ready"
-    box.wait_log(text, count=box.log().count(text) + 3)
-    *_, earlier, last = box.logged(text)
-    assert last - earlier >= 4
