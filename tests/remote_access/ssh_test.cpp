@@ -79,10 +79,77 @@ TEST_F(ssh, ends_what_is_past_its_deadline) {
 TEST_F(ssh, re_times_a_running_activation) {
     ASSERT_TRUE(ssh_start(nullptr));
     pass(30);
+    for (const message_bus_arg &refused : {mb_string("3"), mb_boolean(true), mb_int32(3)}) {
+        ssh_set_activation_duration(refused, {});
+        EXPECT_EQ(get_config_number("ssh.activationDuration"), 1);
+    }
+    ssh_set_activation_duration(mb_uint32(20000), {});
+    EXPECT_EQ(document.saved("ssh.activationDuration"), is_release() ? "14400" : "20000");
     ssh_set_activation_duration(mb_uint32(3), {});
-    EXPECT_EQ(document.saved("ssh.activationDuration"), "3");
-    EXPECT_EQ(simulated_box::timers(), 1U);
     expect_end_after(150);
+    if (!is_release()) {
+        set_config_flag("ssh.enable", true);
+        ssh_set_activation_duration(mb_uint32(0), {});
+        EXPECT_EQ(simulated_box::timers(), 0U);  // without end
+        // So many minutes wrap: the deadline is in the past, the session ends at once.
+        ssh_set_activation_duration(mb_uint32(4294967295), {});
+        pass(0);
+        EXPECT_EQ(document.saved("ssh.activationDate"), "null");
+    }
+}
+
+TEST_F(ssh, does_nothing_for_a_bad_section) {
+    const std::pair<const char *, const char *> rows[] = {{"externalNPPort", "65535"},
+                                                          {"externalNPPort", "-1"},
+                                                          {"externalNPPort", "\"22\""},
+                                                          {"activationDuration", "-1"},
+                                                          {"activationDate", "5"},
+                                                          {"authorizedKey", "null"},
+                                                          {"enable", "1"}};
+    for (const auto &[member, value] : rows) {
+        const stored_document bad{document.saved("ssh").insert(0, "{\"ssh\":") + "}"};
+        set_config_item((std::string("ssh.") + member).c_str(), parse(value));
+        EXPECT_FALSE(ssh_start(nullptr)) << member << value;
+        EXPECT_EQ(simulated_box::take_commands(), commands{});
+    }
+    const stored_document none{R"({"ssh": {"authorizedKey": "k"}})"};
+    EXPECT_FALSE(ssh_start(nullptr));
+    const stored_document odd{document.saved("ssh").insert(0, "{\"ssh\":") + "}"};
+    for (const char *date : {"yesterday", "9999-01-01T00:00:00Z"}) {
+        set_config_text("ssh.activationDate", date);
+        EXPECT_FALSE(ssh_start(nullptr));
+        EXPECT_EQ(simulated_box::take_commands(), commands{key});
+    }
+}
+
+TEST_F(ssh, undoes_what_a_failing_step_leaves) {
+    const recorded_log log;
+    const std::pair<const char *, commands> rows[] = {
+        {"set_auth_key.sh", {key}},
+        {"set_port_forwarding.sh", {key, set}},
+        {"s6-rc -u", {key, set, start, unset}},
+    };
+    for (const auto &[failing, expected] : rows) {
+        simulated_box::run = [failing = failing](const std::string &command, std::string &) {
+            return command.find(failing) != std::string::npos ? 3 : 0;
+        };
+        for (const bool continued : {false, true}) {
+            set_config_item("ssh.activationDate", json_ptr(cJSON_CreateNull()));
+            EXPECT_FALSE(continued ? start_after(0) : ssh_start(nullptr));
+            EXPECT_EQ(simulated_box::take_commands(), expected) << failing;
+        }
+    }
+    for (const char *line : {"set_auth_key exited with status: 3", "Failed to start SSH",
+                             "set_port_forwarding.sh exited with status: 3"}) {
+        EXPECT_TRUE(log.has(line)) << line;
+    }
+    // A release build that cannot stop the server keeps the session for the next try.
+    simulated_box::run = [](const std::string &command, std::string &) {
+        return command == stop ? 3 : 0;
+    };
+    set_config_flag("ssh.enable", false);
+    EXPECT_EQ(start_after(0), !is_release());
+    EXPECT_NE(get_config_text("ssh.activationDate"), std::string());
 }
 
 TEST_F(ssh, lets_a_timer_outlive_a_disable) {
