@@ -5,7 +5,7 @@ import time
 
 import pytest
 
-from box import u, wait_until
+from box import wait_until
 
 pytestmark = pytest.mark.both_flavours
 
