@@ -21,14 +21,18 @@ constexpr const char *log_category = "nimbrelc_utils";
 // rather than letting a sparse file or an endless output end the process.
 constexpr size_t max_content_size = size_t{64} * 1024 * 1024;
 
+// Checks an open file before it is used; false with errno set.
+using file_check = bool (*)(int fd, const struct stat &info, mode_t mode);
+
 // A stream on a regular file, or null with errno set. Anything else would block (FIFO), have side
-// effects (device) or fail late (directory).
-file_ptr open_regular_file(const char *path, int flags, const char *stream_mode) {
+// effects (device) or fail late (directory). A file that this makes gets `mode`.
+file_ptr open_regular_file(const char *path, int flags, mode_t mode, const char *stream_mode,
+                           file_check check) {
     if (path == nullptr) {
         errno = EFAULT;
         return nullptr;
     }
-    const int fd = open(path, flags | O_NONBLOCK | O_NOCTTY | O_CLOEXEC, 0666);
+    const int fd = open(path, flags | O_NONBLOCK | O_NOCTTY | O_CLOEXEC, mode);
     if (fd < 0) {
         return nullptr;
     }
@@ -38,6 +42,8 @@ file_ptr open_regular_file(const char *path, int flags, const char *stream_mode)
         error = errno;
     } else if (!S_ISREG(info.st_mode)) {
         error = S_ISDIR(info.st_mode) ? EISDIR : EINVAL;
+    } else if (!check(fd, info, mode)) {
+        error = errno;
     } else {
         file_ptr file(fdopen(fd, stream_mode));
         if (file != nullptr) {
@@ -51,12 +57,43 @@ file_ptr open_regular_file(const char *path, int flags, const char *stream_mode)
 }
 
 file_ptr open_for_reading(const char *path) {
-    return open_regular_file(path, O_RDONLY, "r");
+    return open_regular_file(path, O_RDONLY, 0, "r",
+                             [](int, const struct stat &, mode_t) { return true; });
 }
 
-// As fopen() with "w+" does it.
-file_ptr open_for_writing(const char *path) {
-    return open_regular_file(path, O_RDWR | O_CREAT | O_TRUNC, "w+");
+// A file that is there already may have been planted: one with a second name, or another user's
+// that all may use, is refused. One of our own loses what is beyond `mode`, where the medium knows
+// modes.
+bool empty_for_writing(int fd, const struct stat &info, mode_t mode) {
+    const bool planted =
+        info.st_uid != geteuid() && info.st_uid != 0 && (info.st_mode & S_IRWXO & ~mode) != 0;
+    if (info.st_nlink > 1 || planted) {
+        errno = EPERM;
+        return false;
+    }
+    if ((info.st_mode & ACCESSPERMS & ~mode) != 0) {
+        (void)fchmod(fd, info.st_mode & mode);
+    }
+    return ftruncate(fd, 0) == 0;
+}
+
+// As fopen() with "w+" does it, but never through a link.
+file_ptr open_for_writing(const char *path, mode_t mode, int flags = 0) {
+    return open_regular_file(path, O_RDWR | O_CREAT | O_NOFOLLOW | flags, mode, "w+",
+                             empty_for_writing);
+}
+
+bool write_text(const char *path, file_ptr file, const char *text) {
+    if (file == nullptr) {
+        LOG_ERROR("Cannot open file %s for writing", path);
+        return false;
+    }
+    const bool written = fputs(text, file.get()) >= 0;
+    if (fclose(file.release()) != 0 || !written) {
+        LOG_ERROR("Error writing config file %s", path);
+        return false;
+    }
+    return true;
 }
 
 // Logs the latest error under `format` (one %s), and leaves it in errno for the caller.
@@ -136,28 +173,22 @@ bool dump_string_to_file(const char *path, const char *text) {
     if (path == nullptr || text == nullptr) {
         return false;
     }
-    file_ptr file = open_for_writing(path);
-    if (file == nullptr) {
-        LOG_ERROR("Cannot open file %s for writing", path);
-        return false;
-    }
-    const bool written = fputs(text, file.get()) >= 0;
-    if (fclose(file.release()) != 0 || !written) {
-        LOG_ERROR("Error writing config file %s", path);
-        return false;
-    }
-    return true;
+    return write_text(path, open_for_writing(path, file_mode_open), text);
 }
 
-bool safe_dump_string_to_file(const char *path, const char *text) {
-    if (path == nullptr) {
+bool safe_dump_string_to_file(const char *path, const char *text, mode_t mode) {
+    if (path == nullptr || text == nullptr) {
         return false;
+    }
+    struct stat replaced {};
+    if (stat(path, &replaced) == 0) {
+        mode &= replaced.st_mode | S_IRUSR | S_IWUSR;
     }
     const std::string temporary = std::string(path) + ".tmp";
     if (remove(temporary.c_str()) == 0) {
         LOG_WARN("Previous file write failed, proceeding");
     }
-    if (!dump_string_to_file(temporary.c_str(), text)) {
+    if (!write_text(temporary.c_str(), open_for_writing(temporary.c_str(), mode, O_EXCL), text)) {
         LOG_ERROR("Error saving file");
         return false;
     }
@@ -172,7 +203,7 @@ bool dump_binary_to_file(const char *path, std::string_view data) {
     if (path == nullptr) {
         return false;
     }
-    const file_ptr file = open_for_writing(path);
+    const file_ptr file = open_for_writing(path, file_mode_secret);
     if (file == nullptr) {
         LOG_WARN("Cannot open file %s for writing", path);
         return false;

@@ -1,6 +1,9 @@
 // Whole-file reads, atomic writes, comparing a file with a text, and removing a tree. Only regular
-// files are read and written; everything else fails as a file that cannot be opened.
+// files are read and written; everything else fails as a file that cannot be opened, and so does
+// writing through a symbolic link or into what somebody else may have planted.
 #pragma once
+
+#include <sys/types.h>
 
 #include <cstdio>
 #include <optional>
@@ -15,14 +18,18 @@ std::optional<std::string> nimbrelc_utils_read_file(const char *path);
 
 bool nimbrelc_utils_check_if_file_exists(const char *path);
 
+// Who may use a file that is written here. A file that was stricter stays so.
+constexpr mode_t file_mode_open = 0644;
+constexpr mode_t file_mode_secret = 0600;
+
 // Truncates and writes `path` in place. Done only when every byte and the closing flush succeeded.
 bool dump_string_to_file(const char *path, const char *text);
 
 // Writes "PATH.tmp" and renames it onto `path`, which is whole at every moment.
-bool safe_dump_string_to_file(const char *path, const char *text);
+bool safe_dump_string_to_file(const char *path, const char *text, mode_t mode = file_mode_open);
 
-// Truncates and writes `path`; true whenever the file could be opened, even if the write fell
-// short.
+// Truncates and writes `path`, a secret file; true whenever the file could be opened, even if the
+// write fell short.
 bool dump_binary_to_file(const char *path, std::string_view data);
 
 // Results of cmp_file_content.

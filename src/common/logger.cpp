@@ -209,9 +209,19 @@ void fix_file_permissions_if_needed(const char *path) {
     }
 }
 
+// A link that another user may have planted is not followed; the system's own ones are.
+bool is_foreign_link(const char *path) {
+    struct stat info {};
+    return lstat(path, &info) == 0 && S_ISLNK(info.st_mode) && info.st_uid != 0 &&
+           info.st_uid != geteuid();
+}
+
 // Unbuffered, and opened for each line, so that a rotation or a deletion from outside counts at
 // once.
 void append_to_file(const char *path, const log_line &line) {
+    if (is_foreign_link(path)) {
+        return;
+    }
     fix_file_permissions_if_needed(path);
     const int file = open(path, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0666);
     if (file < 0) {

@@ -1,5 +1,8 @@
 #include "config/config.h"
 
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <utility>
 
 #include "common/files.h"
@@ -17,6 +20,14 @@ constexpr const char *version_key = "softwareVersion";
 
 std::string loaded_path;
 json_ptr config_root;
+
+// A document that was copied from the default one may still be everybody's to read.
+void make_private(const char *path) {
+    struct stat info {};
+    if (lstat(path, &info) == 0 && S_ISREG(info.st_mode) && info.st_uid == geteuid()) {
+        chmod(path, info.st_mode & file_mode_secret);
+    }
+}
 
 }  // namespace
 
@@ -37,6 +48,7 @@ bool nimbrelc_config_load(const char *path) {
         return false;
     }
     config_root = std::move(root);
+    make_private(loaded_path.c_str());
     return true;
 }
 
@@ -47,7 +59,7 @@ bool nimbrelc_config_save() {
         LOG_ERROR("Error printing nimbrelc config");
         return false;
     }
-    if (!safe_dump_string_to_file(loaded_path.c_str(), text->c_str())) {
+    if (!safe_dump_string_to_file(loaded_path.c_str(), text->c_str(), file_mode_secret)) {
         LOG_ERROR("Error saving nimbrelc config");
         return false;
     }

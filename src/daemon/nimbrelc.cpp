@@ -5,7 +5,9 @@
 #include <algorithm>
 #include <iterator>
 
+#include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include "common/logger.h"
 #include "common/msg_bus/message_bus.h"
@@ -53,9 +55,32 @@ constexpr const char *bus_names[] = {
     "com.kelvanto.firmware",
 };
 
+// Whether a directory is the daemon's own, or root's, and nobody else can put anything into it. One
+// of its own that others can write in is tightened.
+bool is_private_dir(const char *path) {
+    const int directory = open(path, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+    if (directory == -1) {
+        return false;
+    }
+    constexpr mode_t written_by_others = S_IWGRP | S_IWOTH;
+    struct stat info {};
+    bool is_private =
+        fstat(directory, &info) == 0 && (info.st_uid == geteuid() || info.st_uid == 0);
+    if (is_private && (info.st_mode & written_by_others) != 0) {
+        is_private = info.st_uid == geteuid() &&
+                     fchmod(directory, info.st_mode & ACCESSPERMS & ~written_by_others) == 0;
+    }
+    close(directory);
+    return is_private;
+}
+
+// A directory that somebody planted is as good as none.
 bool create_working_dirs() {
-    mkdir("/tmp/nimbrel", 0777);
-    if (mkdir("/tmp/nimbrel/configs", 0755) != 0 && errno != EEXIST) {
+    constexpr const char *own = "/tmp/nimbrel";
+    constexpr const char *configs = "/tmp/nimbrel/configs";
+    mkdir(own, 0777);
+    if (!is_private_dir(own) || (mkdir(configs, 0755) != 0 && errno != EEXIST) ||
+        !is_private_dir(configs)) {
         LOG_ERROR("Cannot create all working dirs");
         return false;
     }

@@ -39,7 +39,8 @@ bool update_marker(const char *path, bool present) {
         return true;
     }
     // Not waiting, should something put a pipe there.
-    const int descriptor = open(path, O_RDONLY | O_CREAT | O_CLOEXEC | O_NONBLOCK | O_NOCTTY, 0644);
+    const int descriptor =
+        open(path, O_RDONLY | O_CREAT | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK | O_NOCTTY, 0644);
     if (descriptor == -1) {
         LOG_WARN("Failed to create file %s: %s", path, strerror(errno));
         return false;
@@ -55,7 +56,7 @@ bool save_password(const char *password) {
         LOG_ERROR("Encryption of serial console password failed");
         return false;
     }
-    if (!safe_dump_string_to_file(password_file, encrypted->c_str())) {
+    if (!safe_dump_string_to_file(password_file, encrypted->c_str(), file_mode_secret)) {
         LOG_ERROR("Failed to save the serial console login password");
         return false;
     }

@@ -162,7 +162,8 @@ bool save(cJSON *config, const char *installed) {
         LOG_ERROR("Error printing modified config");
         return false;
     }
-    if (!safe_dump_string_to_file(get_nimbrelc_config_file_location(), text->c_str())) {
+    if (!safe_dump_string_to_file(get_nimbrelc_config_file_location(), text->c_str(),
+                                  file_mode_secret)) {
         LOG_ERROR("Error saving migrated config");
         return false;
     }

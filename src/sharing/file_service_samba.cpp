@@ -52,7 +52,7 @@ bool write_aliases(const storage_config &protection) {
         return false;
     }
     const std::string alias = "default=" + nimbrelc_utils_printable(protection.username);
-    if (!safe_dump_string_to_file(users_map, alias.c_str())) {
+    if (!safe_dump_string_to_file(users_map, alias.c_str(), file_mode_secret)) {
         LOG_ERROR("Failed to save sambausers.map");
         return false;
     }
