@@ -1,6 +1,11 @@
 // Entry point: logging, command line, identity, crypto library, then either the one-shot migration
 // of the configuration or the event loop with all services.
+#include <fcntl.h>
+#include <grp.h>
+#include <sys/stat.h>
+
 #include <cerrno>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -28,7 +33,37 @@ constexpr identity identities[] = {
     {"UID", setuid},
 };
 
+// What the process was started with does not matter: three open descriptors, no signal ignored or
+// blocked but the one that a reader's death sends, and files that only their owner can write.
+void shed_inherited_state() {
+    int descriptor = -1;
+    do {
+        descriptor = open("/dev/null", O_RDWR);
+    } while (descriptor != -1 && descriptor < STDERR_FILENO);
+    if (descriptor > STDERR_FILENO) {
+        close(descriptor);
+    }
+    sigset_t none;
+    sigemptyset(&none);
+    sigprocmask(SIG_SETMASK, &none, nullptr);
+    for (int number = 1; number < NSIG; ++number) {
+        signal(number, number == SIGPIPE ? SIG_IGN : SIG_DFL);
+    }
+    umask(S_IWGRP | S_IWOTH);
+}
+
+// Root's further groups do not belong to the daemon's user. Only root can drop them.
+void drop_supplementary_groups() {
+    if (geteuid() == 0 && getgroups(0, nullptr) > 0 && setgroups(0, nullptr) != 0) {
+        LOG_WARN("Failed to drop supplementary groups: %s", strerror(errno));
+        exit(1);
+    }
+}
+
 void switch_identity() {
+    if (getenv("GID") != nullptr || getenv("UID") != nullptr) {
+        drop_supplementary_groups();
+    }
     for (const identity &row : identities) {
         const char *value = getenv(row.variable);
         if (value == nullptr) {
@@ -118,6 +153,7 @@ int run(int argc, char *argv[]) {
 }  // namespace
 
 int main(int argc, char *argv[]) {
+    shed_inherited_state();
     logger_enable_syslog("nimbrelc", LOG_LEVEL_INFO);
     printf("nimbrelc v%s\n", program_version);
     fflush(stdout);  // out before any child could inherit it

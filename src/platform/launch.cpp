@@ -49,9 +49,18 @@ bool start_shell(const char *command, shell &child) {
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
     posix_spawn_file_actions_adddup2(&actions, ends[1], STDOUT_FILENO);
+    // The daemon and the bus library ignore this one.
+    sigset_t defaults;
+    sigemptyset(&defaults);
+    sigaddset(&defaults, SIGPIPE);
+    posix_spawnattr_t attributes;
+    posix_spawnattr_init(&attributes);
+    posix_spawnattr_setsigdefault(&attributes, &defaults);
+    posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGDEF);
     const char *const argv[] = {"sh", "-c", "--", command, nullptr};
-    const int error = posix_spawn(&child.process, "/bin/sh", &actions, nullptr,
+    const int error = posix_spawn(&child.process, "/bin/sh", &actions, &attributes,
                                   const_cast<char *const *>(argv), environ);
+    posix_spawnattr_destroy(&attributes);
     posix_spawn_file_actions_destroy(&actions);
     close(ends[1]);
     child.output.reset(fdopen(ends[0], "r"));
@@ -114,6 +123,7 @@ pid_t start_child(const char *const argv[], int input) {
     } else if (input != no_descriptor) {
         dup2(input, STDIN_FILENO);
     }
+    signal(SIGPIPE, SIG_DFL);
     char *const empty_environment[] = {nullptr};
     execve(argv[0], const_cast<char *const *>(argv), empty_environment);
     LOG_ERROR("execve failed: %s", strerror(errno));
