@@ -10,6 +10,7 @@
 
 #include "common/bus_error.h"
 #include "common/logger.h"
+#include "common/msg_bus/message_bus_introspection.h"
 
 namespace {
 
@@ -118,16 +119,46 @@ void call_handler(const method_listener &listener, DBusMessage *message) {
     }
 }
 
+// The interfaces of the object and the nodes below it.
+void introspect(DBusConnection *connection, DBusMessage *message) {
+    const char *path = dbus_message_get_path(message);
+    std::vector<const char *> interfaces;
+    for (const method_listener &listener : method_listeners) {
+        const bool known =
+            std::any_of(interfaces.begin(), interfaces.end(), [&listener](const char *interface) {
+                return strcmp(interface, listener.method.interface) == 0;
+            });
+        if (!known && strcmp(listener.method.path, path) == 0) {
+            interfaces.push_back(listener.method.interface);
+        }
+    }
+    char **children = nullptr;
+    if (!dbus_connection_list_registered(connection, path, &children)) {
+        return;
+    }
+    size_t count = 0;
+    while (children[count] != nullptr) {
+        ++count;
+    }
+    message_bus_send_string_reply(
+        message_bus_request(message),
+        message_bus_describe_object(interfaces, {children, count}).c_str());
+    dbus_free_string_array(children);
+}
+
 // kept: the path of the call is not compared, a listener answers on every registered path.
-DBusHandlerResult dispatch_method(DBusConnection *, DBusMessage *message, void *) {
+DBusHandlerResult dispatch_method(DBusConnection *connection, DBusMessage *message, void *) {
     const auto listener = std::find_if(
         method_listeners.begin(), method_listeners.end(), [message](const method_listener &row) {
             return dbus_message_is_method_call(message, row.method.interface, row.method.member);
         });
-    if (listener == method_listeners.end()) {
+    if (listener != method_listeners.end()) {
+        call_handler(*listener, message);
+    } else if (dbus_message_is_method_call(message, DBUS_INTERFACE_INTROSPECTABLE, "Introspect")) {
+        introspect(connection, message);
+    } else {
         return DBUS_HANDLER_RESULT_NOT_YET_HANDLED;
     }
-    call_handler(*listener, message);
     return DBUS_HANDLER_RESULT_HANDLED;
 }
 
