@@ -1,5 +1,10 @@
 #include "disks/disk_records.h"
 
+#include <strings.h>
+
+#include <algorithm>
+#include <vector>
+
 #include "common/files.h"
 #include "common/json.h"
 #include "common/logger.h"
@@ -16,6 +21,40 @@ constexpr const char *converted_text_path = "/tmp/nimbrel/ddm_json.err";
 bool keeps_colon(char previous) {
     return previous == '"' || (previous >= 'A' && previous <= 'Z') ||
            (previous >= '0' && previous <= '9');
+}
+
+// Whether a member stands twice in an object, case ignored as in lookups: then it is not said which
+// one a reader would get.
+bool is_ambiguous(const cJSON *item) {
+    std::vector<const char *> names;
+    const cJSON *member = nullptr;
+    cJSON_ArrayForEach(member, item) {
+        if (is_ambiguous(member)) {
+            return true;
+        }
+        if (cJSON_IsObject(item)) {
+            names.push_back(member->string);
+        }
+    }
+    std::sort(names.begin(), names.end(),
+              [](const char *a, const char *b) { return strcasecmp(a, b) < 0; });
+    return std::adjacent_find(names.begin(), names.end(), [](const char *a, const char *b) {
+               return strcasecmp(a, b) == 0;
+           }) != names.end();
+}
+
+// Takes the ambiguous records out of a list; true when there were any.
+bool drop_ambiguous(cJSON *list) {
+    bool dropped = false;
+    cJSON *next = nullptr;
+    for (cJSON *record = list->child; record != nullptr; record = next) {
+        next = record->next;
+        if (is_ambiguous(record)) {
+            cJSON_Delete(cJSON_DetachItemViaPointer(list, record));
+            dropped = true;
+        }
+    }
+    return dropped;
 }
 
 }  // namespace
@@ -53,7 +92,14 @@ json_ptr convert_ddm_respone_data_to_json(const char *text) {
     const char *raw = nimbrelc_utils_empty_if_null(text);
     const std::string converted = convert_ddm_respone_data_to_json_str(raw);
     json_ptr value(cJSON_Parse(converted.c_str()));
-    if (value == nullptr) {
+    // A label may pretend to be further members.
+    bool incomplete = false;
+    if (cJSON_IsArray(value.get())) {
+        incomplete = drop_ambiguous(value.get());
+    } else if (is_ambiguous(value.get())) {
+        value.reset();
+    }
+    if (value == nullptr || incomplete) {
         LOG_ERROR("Cannot parse json");
         dump_string_to_file(raw_text_path, raw);
         dump_string_to_file(converted_text_path, converted.c_str());

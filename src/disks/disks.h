@@ -43,6 +43,6 @@ bool removable_partitions_list(message_bus_request &request, message_bus_answer 
 // Whether a partition's record has a mount point.
 bool disk_record_is_mounted(const cJSON *partition);
 
-// The disk daemon's notation as JSON, or none; then the texts are kept in /tmp/nimbrel/ddm_data.err
-// and ddm_json.err.
+// The disk daemon's notation as JSON, or none. A record in which a member stands twice is none, and
+// left out of a list. What could not be read is kept in /tmp/nimbrel/ddm_data.err and ddm_json.err.
 json_ptr convert_ddm_respone_data_to_json(const char *text);
