@@ -25,5 +25,5 @@ std::string launch_escape_quoted(std::string_view value) {
 }
 
 std::string launch_escape_unquoted(std::string_view value) {
-    return escape(value, "\"\\$`';&|<>()*?[~#\n");
+    return escape(value, "\"\\$`';&|<>()*?[{}~#\n");
 }
