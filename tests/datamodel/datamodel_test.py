@@ -255,8 +255,8 @@ def test_storage(gateway):
                       ("LogicalVolume.3", '"PhysicalReference":"' + STORAGE + 'PhysicalMedium.3."')]:
         assert part in box.data_model("GetObject", STORAGE + key)[0]
     indexed = [STORAGE + "PhysicalMedium.1", STORAGE + "LogicalVolume.1"]
-    for key in [STORAGE + "PhysicalMedium.0", STORAGE + "LogicalVolume.4", STORAGE + "PhysicalMedium.-1"]:
-        assert box.data_model("GetObject", key) == ()
+    for key in ["PhysicalMedium.0", "LogicalVolume.4", "PhysicalMedium.-1", "PhysicalMedium.Vendor"]:
+        assert box.data_model("GetObject", STORAGE + key) == ()
     for line in ["physical_medium_getter: invalid index -1", "logical_volume_getter: invalid index 3",
                  "physical_medium_getter: invalid index -2", "read_devices_and_partitions: callback error"]:
         box.wait_log(line)

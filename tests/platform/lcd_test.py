@@ -36,16 +36,6 @@ def test_texts_go_out_in_the_order_of_the_file(box):
         '{"Language":"xx","Description":""},{"Language":"yy","Description":""}]', "[]"]
 
 
-def test_a_broken_locale_file_leaves_the_daemon_running(box):
-    start(box, "{broken")
-    box.wait_log("Cannot parse json LCD locale")
-    show(box, "/s")
-    box.wait_log("Locale not parsed or invalid, won't send message")
-    dismiss(box, "/s")
-    box.wait_log('Attempt to remove non-existent message from list, key: "/s"')
-    assert not box.peer("lcd").calls()
-
-
 def test_messages_are_cleared_by_key_first_shown_first(box):
     start(box, STICK)
     lcd = box.peer("lcd")

@@ -166,6 +166,11 @@ def test_last_connection_and_devices(box):
     assert vpn(box, "getDevices") == ()
     box.wait_log("getConnectedDevices.sh failed with status: 4")
     box.wait_log("get_devices() failed", count=2)
+    # Three tokens a device, none of them empty; what is left over is dropped.
+    box.script(script, out=";5;;min;10.0.0.2;;;1;h;10.0.0.3;\n")
+    assert vpn(box, "getDevices") == (
+        '[{"ipAddress":"10.0.0.2","connectionTime":{"count":"5","format":"min"}},'
+        '{"ipAddress":"10.0.0.3","connectionTime":{"count":"1","format":"h"}}]',)
     box.script(script, out="1;\"h\xe9\udcff;10.0.0.3;" + "5;min;10.0.0.2;" * 80000)
     devices = json.loads(vpn(box, "getDevices")[0])
     assert devices[0] == {"ipAddress": "10.0.0.3", "connectionTime": {"count": "1", "format": "\"hé\ufffd"}}

@@ -1,0 +1,221 @@
+"""Attacks of an unprivileged user of the box on the installed daemon, and the same acts by their
+rightful senders."""
+import os
+import re
+import stat
+from pathlib import Path
+
+import pytest
+
+from box import wait_until
+
+INTRUDER = ["setpriv", "--reuid=nobody", "--regid=nogroup", "--clear-groups", "--"]
+OWN = "/tmp/nimbrel"
+
+
+def as_intruder(box, *argv, **options):
+    return box.run([*INTRUDER, *argv], check=False, **options)
+
+
+def send_signal(box, interface, member, *args, user=INTRUDER):
+    box.run([*user, "dbus-send", "--system", "/status", f"{interface}.{member}", *args], check=False)
+
+
+def facts(box, path):
+    info = os.lstat(box.path(path))
+    return stat.filemode(info.st_mode), info.st_uid
+
+
+@pytest.mark.parametrize("plant", [
+    f"mkdir -m 777 {OWN}; mkdir -m 777 {OWN}/configs; ln -s /etc/passwd {OWN}/configs/samba.config.tmp",
+    f"mkdir -m 700 {OWN}; ln -s /media {OWN}/configs",
+    f"ln -s /media {OWN}",
+    f"echo mine >{OWN}",
+])
+def test_nothing_planted_in_the_place_of_the_working_directory_survives(box, plant):
+    as_intruder(box, "sh", "-c", plant)
+    users = box.read("/etc/passwd")
+    # Without the service's preparation the daemon does not start on it.
+    box.run(["env", "-i", "PATH=/usr/bin:/bin", "UID=7001", "GID=7001", "nimbrelc"], check=False)
+    assert "Cannot create all working dirs" in box.log()
+    assert not box.exists("/media/configs")
+    box.start_daemon()
+    assert facts(box, OWN) == ("drwxr-xr-x", 7001)
+    assert facts(box, OWN + "/configs") == ("drwxr-xr-x", 7001)
+    (aside,) = [name for name in os.listdir(box.path("/tmp")) if name.startswith("nimbrel.")]
+    assert facts(box, "/tmp/" + aside) == ("drwx------", 0)
+    box.plug("sda")
+    box.wait_up("smbd")
+    assert facts(box, OWN + "/configs/samba.config") == ("-rw-r--r--", 7001)
+    assert box.read("/etc/passwd") == users
+    # What is the daemon's own stays, and loses a mode with which others could write.
+    os.chmod(box.path(OWN + "/configs"), 0o777)
+    box.stop_daemon()
+    box.start_daemon()
+    assert facts(box, OWN + "/configs") == ("drwxr-xr-x", 7001)
+    assert box.exists(OWN + "/configs/samba.config")
+
+
+def test_secrets_are_for_the_daemon_alone(box):
+    box.run(["sh", "-c", "umask 0; cp /opt/app/default_config/nimbrelc.json /media/nimbrelc.json"])
+    box.chown("/media/nimbrelc.json", "nimbrelc")
+    box.start_daemon()
+    assert facts(box, "/media/nimbrelc.json") == ("-rw-------", 7001)
+    box.call("/ws/nas/fileservices", "com.kelvanto.nimbrel.nas.fileservices",
+             "updateCredentialsForUserShares", True, "alice", "passw0rd")
+    box.data_model("SetValue", "Device.X_KELVANTO-COM_DeviceManagement.SerialConsole.LoginPassword", "x")
+    box.plug("sda")
+    box.wait_up("smbd")
+    for path in ("/media/nimbrelc.json", "/media/serial_login_password",
+                 "/tmp/nimbrel/configs/sambausers.map"):
+        assert facts(box, path) == ("-rw-------", 7001)
+
+    def store(path):
+        box.call("/backup", "com.kelvanto.nimbrel.backup", "store", path)
+    document = box.read("/media/nimbrelc.json")
+    os.chmod(box.path("/tmp"), 0o777)  # the kernel protects planted links in sticky directories only
+    as_intruder(box, "sh", "-c", "ln -s /media/nimbrelc.json /tmp/link; umask 0; echo mine >/tmp/open")
+    for path in ("/tmp/link", "/tmp/open"):
+        store(path)
+    box.wait_log("Failed to save the backup", count=2)
+    assert box.read("/media/nimbrelc.json") == document
+    assert box.read("/tmp/open") == "mine\n"
+    box.write("/tmp/lax", "older", 0o666)
+    for path in ("/tmp/new", "/tmp/lax"):
+        store(path)
+        assert facts(box, path) == ("-rw-------", 7001)
+        assert as_intruder(box, "cat", path).returncode == 1
+
+
+def test_signals_count_only_from_their_real_senders(box):
+    box.edit_config(lambda config: config["vpn"].update(globalEnable=True))
+    box.start_daemon()
+    box.wait_log("is not running - fine", count=3)
+    box.wait_log("DMS manager configuration delivered successfully")
+    before = len(box.sudo()), len(box.log())
+    record = "string:{syspath: 'x', disk_syspath: 'y', label: 'all', mount_point: '/'}"
+    acts = [("com.kelvanto.ddm", "PartitionConnected", record),
+            ("com.kelvanto.systemcalls", "IPAddressChanged"),
+            ("com.kelvanto.nimbrel.upgrade", "ShowUpgradeMessage")]
+    for act in acts:
+        send_signal(box, *act)
+        as_intruder(box, "dbus-send", "--system", "--dest=com.kelvanto.nimbrel", "/status",
+                    ".".join(act[:2]), *act[2:])
+    send_signal(box, *acts[0], user=[])  # root is not the disk daemon either
+    for name in ("com.kelvanto.ddm", "com.kelvanto.nimbrel"):
+        refused = as_intruder(box, "dbus-send", "--system", "--print-reply",
+                              "--dest=org.freedesktop.DBus", "/", "org.freedesktop.DBus.RequestName",
+                              "string:" + name, "uint32:2")
+        assert "AccessDenied" in refused.stderr
+    assert box.serving()  # later than all of them
+    assert (len(box.sudo()), len(box.log())) == before
+    box.signal(*acts[0][:2], record.removeprefix("string:"), path="/status")
+    box.wait_log("Update file services on partition connected")
+    for act in acts[1:]:
+        send_signal(box, *act, user=[])
+    box.wait_log("LCD show event")
+    wait_until(lambda: any("updateConfig.sh" in command for command in box.sudo()[before[0]:]),
+               "the VPN's restart")
+
+
+@pytest.mark.sanitize
+def test_a_label_that_pretends_to_be_members(box):
+    false = "x', Mount_Point: '/', more: 'y"
+    box.start_daemon()
+    box.wait_log("Partition list received")
+    box.plug("sda", partitions=[{"label": false, "mount_point": None}])
+    box.wait_log("Cannot parse partition connected")
+    box.plug("sdb")
+    box.wait_up("smbd")
+    box.stop_daemon()
+    box.start_daemon()
+    box.wait_log("Cannot parse json", count=2)
+    box.wait_log("Updating file services, number of supported partitions: 1", count=2)
+    assert "path = /media/sdb1" in box.read("/tmp/nimbrel/configs/samba.config")
+    assert "path = /\n" not in box.read("/tmp/nimbrel/configs/samba.config")
+
+
+@pytest.mark.sanitize
+def test_whatever_the_process_inherits(box):
+    box.write("/usr/bin/scripts/ssh/set_auth_key.sh",
+              "#!/bin/sh\ngrep Sig /proc/self/status >/run/box/signals; readlink /proc/self/fd/[012]\n",
+              0o755, "root")
+    box.write("/run/service/nimbrelc/run", """#!/bin/bash
+trap '' HUP INT TERM CHLD PIPE
+umask 0
+exec setpriv --groups 0,7002 /etc/s6/sv/nimbrelc/run <&- >&- 2>&-
+""", 0o755, "root")
+    box.run(["s6-svc", "-u", "/run/service/nimbrelc"])
+    wait_until(box.serving, "the daemon serves")
+    status = Path(f"/proc/{box.daemon_pid()}/status").read_text()
+    assert re.search(r"^Groups:\s*$", status, re.M)
+    assert re.search(r"^Uid:\s+7001\s+7001\s+7001", status, re.M)
+    assert re.search(r"^Umask:\s+0022$", status, re.M)
+    assert int(re.search(r"^SigIgn:\s+(\w+)", status, re.M)[1], 16) & 0x7fffffff == 1 << 12  # SIGPIPE
+    ignored = re.search(r"^SigIgn:\s+(\w+)", box.read("/run/box/signals"), re.M)[1]
+    assert int(ignored, 16) & 0x7fffffff == 0
+    assert [os.readlink(f"/proc/{box.daemon_pid()}/fd/{number}") for number in range(3)] == ["/dev/null"] * 3
+
+
+def test_objects_describe_themselves(box):
+    box.start_daemon()
+
+    def introspect(path):
+        text = as_intruder(box, "dbus-send", "--system", "--print-reply=literal",
+                           "--dest=com.kelvanto.nimbrel", path,
+                           "org.freedesktop.DBus.Introspectable.Introspect").stdout
+        found = re.findall(r'<(interface|method|node) name="([^"]+)"', text)
+        return {kind: [name for row, name in found if row == kind] for kind in ("interface", "method", "node")}
+    shown = introspect("/com/kelvanto/nimbrel")
+    assert shown["interface"][1:] == ["com.kelvanto.nimbrel.syslog", "com.kelvanto.nimbrel.datamodel"]
+    assert shown["method"] == ["Introspect", "GetCurrentLogPath", "GetValue", "SetValue", "GetObject"]
+    todo, seen = ["/"], []
+    while todo:
+        path = todo.pop()
+        shown = introspect(path)
+        seen += shown["interface"]
+        todo += [path.rstrip("/") + "/" + name for name in shown["node"]]
+    installed = {name.removesuffix(".xml") for name in os.listdir(box.path("/usr/share/dbus-1/interfaces"))
+                 if name.startswith("com.kelvanto")}
+    assert installed <= set(seen)
+
+
+SCRIPTS = "/usr/bin/scripts/"
+NEEDED = [
+    "s6-svstat /run/service/smbd", "s6-svc -h /run/service/avahi", "s6-rc -u change smbd",
+    "s6-svc -d /run/service/syslogd-log", "dmesg -E",
+    "smbpasswd -c /tmp/nimbrel/configs/samba.config -an default",
+    SCRIPTS + "firewallctl start debug", SCRIPTS + "firewallctl vpn release",
+    SCRIPTS + "firewall/set_port_forwarding.sh internal 100 65534 22 'Remote SSH Access'",
+    SCRIPTS + "firewall/delete_port_forwarding.sh internal 100",
+    SCRIPTS + "ssh/set_auth_key.sh 'any key'", SCRIPTS + "vpn/updateConfig.sh a 0vb 0v",
+    SCRIPTS + "vpn/getPortForwardingStatus.sh 4500 internal_99", SCRIPTS + "vpn/getConnectedDevices.sh",
+    f"/bin/sh {SCRIPTS}remove_afp_cnid_dir.sh 'My Data'", f"/bin/sh {SCRIPTS}remove_afp_cnid_dir.sh ..a",
+]
+NEIGHBOURS = [
+    "s6-svstat /run/service/dbus", "s6-svc -d /run/service/smbd", "s6-rc -u change smbd avahi", "dmesg",
+    "smbpasswd -c /tmp/other -an default", SCRIPTS + "firewallctl", SCRIPTS + "firewallctl start debug x",
+    SCRIPTS + "firewallctl flush debug", SCRIPTS + "vpn/getPortForwardingStatus.sh 500 internal_99",
+    SCRIPTS + "firewall/set_port_forwarding.sh internal 100 1 23 'Remote SSH Access'",
+    SCRIPTS + "firewall/set_port_forwarding.sh internal 100 '1 22 x' 22 'Remote SSH Access'",
+    SCRIPTS + "firewall/delete_port_forwarding.sh internal 101", SCRIPTS + "vpn/getConnectedDevices.sh x",
+    f"/bin/sh {SCRIPTS}remove_afp_cnid_dir.sh ..", f"/bin/sh {SCRIPTS}remove_afp_cnid_dir.sh a/b",
+    f"/bin/sh {SCRIPTS}remove_afp_cnid_dir.sh", "/bin/sh", "/usr/bin/id",
+]
+
+
+def test_root_commands(box):
+    box.write("/root/ask", """while read -r line; do
+        eval "sudo -n -l -U nimbrelc -- $line" </dev/null >/dev/null 2>&1 && echo yes || echo no
+    done""")
+    answers = box.run(["sh", "/root/ask"], input="\n".join([*NEEDED, *NEIGHBOURS, ""])).stdout.split()
+    rows = dict(zip(NEEDED + NEIGHBOURS, answers, strict=True))
+    assert [line for line in NEEDED if rows[line] != "yes"] == []
+    assert [line for line in NEIGHBOURS if rows[line] != "no"] == []
+    # What is refused is in the system log, what is allowed is not.
+    box.run(["rm", "/etc/sudoers.d/zz-box"])
+    for command in ("/usr/bin/id", "/usr/bin/dmesg -E"):
+        box.run(["setpriv", "--reuid=7001", "--regid=7001", "--clear-groups", "sudo", "-n", *command.split()],
+                check=False)
+    box.wait_log("COMMAND=/usr/bin/id")
+    assert "dmesg" not in box.log()
