@@ -194,7 +194,7 @@ void set_enabled(bool enable) {
         LOG_ERROR("Failed to start daemons");
     }
     if (!enable && !vpn_stop_daemons()) {
-        LOG_ERROR("Failed to write vpn configuration");  // kept, though nothing was written
+        LOG_ERROR("Failed to write vpn configuration");  // kept: though nothing was written
     }
 }
 

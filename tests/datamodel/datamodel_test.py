@@ -163,7 +163,7 @@ def test_writing_the_configuration(gateway):
                        (SYSLOG + "NumberOfFiles", ("x", 7)), (SYSLOG + "Persistent", u(1)),
                        (SYSLOG + "Persistent", ("v", ("b", True)))]:
         assert not set_value(box, key, value)
-    # Kept: the hook runs after a refused value too.
+    # kept: the hook runs after a refused value too.
     box.wait_log("syslogd-log already run with the right options", count=applied + 5)
     for key in ["Device.DeviceInfo.SoftwareVersion", DEVICE + "Storage.CentralStorageEnabled",
                 STORAGE + "PhysicalMedium.1", "Device.LAN.IPAddress"]:

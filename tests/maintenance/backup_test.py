@@ -137,7 +137,7 @@ def test_odd_and_older_backups(box):
                          "getCredentialsForUserShares")
     assert json.loads(json.loads(quoted)) == {"enabled": True, "username": "grandma", "password": "cookies-4-all"}
 
-    # Kept: on a full medium the answer is true all the same; the daemon starts anew with the old document.
+    # kept: on a full medium the answer is true all the same; the daemon starts anew with the old document.
     box.fill_medium()
     write_backup(box, {"config": {"storage.username": "nobody", "storage.password4": ""}})
     assert backup(box, "restore", FILE) == (True,)

@@ -81,7 +81,7 @@ TEST(migration_steps, move_legacy_secrets_that_decrypt) {
         {legacy + R"(,"password4":"old","password3":"x"})", R"({"password4":")" + secret + R"("})"},
         {R"({"password_legacy":"","password3":"x"})", R"({"password4":""})"},
         {R"({"password_legacy":"bm9uc2Vuc2U=","password4":"kept"})", R"({"password4":"kept"})"},
-        // Kept: a replace, so where the new member was missing the secret is lost.
+        // kept: a replace, so where the new member was missing the secret is lost.
         {legacy + "}", R"({"password4":""})"},
         {"{}", R"({"password4":""})"},
     };

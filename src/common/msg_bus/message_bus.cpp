@@ -119,7 +119,6 @@ void call_handler(const method_listener &listener, DBusMessage *message) {
     }
 }
 
-// The interfaces of the object and the nodes below it.
 void introspect(DBusConnection *connection, DBusMessage *message) {
     const char *path = dbus_message_get_path(message);
     std::vector<const char *> interfaces;
@@ -132,18 +131,8 @@ void introspect(DBusConnection *connection, DBusMessage *message) {
             interfaces.push_back(listener.method.interface);
         }
     }
-    char **children = nullptr;
-    if (!dbus_connection_list_registered(connection, path, &children)) {
-        return;
-    }
-    size_t count = 0;
-    while (children[count] != nullptr) {
-        ++count;
-    }
-    message_bus_send_string_reply(
-        message_bus_request(message),
-        message_bus_describe_object(interfaces, {children, count}).c_str());
-    dbus_free_string_array(children);
+    const std::string text = message_bus_describe_object(connection, path, interfaces);
+    message_bus_send_string_reply(message_bus_request(message), text.c_str());
 }
 
 // kept: the path of the call is not compared, a listener answers on every registered path.

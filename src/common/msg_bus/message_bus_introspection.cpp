@@ -1,7 +1,5 @@
 #include "common/msg_bus/message_bus_introspection.h"
 
-#include <dbus/dbus.h>
-
 #include <algorithm>
 #include <cstring>
 #include <iterator>
@@ -31,15 +29,19 @@ std::string describe_interface(const char *name) {
 
 }  // namespace
 
-std::string message_bus_describe_object(std::span<const char *const> interfaces,
-                                        std::span<const char *const> children) {
+std::string message_bus_describe_object(DBusConnection *connection, const char *path,
+                                        std::span<const char *const> interfaces) {
     std::string text = DBUS_INTROSPECT_1_0_XML_DOCTYPE_DECL_NODE "<node>\n";
     text += "  " + describe_interface(DBUS_INTERFACE_INTROSPECTABLE) + "\n";
     for (const char *interface : interfaces) {
         text += "  " + describe_interface(interface) + "\n";
     }
-    for (const char *child : children) {
-        text.append("  <node name=\"").append(child).append("\"/>\n");
+    char **children = nullptr;
+    if (dbus_connection_list_registered(connection, path, &children)) {
+        for (char *const *child = children; *child != nullptr; ++child) {
+            text.append("  <node name=\"").append(*child).append("\"/>\n");
+        }
+        dbus_free_string_array(children);
     }
     return text + "</node>\n";
 }

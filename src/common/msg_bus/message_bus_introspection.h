@@ -2,9 +2,11 @@
 // those in data/interfaces, built in.
 #pragma once
 
+#include <dbus/dbus.h>
+
 #include <span>
 #include <string>
 
-// The description of an object with these interfaces and, below it, these child nodes.
-std::string message_bus_describe_object(std::span<const char *const> interfaces,
-                                        std::span<const char *const> children);
+// The description of the object at `path`: these interfaces, and the nodes below it.
+std::string message_bus_describe_object(DBusConnection *connection, const char *path,
+                                        std::span<const char *const> interfaces);
