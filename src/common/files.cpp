@@ -24,6 +24,11 @@ constexpr size_t max_content_size = size_t{64} * 1024 * 1024;
 // Checks an open file before it is used; false with errno set.
 using file_check = bool (*)(int fd, const struct stat &info, mode_t mode);
 
+bool is_regular(const struct stat &info) {
+    errno = S_ISDIR(info.st_mode) ? EISDIR : EINVAL;
+    return S_ISREG(info.st_mode);
+}
+
 // A stream on a regular file, or null with errno set. Anything else would block (FIFO), have side
 // effects (device) or fail late (directory). A file that this makes gets `mode`.
 file_ptr open_regular_file(const char *path, int flags, mode_t mode, const char *stream_mode,
@@ -36,24 +41,17 @@ file_ptr open_regular_file(const char *path, int flags, mode_t mode, const char 
     if (fd < 0) {
         return nullptr;
     }
-    int error = 0;
     struct stat info {};
-    if (fstat(fd, &info) != 0) {
-        error = errno;
-    } else if (!S_ISREG(info.st_mode)) {
-        error = S_ISDIR(info.st_mode) ? EISDIR : EINVAL;
-    } else if (!check(fd, info, mode)) {
-        error = errno;
-    } else {
-        file_ptr file(fdopen(fd, stream_mode));
-        if (file != nullptr) {
-            return file;
-        }
-        error = errno;
+    file_ptr file;
+    if (fstat(fd, &info) == 0 && is_regular(info) && check(fd, info, mode)) {
+        file.reset(fdopen(fd, stream_mode));
     }
-    close(fd);
-    errno = error;
-    return nullptr;
+    if (file == nullptr) {
+        const int error = errno;
+        close(fd);
+        errno = error;
+    }
+    return file;
 }
 
 file_ptr open_for_reading(const char *path) {
