@@ -15,6 +15,12 @@ constexpr const char *log_category = "ssh";
 
 std::string syslog_log;  // what the system log would show, with its opening and closing
 
+void show(int priority, const char *format, va_list arguments) {
+    char text[8192];
+    vsnprintf(text, sizeof(text), format, arguments);
+    syslog_log += std::to_string(priority) + text + "\n";
+}
+
 }  // namespace
 
 // The program's own definitions come before the C library's.
@@ -26,12 +32,17 @@ void closelog() {
     syslog_log += "[close]";
 }
 void syslog(int priority, const char *format, ...) {
-    char text[8192];
     va_list arguments;
     va_start(arguments, format);
-    vsnprintf(text, sizeof(text), format, arguments);
+    show(priority, format, arguments);
     va_end(arguments);
-    syslog_log += std::to_string(priority) + text + "\n";
+}
+// What a hardened build calls in its place.
+void __syslog_chk(int priority, int, const char *format, ...) {
+    va_list arguments;
+    va_start(arguments, format);
+    show(priority, format, arguments);
+    va_end(arguments);
 }
 }
 
