@@ -17,6 +17,8 @@ TEST(config, edits_and_saves_one_document) {
     ASSERT_TRUE(dump_string_to_file(file.c_str(), text));
     ASSERT_TRUE(nimbrelc_config_load(file.c_str()));
     EXPECT_STREQ(nimbrelc_config_get_software_version(), "08.05.09");
+    EXPECT_EQ(std::filesystem::status(file).permissions(),
+              std::filesystem::perms::owner_read | std::filesystem::perms::owner_write);
 
     // A load that fails leaves the document, yet the next save goes to its path.
     const std::string broken = directory / "broken.json";

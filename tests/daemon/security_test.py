@@ -30,7 +30,7 @@ def facts(box, path):
     f"mkdir -m 777 {OWN}; mkdir -m 777 {OWN}/configs; ln -s /etc/passwd {OWN}/configs/samba.config.tmp",
     f"mkdir -m 700 {OWN}; ln -s /media {OWN}/configs",
     f"ln -s /media {OWN}",
-    f"echo mine >{OWN}",
+    f"mkdir -m 755 {OWN} {OWN}/configs",
 ])
 def test_nothing_planted_in_the_place_of_the_working_directory_survives(box, plant):
     as_intruder(box, "sh", "-c", plant)
