@@ -99,6 +99,7 @@ def test_a_late_list_replaces_what_signals_brought(gateway):
     gateway.peer("ddm").hold("PartitionList")
     gateway.start_daemon()
     gateway.wait_log("Device list received")
+    gateway.peer("ddm").wait_calls("PartitionList")
     assert [call[0] for call in gateway.peer("ddm").calls()][:2] == ["DeviceList", "PartitionList"]
     gateway.disk_signal("DeviceAttached", device("/d"))
     gateway.disk_signal("PartitionConnected", partition("/d/1", "/d"))
