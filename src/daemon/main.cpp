@@ -117,9 +117,19 @@ int migrate() {
     return 0;
 }
 
+// A loop that looks at the clock whenever a timer is started: a callback may have waited for
+// commands for many seconds, and these are not a part of the timer's.
+event_base *new_loop() {
+    event_config *config = event_config_new();
+    event_config_set_flag(config, EVENT_BASE_FLAG_NO_CACHE_TIME);
+    event_base *loop = event_base_new_with_config(config);
+    event_config_free(config);
+    return loop;
+}
+
 // The loop is never freed: events of the bus and of the services point into it until the end.
 int serve() {
-    event_base *loop = event_base_new();
+    event_base *loop = new_loop();
     if (!nimbrelc_start(loop)) {
         return 1;
     }
