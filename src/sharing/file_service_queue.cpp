@@ -1,6 +1,8 @@
 #include "sharing/file_service_queue.h"
 
 #include "common/logger.h"
+#include "disks/disks.h"
+#include "sharing/share_settings.h"
 
 namespace {
 
@@ -46,11 +48,22 @@ struct follow_up {
     int seconds = 0;
 };
 
+void end_verification(file_service_queue &queue) {
+    queue.busy = 0;
+    queue.restarting = false;
+}
+
+void continue_restart(file_service_queue &queue);
+
 void schedule_verification(file_service_queue &queue, const follow_up &next) {
     queue.busy = next.seconds;
-    const auto look = [&queue, callback = next.callback] { callback(queue); };
+    queue.restarting = next.callback == continue_restart;
+    const auto look = [&queue, callback = next.callback] {
+        end_verification(queue);
+        callback(queue);
+    };
     if (!timer_once(queue.loop, next.seconds, look)) {
-        queue.busy = 0;  // nothing would ever clear it
+        end_verification(queue);  // nothing else ever would
     }
 }
 
@@ -62,7 +75,6 @@ void start_check(file_service_queue &queue) {
     } else {
         LOG_WARN("File service [%s] is not yet running", queue.service.name);
     }
-    queue.busy = 0;
     handle_pending_events(queue);
 }
 
@@ -72,22 +84,29 @@ void stop_check(file_service_queue &queue) {
     } else {
         LOG_WARN("File service [%s] is still running", queue.service.name);
     }
-    queue.busy = 0;
     handle_pending_events(queue);
 }
 
 void reload_check(file_service_queue &queue) {
     LOG_INFO("Service [%s] should be reloaded now", queue.service.name);
-    queue.busy = 0;
     handle_pending_events(queue);
 }
 
-// The second half of a restart. kept: after a failed start the pending events wait for the next
-// request.
+// Much may have changed since the restart was decided.
+bool is_wanted(const file_service &service) {
+    return service.is_enabled() && file_services_request_handler_is_central_storage_enabled() &&
+           count_supported_partitions() > 0;
+}
+
+// The second half of a restart; it ends as a stop where nobody wants the service any more. kept:
+// after a failed start the pending events wait for the next request.
 void continue_restart(file_service_queue &queue) {
     const file_service &service = queue.service;
     LOG_INFO("Service [%s] should be stopped now, now it can be started", service.name);
-    queue.busy = 0;
+    if (!is_wanted(service)) {
+        stop_check(queue);
+        return;
+    }
     if (service.is_running()) {
         LOG_ERROR("File service [%s] is still running", service.name);
         handle_pending_events(queue);
@@ -237,6 +256,12 @@ void handle_pending_events(file_service_queue &queue) {
 
 }  // namespace
 
+std::array<file_service_queue, std::tuple_size_v<decltype(file_services)>> file_service_queues = {{
+    {.service = file_services[0]},
+    {.service = file_services[1]},
+    {.service = file_services[2]},
+}};
+
 void file_service_queue_request(file_service_queue &queue, file_service_event event) {
     LOG_INFO("Requested event %s for [%s]", file_service_event_name(event), queue.service.name);
     queue.events.push_back(event);
@@ -250,6 +275,10 @@ void file_service_queue_request(file_service_queue &queue, file_service_event ev
 
 file_service_event file_service_queue_newest(const file_service_queue &queue) {
     return queue.events.empty() ? FILE_SERVICE_EVENT_NONE : queue.events.back();
+}
+
+bool file_service_queue_starts_soon(const file_service_queue &queue) {
+    return queue.restarting || file_service_queue_newest(queue) == FILE_SERVICE_EVENT_START;
 }
 
 bool file_service_queue_stop_service(const file_service_queue &queue) {

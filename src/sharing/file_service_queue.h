@@ -4,6 +4,8 @@
 
 #include <event2/event.h>
 
+#include <array>
+#include <tuple>
 #include <vector>
 
 #include "common/timer.h"
@@ -18,12 +20,20 @@ struct file_service_queue {
     timer_ptr debounce = nullptr;  // made on first use
     std::vector<file_service_event> events = {};
     int busy = 0;
+    bool restarting = false;  // the pending verification is the second half of a restart
 };
+
+// One for each row of the table of services, in its order.
+extern std::array<file_service_queue, std::tuple_size_v<decltype(file_services)>>
+    file_service_queues;
 
 void file_service_queue_request(file_service_queue &queue, file_service_event event);
 
 // The latest request that is not handled yet, FILE_SERVICE_EVENT_NONE when there is none.
 file_service_event file_service_queue_newest(const file_service_queue &queue);
+
+// Whether a service that does not run is about to be started.
+bool file_service_queue_starts_soon(const file_service_queue &queue);
 
 // Stops the service at once, past its queue; false (logged) when that fails.
 bool file_service_queue_stop_service(const file_service_queue &queue);

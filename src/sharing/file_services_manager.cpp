@@ -1,8 +1,6 @@
 #include "sharing/file_services_manager.h"
 
 #include <cstring>
-#include <iterator>
-#include <tuple>
 
 #include "common/logger.h"
 #include "disks/disks.h"
@@ -15,13 +13,6 @@
 namespace {
 
 constexpr const char *log_category = "file_services_manager";
-
-file_service_queue queues[] = {
-    {.service = file_services[0]},
-    {.service = file_services[1]},
-    {.service = file_services[2]},
-};
-static_assert(std::size(queues) == std::tuple_size_v<decltype(file_services)>);
 
 void request_gated_start(file_service_queue &queue) {
     if (!file_services_request_handler_is_central_storage_enabled()) {
@@ -42,8 +33,7 @@ void request_gated_reload(file_service_queue &queue) {
 }
 
 bool is_running_or_about_to(const file_service_queue &queue) {
-    return queue.service.is_running() ||
-           file_service_queue_newest(queue) == FILE_SERVICE_EVENT_START;
+    return queue.service.is_running() || file_service_queue_starts_soon(queue);
 }
 
 void update_without_partitions(file_service_queue &queue) {
@@ -85,7 +75,7 @@ void partition_disconnected() {
 }  // namespace
 
 bool file_services_manager_start(event_base *base) {
-    for (file_service_queue &queue : queues) {
+    for (file_service_queue &queue : file_service_queues) {
         queue.loop = base;
     }
     removable_devices_set_listener(partition_list_received, partition_connected,
@@ -94,7 +84,7 @@ bool file_services_manager_start(event_base *base) {
 }
 
 bool file_services_manager_stop() {
-    for (const file_service_queue &queue : queues) {
+    for (const file_service_queue &queue : file_service_queues) {
         file_service_queue_stop_service(queue);
     }
     return true;
@@ -104,7 +94,7 @@ bool file_services_manager_change_file_service_state_by_name(const char *name, b
     if (name == nullptr) {
         return false;
     }
-    for (file_service_queue &queue : queues) {
+    for (file_service_queue &queue : file_service_queues) {
         const file_service &service = queue.service;
         if (strcmp(service.name, name) != 0) {
             continue;
@@ -133,7 +123,7 @@ bool file_services_manager_change_file_service_state_by_name(const char *name, b
 void file_services_manager_update_file_services() {
     const int partitions = count_supported_partitions();
     LOG_INFO("Updating file services, number of supported partitions: %d", partitions);
-    for (file_service_queue &queue : queues) {
+    for (file_service_queue &queue : file_service_queues) {
         if (!queue.service.is_enabled()) {
             LOG_INFO("Service [%s] is disabled", queue.service.name);
         } else if (partitions == 0) {
@@ -146,7 +136,7 @@ void file_services_manager_update_file_services() {
 
 void file_services_manager_reload_file_services() {
     LOG_INFO("Requesting reload of all file services");
-    for (file_service_queue &queue : queues) {
+    for (file_service_queue &queue : file_service_queues) {
         const file_service &service = queue.service;
         if (service.is_enabled() && service.is_running()) {
             LOG_INFO("Service [%s] is enabled and running - requesting restart", service.name);
@@ -161,7 +151,7 @@ void file_services_manager_reload_file_services() {
 
 void file_services_manager_stop_file_services() {
     LOG_INFO("Requesting stop of all file services");
-    for (file_service_queue &queue : queues) {
+    for (file_service_queue &queue : file_service_queues) {
         const file_service &service = queue.service;
         if (!service.is_enabled()) {
             LOG_INFO("Service [%s] is not enabled - stop not needed", service.name);
