@@ -10,6 +10,7 @@
 
 #include "common/bus_error.h"
 #include "common/logger.h"
+#include "common/msg_bus/message_bus_calls.h"
 #include "common/msg_bus/message_bus_introspection.h"
 
 namespace {
@@ -157,6 +158,11 @@ DBusHandlerResult filter_message(DBusConnection *, DBusMessage *message, void *)
         LOG_WARN("got signal Disconnected");
         return DBUS_HANDLER_RESULT_HANDLED;
     }
+    if (dbus_message_get_reply_serial(message) != 0) {
+        message_bus_calls_reply(message);  // too late for whoever waited
+    } else if (dbus_message_is_signal(message, DBUS_INTERFACE_DBUS, "NameOwnerChanged")) {
+        message_bus_calls_owner_changed(message);
+    }
     const auto listener = std::find_if(
         signal_listeners.begin(), signal_listeners.end(), [message](const signal_listener &row) {
             return dbus_message_is_signal(message, row.interface, row.member);
@@ -239,6 +245,7 @@ void reply_arrived(DBusPendingCall *pending, void *data) {
         return;
     }
     const bus_message_ptr reply(dbus_pending_call_steal_reply(pending));
+    message_bus_calls_reply(reply.get());
     switch (dbus_message_get_type(reply.get())) {
         case DBUS_MESSAGE_TYPE_METHOD_RETURN: {
             const message_bus_incoming_args args(reply.get());
@@ -290,13 +297,15 @@ pending_call_ptr queue_call(const char *destination, const char *path, const cha
     }
     DBusPendingCall *queued = nullptr;
     // A connection that is gone gives success without a pending call.
-    if (message_bus_connection() == nullptr ||
+    if (message_bus_connection() == nullptr || !message_bus_calls_may_call(destination) ||
+        !message_bus_fits(message.get()) ||
         !dbus_connection_send_with_reply(message_bus_connection(), message.get(), &queued,
                                          default_time_out) ||
         queued == nullptr) {
         LOG_WARN("failed to call dbus method");
         return nullptr;
     }
+    message_bus_calls_add(destination, dbus_message_get_serial(message.get()));
     return pending_call_ptr(queued);
 }
 
@@ -325,7 +334,7 @@ bool send_reply(const message_bus_request &request, std::initializer_list<messag
         return false;
     }
     const bus_message_ptr reply(dbus_message_new_method_return(request.message()));
-    if (!reply || !append_list(reply.get(), args) ||
+    if (!reply || !append_list(reply.get(), args) || !message_bus_fits(reply.get()) ||
         !dbus_connection_send(message_bus_connection(), reply.get(), nullptr)) {
         LOG_WARN("failed to send DBus method response");
         return false;
@@ -344,11 +353,18 @@ bus_message_ptr new_signal(const char *path, const char *interface, const char *
 
 bool send_signal(DBusMessage *signal) {
     dbus_uint32_t serial = 0;
-    return message_bus_connection() != nullptr &&
+    return message_bus_connection() != nullptr && message_bus_fits(signal) &&
            dbus_connection_send(message_bus_connection(), signal, &serial);
 }
 
 }  // namespace
+
+message_bus_request message_bus_request::without_arguments() const {
+    const bus_message_ptr call(dbus_message_new(DBUS_MESSAGE_TYPE_METHOD_CALL));
+    dbus_message_set_sender(call.get(), dbus_message_get_sender(message()));
+    dbus_message_set_serial(call.get(), dbus_message_get_serial(message()));
+    return message_bus_request(call.get());
+}
 
 bool message_bus_new(event_base *base) {
     return message_bus_connection_open(base, filter_message);
@@ -413,11 +429,15 @@ bool message_bus_call_method_for_request(const char *destination, const char *pa
                                          message_bus_request &request, message_bus_answer answer,
                                          std::initializer_list<message_bus_arg> args) {
     const pending_call_ptr pending = queue_call(destination, path, interface, method, args, {});
-    return pending &&
-           deliver_to(pending, [waiting = std::move(request), answer = std::move(answer)](
-                                   int32_t argc, const message_bus_arg *values) mutable {
-               answer(argc, values, std::move(waiting));
-           });
+    if (!pending || !deliver_to(pending, [waiting = request.without_arguments(),
+                                          answer = std::move(answer)](
+                                             int32_t argc, const message_bus_arg *values) mutable {
+            answer(argc, values, std::move(waiting));
+        })) {
+        return false;
+    }
+    request = {};
+    return true;
 }
 
 bool message_bus_send_no_reply(message_bus_request request) {

@@ -23,6 +23,10 @@ public:
     explicit message_bus_request(DBusMessage *message)
         : message_(message != nullptr ? dbus_message_ref(message) : nullptr) {}
 
+    // What a reply needs to know, and no more: for a wait. Arguments may be large, and the descriptors
+    // among them are the process's own.
+    message_bus_request without_arguments() const;
+
     // A second handle, for the one method that deliberately answers twice.
     message_bus_request share() const {
         return message_bus_request(message_.get());
@@ -103,8 +107,8 @@ bool message_bus_call_method_with_args_table(const char *destination, const char
                                              message_bus_reply_ctx_cb reply_cb,
                                              std::span<const message_bus_arg> table);
 
-// Calls another service for `request`. True when the call was queued: the request waits with it and
-// goes to `answer`. On false it stays with the caller.
+// Calls another service for `request`. True when the call was queued: the request waits with it,
+// without its arguments, and goes to `answer`. On false it stays with the caller.
 bool message_bus_call_method_for_request(const char *destination, const char *path,
                                          const char *interface, const char *method,
                                          message_bus_request &request, message_bus_answer answer,

@@ -1,6 +1,7 @@
 #include "common/msg_bus/message_bus_args.h"
 
 #include <algorithm>
+#include <cstring>
 #include <iterator>
 #include <string_view>
 
@@ -106,6 +107,17 @@ const message_bus_arg *message_bus_append_args(DBusMessage *message,
         }
     }
     return nullptr;
+}
+
+bool message_bus_fits(DBusMessage *message) {
+    constexpr size_t max_text = size_t{16} * 1024 * 1024;
+    const message_bus_incoming_args args(message);
+    size_t total = 0;
+    for (int32_t i = 0; i < std::min(args.count(), message_bus_max_args); ++i) {
+        const message_bus_arg &arg = args.data()[i];
+        total += arg.type == MB_ARG_STRING ? strlen(arg.string) : 0;
+    }
+    return total <= max_text;
 }
 
 bool message_bus_is_known_type(int32_t type) {

@@ -76,6 +76,9 @@ private:
 const message_bus_arg *message_bus_append_args(DBusMessage *message,
                                                std::span<const message_bus_arg> args);
 
+// False for a message with more text than the bus carries: it would end the connection.
+bool message_bus_fits(DBusMessage *message);
+
 bool message_bus_is_known_type(int32_t type);
 
 // Why the arguments are not exactly of the types in `signature` ("sub"; one letter each), null when
