@@ -17,10 +17,6 @@ namespace {
 
 constexpr const char *log_category = "nimbrelc_utils";
 
-// More than any file or output this daemon handles; beyond it memory counts as not available,
-// rather than letting a sparse file or an endless output end the process.
-constexpr size_t max_content_size = size_t{64} * 1024 * 1024;
-
 // Checks an open file before it is used; false with errno set.
 using file_check = bool (*)(int fd, const struct stat &info, mode_t mode);
 
@@ -139,7 +135,8 @@ std::optional<std::string> nimbrelc_utils_read_binary_file(const char *path) {
     if (fseeko(file.get(), 0, SEEK_SET) != 0) {
         return reading_failed(std::move(file), "Cannot determine size of the file (3): %s");
     }
-    if (size > static_cast<off_t>(max_content_size)) {
+    // Memory counts as not available, rather than letting a sparse file end the process.
+    if (size > static_cast<off_t>(max_file_size)) {
         errno = ENOMEM;
         return reading_failed(std::move(file), "Cannot alloc memory for the buffer: %s");
     }
@@ -176,6 +173,10 @@ bool dump_string_to_file(const char *path, const char *text) {
 
 bool safe_dump_string_to_file(const char *path, const char *text, mode_t mode) {
     if (path == nullptr || text == nullptr) {
+        return false;
+    }
+    if (strlen(text) > max_file_size) {
+        LOG_ERROR("Error saving file");
         return false;
     }
     struct stat replaced {};
@@ -240,7 +241,7 @@ std::optional<std::string> read_to_buffer(FILE *stream) {
     size_t count = 0;
     do {
         count = fread(step, 1, sizeof step, stream);
-        if (content.size() + count > max_content_size) {
+        if (content.size() + count > max_file_size) {
             LOG_ERROR("realloc failed: %s", strerror(ENOMEM));
             return std::nullopt;
         }

@@ -10,6 +10,9 @@
 #include <string>
 #include <string_view>
 
+// More than any file or output that this daemon handles; a larger one is not read.
+constexpr size_t max_file_size = size_t{64} * 1024 * 1024;
+
 // The whole file; nothing for an empty or unreadable one (logged at WARN, errno kept).
 std::optional<std::string> nimbrelc_utils_read_binary_file(const char *path);
 
@@ -25,7 +28,8 @@ constexpr mode_t file_mode_secret = 0600;
 // Truncates and writes `path` in place. Done only when every byte and the closing flush succeeded.
 bool dump_string_to_file(const char *path, const char *text);
 
-// Writes "PATH.tmp" and renames it onto `path`, which is whole at every moment.
+// Writes "PATH.tmp" and renames it onto `path`, which is whole at every moment. What could not be
+// read again for its size is not written.
 bool safe_dump_string_to_file(const char *path, const char *text, mode_t mode = file_mode_open);
 
 // Truncates and writes `path`, a secret file; true whenever the file could be opened, even if the

@@ -3,6 +3,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cstring>
 #include <utility>
 
 #include "common/files.h"
@@ -20,6 +21,7 @@ constexpr const char *version_key = "softwareVersion";
 
 std::string loaded_path;
 json_ptr config_root;
+size_t printed_size = 0;  // of the document, when it was last loaded or printed
 
 // A document that was copied from the default one may still be everybody's to read.
 void make_private(const char *path) {
@@ -48,6 +50,7 @@ bool nimbrelc_config_load(const char *path) {
         return false;
     }
     config_root = std::move(root);
+    printed_size = text->size();
     make_private(loaded_path.c_str());
     return true;
 }
@@ -59,8 +62,25 @@ bool nimbrelc_config_save() {
         LOG_ERROR("Error printing nimbrelc config");
         return false;
     }
+    printed_size = text->size();
     if (!safe_dump_string_to_file(loaded_path.c_str(), text->c_str(), file_mode_secret)) {
         LOG_ERROR("Error saving nimbrelc config");
+        return false;
+    }
+    return true;
+}
+
+bool nimbrelc_config_has_room_for(std::string_view text) {
+    size_t needed = 0;
+    for (const char c : text) {
+        if (static_cast<unsigned char>(c) < ' ') {
+            needed += strlen("\\u0000");
+        } else {
+            needed += c == '"' || c == '\\' ? 2 : 1;
+        }
+    }
+    if (printed_size + needed > max_file_size) {
+        LOG_ERROR("The text is too large for the config file: %zu bytes", text.size());
         return false;
     }
     return true;

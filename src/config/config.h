@@ -5,6 +5,7 @@
 
 #include <optional>
 #include <string>
+#include <string_view>
 
 #include "common/json_ptr.h"
 
@@ -14,8 +15,13 @@ const char *get_nimbrelc_config_file_location();
 // cannot be read or parsed.
 bool nimbrelc_config_load(const char *path);
 
-// Writes the document to the remembered path, atomically. A failed save leaves memory changed.
+// Writes the document to the remembered path, atomically. A failed save leaves memory changed. One
+// that is too large to be loaded again is not written.
 bool nimbrelc_config_save();
+
+// Whether the document can still be loaded with one more text in it; false (logged) when not. To be
+// asked before a text of any length is put into the document: nothing could be saved after it.
+bool nimbrelc_config_has_room_for(std::string_view text);
 
 // Releases the document; always true.
 bool nimbrelc_config_free();

@@ -77,6 +77,9 @@ bool write_config(const char *config_key, const message_bus_arg &value) {
         LOG_WARN("Argument type mismatch when setting value for key %s", config_key);
         return false;
     }
+    if (cJSON_IsString(changed.get()) && !nimbrelc_config_has_room_for(value.string)) {
+        return false;
+    }
     return set_config_item(item_path.c_str(), std::move(changed)) && nimbrelc_config_save();
 }
 
@@ -88,6 +91,10 @@ bool is_one_value(const char *state) {
     return strchr(state, ',') == nullptr;
 }
 
+void refuse_provisioning_state() {
+    LOG_WARN("Invalid ProvisioningState, ignoring");
+}
+
 // Hands the state to the agent's own service; waits until that has answered.
 bool push_provisioning_state() {
     const cJSON *state = get_config_item(config_path(provisioning_state_key).c_str());
@@ -96,6 +103,7 @@ bool push_provisioning_state() {
         return false;
     }
     if (!is_one_value(state->valuestring)) {
+        refuse_provisioning_state();
         return false;
     }
     int status = -1;
@@ -110,7 +118,7 @@ bool push_provisioning_state() {
 
 bool provisioning_state_setter(const message_bus_arg &value, message_bus_request request) {
     if (value.type != MB_ARG_STRING || value.string[0] == '\0' || !is_one_value(value.string)) {
-        LOG_WARN("Invalid ProvisioningState, ignoring");
+        refuse_provisioning_state();
         return message_bus_send_bool_reply(std::move(request), false);
     }
     const bool written = write_config(provisioning_state_key, value);

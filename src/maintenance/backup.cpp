@@ -172,7 +172,8 @@ void store_callback(int32_t /*argc*/, const message_bus_arg *args, message_bus_r
 
 bool restore_from(const char *path) {
     const json_ptr document = backup_load(path);
-    if (!document) {
+    if (!document ||
+        !nimbrelc_config_has_room_for(nimbrelc_utils_print_json(document.get()).value_or(""))) {
         LOG_ERROR("Failed to load backup from file:");
         return false;
     }

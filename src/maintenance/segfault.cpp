@@ -23,19 +23,27 @@ cJSON *get_dumps() {
     return cJSON_IsArray(dumps) ? dumps : nullptr;
 }
 
-// kept: a member that the document lacks is not added.
-void replace_member(const char *path, cJSON *value) {
-    set_config_item(path, json_ptr(value));
+cJSON *get_record() {
+    return nimbrelc_utils_get_json_section(get_config_root(), "segfault");
+}
+
+// Also where the member is missing: without the version the record would be reset at every start.
+void set_member(cJSON *object, const char *name, cJSON *value) {
+    if (cJSON_HasObjectItem(object, name)) {
+        nimbrelc_utils_replace_json_object(object, name, json_ptr(value));
+    } else if (!cJSON_AddItemToObject(object, name, value)) {
+        cJSON_Delete(value);
+    }
 }
 
 void reset_record(const char *software_version) {
-    replace_member("segfault.count", cJSON_CreateNumber(0));
-    replace_member("segfault.lastTimestamp", cJSON_CreateNull());
-    replace_member("segfault.firmwareVersion", cJSON_CreateString(software_version));
+    set_member(get_record(), "count", cJSON_CreateNumber(0));
+    set_member(get_record(), "lastTimestamp", cJSON_CreateNull());
+    set_member(get_record(), "firmwareVersion", cJSON_CreateString(software_version));
     cJSON *slot = nullptr;
     cJSON_ArrayForEach(slot, get_dumps()) {
-        nimbrelc_utils_replace_json_object(slot, "time", json_ptr(cJSON_CreateNull()));
-        nimbrelc_utils_replace_json_object(slot, "processName", json_ptr(cJSON_CreateNull()));
+        set_member(slot, "time", cJSON_CreateNull());
+        set_member(slot, "processName", cJSON_CreateNull());
     }
 }
 
@@ -54,15 +62,18 @@ void push_dump(const char *stamp, const char *process_name) {
 
 void add_dump(const char *process_name) {
     LOG_INFO("Adding segfault dump for process %s", process_name);
+    if (!nimbrelc_config_has_room_for(process_name)) {
+        return;
+    }
     const std::optional<std::string> stamp = print_datetime(timer_now());
     if (!stamp) {
         LOG_ERROR("Cannot print timestamp");
         return;
     }
     push_dump(stamp->c_str(), process_name);
-    const cJSON *count = get_config_item("segfault.count");
-    replace_member("segfault.count", cJSON_CreateNumber(nimbrelc_utils_zero_if_null(count) + 1));
-    replace_member("segfault.lastTimestamp", cJSON_CreateString(stamp->c_str()));
+    const double count = nimbrelc_utils_zero_if_null(get_config_item("segfault.count"));
+    set_config_item("segfault.count", json_ptr(cJSON_CreateNumber(count + 1)));
+    set_member(get_record(), "lastTimestamp", cJSON_CreateString(stamp->c_str()));
     nimbrelc_config_save();
 }
 

@@ -68,9 +68,16 @@ bool start_shell(const char *command, shell &child) {
     return error == 0;
 }
 
+bool has_ended(pid_t child) {
+    siginfo_t ended = {};
+    return waitid(P_PID, static_cast<id_t>(child), &ended, WEXITED | WNOHANG | WNOWAIT) != 0 ||
+           ended.si_pid != 0;
+}
+
 // Output that nobody wants is dropped while the shell runs: closing the pipe at once would kill a
 // command that says a single line. One that says more than a pipe holds meets the closed pipe, and
-// one that leaves a process behind with the pipe in its hands is not waited for.
+// one that leaves a process behind with the pipe in its hands is not waited for, whatever that one
+// says.
 void drop_output(const shell &child) {
     constexpr size_t pipe_capacity = 65536;
     constexpr int check_interval_ms = 100;
@@ -80,20 +87,11 @@ void drop_output(const shell &child) {
     while (total < pipe_capacity) {
         pollfd waiting = {.fd = descriptor, .events = POLLIN, .revents = 0};
         const int ready = poll(&waiting, 1, check_interval_ms);
-        if (ready == 0) {
-            siginfo_t ended = {};
-            if (waitid(P_PID, static_cast<id_t>(child.process), &ended,
-                       WEXITED | WNOHANG | WNOWAIT) != 0 ||
-                ended.si_pid != 0) {
-                return;
-            }
-        } else {
-            const ssize_t count = read(descriptor, dropped, sizeof dropped);
-            if (count <= 0) {
-                return;
-            }
-            total += static_cast<size_t>(count);
+        const ssize_t count = ready == 0 ? 0 : read(descriptor, dropped, sizeof dropped);
+        if ((ready != 0 && count <= 0) || has_ended(child.process)) {
+            return;
         }
+        total += static_cast<size_t>(count);
     }
 }
 

@@ -84,8 +84,8 @@ void reply_json(message_bus_request request, const cJSON *item) {
     message_bus_send_string_reply(std::move(request), text->c_str());
 }
 
+// kept: what follows the right passphrase is not compared, but used for decryption.
 bool is_passphrase(const char *given, const char *passphrase) {
-    // kept: what follows the right passphrase is not compared, but used for decryption.
     return strncmp(given, passphrase, strlen(passphrase)) == 0;
 }
 
@@ -96,8 +96,11 @@ void reply_decrypted(const message_bus_arg *args, message_bus_request request,
         message_bus_send_no_reply(std::move(request));
         return;
     }
-    const std::optional<std::string> secret =
+    std::optional<std::string> secret =
         nimbrelc_utils_get_decrypted_string(args[0].string, args[1].string);
+    if (!secret && strcmp(args[1].string, passphrase) != 0) {
+        secret = nimbrelc_utils_get_decrypted_string(args[0].string, passphrase);
+    }
     if (!secret) {
         message_bus_send_no_reply(std::move(request));
         return;
@@ -245,6 +248,9 @@ void get_global_status_callback(int32_t argc, const message_bus_arg * /*args*/,
 void set_last_connection_details(const char *end_date, uint32_t seconds) {
     if (!is_datetime(end_date)) {
         LOG_ERROR("Invalid  end date");
+        return;
+    }
+    if (!nimbrelc_config_has_room_for(end_date)) {
         return;
     }
     const uint32_t minutes = seconds / 60;
