@@ -9,6 +9,7 @@
 #include <cstring>
 #include <memory>
 #include <optional>
+#include <set>
 
 #include "common/files.h"
 #include "common/json.h"
@@ -19,6 +20,7 @@
 #include "platform/service_manager.h"
 #include "sharing/file_service.h"
 #include "sharing/file_service_config.h"
+#include "sharing/share_names.h"
 #include "sharing/share_settings.h"
 
 namespace {
@@ -62,7 +64,19 @@ void remove_cnid_directory(const char *name) {
     }
 }
 
+// The directories that belong to volumes; one without a label has none to keep.
+std::set<std::string> cnid_directories_of(const cJSON *partitions) {
+    std::set<std::string> names;
+    for (const auto &[partition, name] : share_names_of(partitions)) {
+        if (nimbrelc_utils_get_json_text(partition, "label")[0] != '\0') {
+            names.insert(name);
+        }
+    }
+    return names;
+}
+
 bool remove_unnecessary_cnid_directories(const cJSON *partitions) {
+    const std::set<std::string> needed = cnid_directories_of(partitions);
     const directory_ptr directory(opendir(cnid_directory));
     if (!directory) {
         LOG_ERROR("Fetching contents of APF CNID dir failed: %s", strerror(errno));
@@ -71,7 +85,7 @@ bool remove_unnecessary_cnid_directories(const cJSON *partitions) {
     while (const dirent *entry = readdir(directory.get())) {
         const char *name = entry->d_name;
         if (strcmp(name, ".") != 0 && strcmp(name, "..") != 0 &&
-            is_directory(directory.get(), entry) && !afp_is_volume(partitions, name)) {
+            is_directory(directory.get(), entry) && needed.count(name) == 0) {
             remove_cnid_directory(name);
         }
     }
@@ -143,7 +157,7 @@ std::string afp_config_text(const cJSON *daemon_config, const cJSON *partitions,
                             nimbrelc_utils_get_json_text(daemon_config, "anonymousUserLogin"));
     file_service_write_directives(text, cJSON_GetObjectItem(daemon_config, "defaultServerOptions"));
     text += '\n';
-    file_service_write_shares(text, partitions, [&text](const cJSON *partition) {
+    file_service_write_shares(text, partitions, nullptr, [&text](const cJSON *partition) {
         const bool read_only = cJSON_IsTrue(cJSON_GetObjectItem(partition, "read_only"));
         file_service_write_line(text, "path",
                                 nimbrelc_utils_get_json_text(partition, "mount_point"));
@@ -153,22 +167,6 @@ std::string afp_config_text(const cJSON *daemon_config, const cJSON *partitions,
     });
     text += '\n';
     return text;
-}
-
-bool afp_is_volume(const cJSON *partitions, const char *name) {
-    if (name[0] == '\0' || !cJSON_IsArray(partitions)) {
-        return false;
-    }
-    const cJSON *partition = nullptr;
-    cJSON_ArrayForEach(partition, partitions) {
-        // A volume without a label has no directory to keep.
-        if (disk_record_is_mounted(partition) &&
-            nimbrelc_utils_get_json_text(partition, "label")[0] != '\0' &&
-            file_service_written_label(partition) == name) {
-            return true;
-        }
-    }
-    return false;
 }
 
 bool afp_start() {

@@ -19,6 +19,3 @@ int afp_time_req_for(int action);
 // The configuration file of "daemonConfig" and the partition list. Missing members are written
 // empty.
 std::string afp_config_text(const cJSON *daemon_config, const cJSON *partitions, bool is_protected);
-
-// Whether the CNID directory `name` belongs to a mounted partition of the list (which may be null).
-bool afp_is_volume(const cJSON *partitions, const char *name);

@@ -1,22 +1,12 @@
 #include "sharing/file_service_config.h"
 
-#include <strings.h>
-
-#include <algorithm>
-
 #include "common/json.h"
 #include "common/texts.h"
-#include "disks/disks.h"
+#include "sharing/share_names.h"
 
 namespace {
 
 constexpr char replacement = '_';
-
-// Servers ignore case and blanks in the name of the global section, and take its plural for it too.
-bool is_global_section(std::string name) {
-    name.erase(std::remove(name.begin(), name.end(), ' '), name.end());
-    return strcasecmp(name.c_str(), "global") == 0 || strcasecmp(name.c_str(), "globals") == 0;
-}
 
 // A backslash there would join the next line to this one.
 void end_without_backslash(std::string &text, size_t length) {
@@ -61,17 +51,6 @@ std::string file_service_written_value(std::string_view value) {
     return written;
 }
 
-std::string file_service_written_label(const cJSON *partition) {
-    std::string written =
-        nimbrelc_utils_printable(nimbrelc_utils_get_json_text(partition, "label"));
-    std::replace(written.begin(), written.end(), ']', replacement);
-    // For a section without a name servers refuse the whole file, with every other share.
-    if (written.empty() || is_global_section(written)) {
-        written.insert(written.begin(), replacement);
-    }
-    return written;
-}
-
 void file_service_write_line(std::string &text, const char *key, std::string_view value) {
     std::string written = nimbrelc_utils_printable(value);
     end_without_backslash(written, written.size());
@@ -94,21 +73,15 @@ void file_service_write_directives(std::string &text, const cJSON *directives) {
 }
 
 void file_service_write_shares(std::string &text, const cJSON *partitions,
+                               bool (*can_serve)(const cJSON *partition),
                                const std::function<void(const cJSON *partition)> &write_lines) {
-    if (!cJSON_IsArray(partitions)) {
-        return;
-    }
-    const cJSON *partition = nullptr;
-    cJSON_ArrayForEach(partition, partitions) {
-        if (!disk_record_is_mounted(partition)) {
-            continue;
-        }
+    for (const auto &[partition, name] : share_names_of(partitions, can_serve)) {
         // kept: it is the place in the list that counts, so that a first partition which is not
         // shared leaves an empty line all the same.
         if (partition != partitions->child) {
             text += '\n';
         }
-        text.append("[").append(file_service_written_label(partition)).append("]\n");
+        text.append("[").append(name).append("]\n");
         write_lines(partition);
     }
 }

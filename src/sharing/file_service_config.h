@@ -12,10 +12,6 @@
 // would join the next line to it) become "_".
 std::string file_service_written_value(std::string_view value);
 
-// A partition's label as it is written between brackets: also without "]", never empty, and never
-// the name of the section that holds the global settings.
-std::string file_service_written_label(const cJSON *partition);
-
 // Two blanks, the key, " = ", the value (in double quotes when it contains a blank), a newline.
 void file_service_write_line(std::string &text, const char *key, std::string_view value);
 
@@ -23,6 +19,8 @@ void file_service_write_line(std::string &text, const char *key, std::string_vie
 // arguments joined by blanks. No quoting here; an entry without a directive makes no line.
 void file_service_write_directives(std::string &text, const cJSON *directives);
 
-// A section per mounted partition, in list order; `write_lines` adds the lines below its header.
+// A section per share of the list, `can_serve` as in share_names_of(); `write_lines` adds the lines
+// below its header.
 void file_service_write_shares(std::string &text, const cJSON *partitions,
+                               bool (*can_serve)(const cJSON *partition),
                                const std::function<void(const cJSON *partition)> &write_lines);

@@ -90,6 +90,21 @@ bool disable_protection() {
     return true;
 }
 
+// Whether the server takes the mount point as it stands. There is no way to write a variable that
+// is none, and what it stands for is another place.
+bool has_literal_path(const cJSON *partition) {
+    const char *mount_point = nimbrelc_utils_get_json_text(partition, "mount_point");
+    for (const char *sign = strchr(mount_point, '%'); sign != nullptr;
+         sign = strchr(sign + 1, '%')) {
+        if ((sign[1] != '\0' && strchr("adghijmtuvwDGHIJLMNPRSTUV", sign[1]) != nullptr) ||
+            (sign[1] == '$' && sign[2] == '(')) {
+            LOG_WARN("Cannot share %s: the server would read a variable in it", mount_point);
+            return false;
+        }
+    }
+    return true;
+}
+
 bool generate_config() {
     if (get_config_root() == nullptr) {
         LOG_ERROR("Config json not parsed");
@@ -174,15 +189,16 @@ std::string samba_config_text(const cJSON *daemon_config, const cJSON *partition
         file_service_write_line(text, "username map", users_map);
     }
     text += '\n';
-    file_service_write_shares(text, partitions, [&text, is_protected](const cJSON *partition) {
-        const bool read_only = cJSON_IsTrue(cJSON_GetObjectItem(partition, "read_only"));
-        file_service_write_line(text, "path",
-                                nimbrelc_utils_get_json_text(partition, "mount_point"));
-        file_service_write_line(text, "guest ok", is_protected ? "no" : "yes");
-        file_service_write_line(text, "guest only", "no");
-        file_service_write_line(text, "writeable", read_only ? "no" : "yes");
-        file_service_write_line(text, "oplocks", "yes");
-    });
+    file_service_write_shares(
+        text, partitions, has_literal_path, [&text, is_protected](const cJSON *partition) {
+            const bool read_only = cJSON_IsTrue(cJSON_GetObjectItem(partition, "read_only"));
+            file_service_write_line(text, "path",
+                                    nimbrelc_utils_get_json_text(partition, "mount_point"));
+            file_service_write_line(text, "guest ok", is_protected ? "no" : "yes");
+            file_service_write_line(text, "guest only", "no");
+            file_service_write_line(text, "writeable", read_only ? "no" : "yes");
+            file_service_write_line(text, "oplocks", "yes");
+        });
     text += '\n';
     return text;
 }

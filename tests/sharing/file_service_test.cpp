@@ -14,6 +14,7 @@
 #include "sharing/file_service_config.h"
 #include "sharing/file_service_events.h"
 #include "sharing/file_service_samba.h"
+#include "sharing/share_names.h"
 
 namespace {
 
@@ -114,21 +115,45 @@ TEST(file_service_afp, writes_its_configuration) {
     EXPECT_EQ(afp_config_text(settings.get(), disks.get(), true), methods + rest);
 }
 
-TEST(file_service_config, keeps_values_from_changing_other_lines) {
-    const std::pair<const char *, const char *> labels[] = {
-        {"Gl\u00f6bal #1; 'a' \"b\" %S", "Gl\u00f6bal #1; 'a' \"b\" %S"},
-        {"a]\n[b\\", "a__[b\\"},
-        {"globall", "globall"},
-        {"GLOBAL", "_GLOBAL"},
-        {"Globals", "_Globals"},
-        {"", "_"},
+TEST(share_names, are_distinct_and_mean_nothing_else) {
+    const struct {
+        const char *label;
+        const char *mount_point;
+        const char *name;
+    } rows[] = {
+        {"Gl\u00f6bal #1; 'a' \"b\" %S", "/0", "Gl\u00f6bal #1; 'a' \"b\" %S"},
+        {"a]\n[b\\", "/1", "a__[b\\"},
+        {"globall", "/2", "globall"},
+        {"GLO BAL", "/3", "_GLO BAL"},
+        {"IPC$", "/4", "_IPC$"},
+        {"_ipc$", "/5", "_ipc$_"},
+        {"", "/6", "_"},
+        {" ", "/7", "_ _"},
+        {"Disk", "/8", "Disk"},
+        {"dis k", "/9", "dis k_"},
+        {"dis k", "/9", "dis k_"},  // announced twice
+        {"DISK_", "/10", "DISK__"},
+        {"Disk", "/8", "Disk"},
+        {"\u00c9cole", "/11", "\u00c9cole"},
+        {"\u00e9cole", "/12", "\u00e9cole_"},
     };
-    for (const auto &[label, written] : labels) {
-        const json_ptr partition(cJSON_CreateObject());
-        cJSON_AddStringToObject(partition.get(), "label", label);
-        EXPECT_EQ(file_service_written_label(partition.get()), written);
+    const json_ptr partitions(cJSON_CreateArray());
+    std::vector<std::string> expected;
+    for (const auto &row : rows) {
+        cJSON *partition = cJSON_CreateObject();
+        cJSON_AddStringToObject(partition, "label", row.label);
+        cJSON_AddStringToObject(partition, "mount_point", row.mount_point);
+        cJSON_AddItemToArray(partitions.get(), partition);
+        expected.emplace_back(row.name);
     }
+    std::vector<std::string> names;
+    for (const named_share &share : share_names_of(partitions.get())) {
+        names.push_back(share.name);
+    }
+    EXPECT_EQ(names, expected);
+}
 
+TEST(file_service_config, keeps_values_from_changing_other_lines) {
     std::string text;
     for (const char *value : {"a\\b", "a\\\\", "a b\\", "a\t\r\n\x7f[x]", "", " "}) {
         file_service_write_line(text, "k", value);
