@@ -17,6 +17,7 @@
 #include "common/logger.h"
 #include "daemon/nimbrelc.h"
 #include "migration/migration.h"
+#include "platform/service_manager.h"
 
 namespace {
 
@@ -127,6 +128,16 @@ event_base *new_loop() {
     return loop;
 }
 
+// Until somebody ends the loop; false on an error, or for a loop without events.
+bool run_loop(event_base *loop) {
+    int result = 0;
+    while (result == 0 && event_base_got_exit(loop) == 0 && event_base_got_break(loop) == 0) {
+        result = event_base_loop(loop, EVLOOP_ONCE);
+        service_manager_forget_states();
+    }
+    return result == 0;
+}
+
 // The loop is never freed: events of the bus and of the services point into it until the end.
 int serve() {
     event_base *loop = new_loop();
@@ -134,8 +145,8 @@ int serve() {
         return 1;
     }
     LOG_INFO("Services started successfully");
-    // An error, or a loop without events. kept: the services are not stopped then.
-    if (event_base_dispatch(loop) != 0) {
+    // kept: the services are not stopped then.
+    if (!run_loop(loop)) {
         return 1;
     }
     if (!nimbrelc_stop()) {

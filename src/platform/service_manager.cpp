@@ -1,7 +1,9 @@
 #include "platform/service_manager.h"
 
+#include <algorithm>
 #include <csignal>
 #include <string>
+#include <vector>
 
 #include "common/logger.h"
 #include "platform/launch.h"
@@ -19,6 +21,14 @@ constexpr signal_letter signal_letters[] = {
     {SIGUSR2, '2'}, {SIGALRM, 'a'}, {SIGTERM, 't'}, {SIGCONT, 'c'}, {SIGSTOP, 'p'}, {SIGWINCH, 'y'},
 };
 
+struct service_state {
+    std::string name;
+    int result;  // of asking
+    bool is_up;
+};
+// A disk with many partitions makes three services ask for each of them.
+std::vector<service_state> known_states;
+
 // The launcher's own failures are passed on; any exit status but zero is -1.
 int command_result(int launched, int status) {
     if (launched != LAUNCH_OK) {
@@ -28,6 +38,7 @@ int command_result(int launched, int status) {
 }
 
 int control_one(char letter, const char *name) {
+    service_manager_forget_states();
     int status = -1;
     const int launched =
         launch_with_args("sudo s6-svc -%c /run/service/%s", &status, nullptr, letter, name);
@@ -35,10 +46,31 @@ int control_one(char letter, const char *name) {
 }
 
 int change_set(char direction, const char *name) {
+    service_manager_forget_states();
     int status = -1;
     const int launched =
         launch_with_args("sudo s6-rc -%c change %s", &status, nullptr, direction, name);
     return command_result(launched, status);
+}
+
+int ask_state(const char *name, bool &is_up) {
+    int status = -1;
+    std::string output;
+    const int launched = launch_with_args("sudo s6-svstat /run/service/%s", &status, &output, name);
+    if (launched != LAUNCH_OK) {
+        // kept: the text is the command's output, normally none.
+        LOG_ERROR("launch_with_args failed: %s", output.c_str());
+        return launched;
+    }
+    if (status != 0) {
+        return -1;
+    }
+    is_up = output.starts_with("up");
+    if (!is_up && !output.starts_with("down")) {
+        LOG_ERROR("Unexpected format from s6-svstat");
+        return -1;
+    }
+    return 0;
 }
 
 }  // namespace
@@ -81,27 +113,21 @@ int service_manager_is_up(const char *name, bool *is_up) {
         LOG_ERROR("Argument p_is_up can't be NULL");
         return -2;
     }
-    int status = -1;
-    std::string output;
-    const int launched = launch_with_args("sudo s6-svstat /run/service/%s", &status, &output, name);
-    if (launched != LAUNCH_OK) {
-        // kept: the text is the command's output, normally none.
-        LOG_ERROR("launch_with_args failed: %s", output.c_str());
-        return launched;
+    auto known = std::find_if(known_states.begin(), known_states.end(),
+                              [name](const service_state &state) { return state.name == name; });
+    if (known == known_states.end()) {
+        service_state asked = {.name = name, .result = -1, .is_up = false};
+        asked.result = ask_state(name, asked.is_up);
+        known = known_states.insert(known, asked);
     }
-    if (status != 0) {
-        return -1;
+    if (known->result == 0) {
+        *is_up = known->is_up;
     }
-    if (output.starts_with("up")) {
-        *is_up = true;
-        return 0;
-    }
-    if (output.starts_with("down")) {
-        *is_up = false;
-        return 0;
-    }
-    LOG_ERROR("Unexpected format from s6-svstat");
-    return -1;
+    return known->result;
+}
+
+void service_manager_forget_states() {
+    known_states.clear();
 }
 
 int service_manager_signal(const char *name, int signal) {

@@ -12,8 +12,12 @@ int service_manager_stop(const char *name);
 // Stops and starts one supervised service; a stop that fails is not followed by a start.
 int service_manager_restart(const char *name);
 
-// Asks whether a supervised service is up. `is_up` is written only when the result is 0.
+// Asks whether a supervised service is up. `is_up` is written only when the result is 0. Whoever
+// asks again shares the answer, until something changes a service or the states are forgotten.
 int service_manager_is_up(const char *name, bool *is_up);
+
+// After each pass of the loop: what was asked in it may be different now.
+void service_manager_forget_states();
 
 // Sends `signal` (a Linux signal number); -1, with nothing run, when s6-svc has no letter for it.
 int service_manager_signal(const char *name, int signal);

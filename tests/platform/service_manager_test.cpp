@@ -23,10 +23,26 @@ TEST(service_manager, reads_the_state) {
             output = row.output;
             return row.code;
         };
+        service_manager_forget_states();
         for (const bool before : {false, true}) {
             bool up = before;
             EXPECT_EQ(service_manager_is_up("smbd", &up), row.result) << row.output;
             EXPECT_EQ(up, row.result == 0 ? row.up : before) << row.output;
         }
+        EXPECT_EQ(simulated_box::take_commands().size(), 1U);  // the second one shared the answer
+    }
+}
+
+TEST(service_manager, asks_again_after_a_change) {
+    simulated_box::reset();
+    service_manager_forget_states();
+    bool up = false;
+    for (const auto &change : {service_manager_start, service_manager_stop,
+                               service_manager_stop_one, service_manager_restart}) {
+        service_manager_is_up("smbd", &up);
+        change("nmbd");
+        simulated_box::take_commands();
+        service_manager_is_up("smbd", &up);
+        EXPECT_EQ(simulated_box::take_commands().size(), 1U);
     }
 }

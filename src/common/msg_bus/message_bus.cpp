@@ -429,9 +429,9 @@ bool message_bus_call_method_for_request(const char *destination, const char *pa
                                          message_bus_request &request, message_bus_answer answer,
                                          std::initializer_list<message_bus_arg> args) {
     const pending_call_ptr pending = queue_call(destination, path, interface, method, args, {});
-    if (!pending || !deliver_to(pending, [waiting = request.without_arguments(),
-                                          answer = std::move(answer)](
-                                             int32_t argc, const message_bus_arg *values) mutable {
+    if (!pending ||
+        !deliver_to(pending, [waiting = request.without_arguments(), answer = std::move(answer)](
+                                 int32_t argc, const message_bus_arg *values) mutable {
             answer(argc, values, std::move(waiting));
         })) {
         return false;
