@@ -77,12 +77,31 @@ file_ptr open_for_writing(const char *path, mode_t mode, int flags = 0) {
                              empty_for_writing);
 }
 
-bool write_text(const char *path, file_ptr file, const char *text) {
+// Whether a file that replaces another one reaches the medium before the name does, and the name
+// before the operation ends.
+constexpr bool sync_writes = NIMBRELC_SYNC_WRITES;
+
+bool flush_to_medium(FILE *file) {
+    return fflush(file) == 0 && fsync(fileno(file)) == 0;
+}
+
+// Not every medium can flush a directory: then the file is whole all the same.
+void flush_directory_of(const std::string &path) {
+    const size_t slash = path.rfind('/');
+    const std::string name = slash == std::string::npos ? "." : path.substr(0, slash + 1);
+    const int directory = open(name.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (directory != -1) {
+        (void)fsync(directory);
+        close(directory);
+    }
+}
+
+bool write_text(const char *path, file_ptr file, const char *text, bool flush = false) {
     if (file == nullptr) {
         LOG_ERROR("Cannot open file %s for writing", path);
         return false;
     }
-    const bool written = fputs(text, file.get()) >= 0;
+    const bool written = fputs(text, file.get()) >= 0 && (!flush || flush_to_medium(file.get()));
     if (fclose(file.release()) != 0 || !written) {
         LOG_ERROR("Error writing config file %s", path);
         return false;
@@ -187,13 +206,17 @@ bool safe_dump_string_to_file(const char *path, const char *text, mode_t mode) {
     if (remove(temporary.c_str()) == 0) {
         LOG_WARN("Previous file write failed, proceeding");
     }
-    if (!write_text(temporary.c_str(), open_for_writing(temporary.c_str(), mode, O_EXCL), text)) {
+    if (!write_text(temporary.c_str(), open_for_writing(temporary.c_str(), mode, O_EXCL), text,
+                    sync_writes)) {
         LOG_ERROR("Error saving file");
         return false;
     }
     if (rename(temporary.c_str(), path) != 0) {
         LOG_ERROR("Error renaming from %s to %s: %s", temporary.c_str(), path, strerror(errno));
         return false;
+    }
+    if (sync_writes) {
+        flush_directory_of(path);
     }
     return true;
 }

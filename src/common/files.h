@@ -29,7 +29,8 @@ constexpr mode_t file_mode_secret = 0600;
 bool dump_string_to_file(const char *path, const char *text);
 
 // Writes "PATH.tmp" and renames it onto `path`, which is whole at every moment. What could not be
-// read again for its size is not written.
+// read again for its size is not written. Built with NIMBRELC_SYNC_WRITES it reaches the medium
+// first.
 bool safe_dump_string_to_file(const char *path, const char *text, mode_t mode = file_mode_open);
 
 // Truncates and writes `path`, a secret file; true whenever the file could be opened, even if the
