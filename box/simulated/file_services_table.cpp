@@ -14,9 +14,19 @@ time_t begin;
 bool act(simulated_box::service &service, const char *sign, bool running) {
     service.done += std::to_string(timer_now() - begin) + sign + " ";
     if (!service.fails && !service.deaf) {
-        service.running = running;
+        service.runs_at =
+            running && !service.running && service.late != 0 ? timer_now() + service.late : 0;
+        service.running = running && service.runs_at == 0;
     }
     return !service.fails;
+}
+
+bool runs(simulated_box::service &service) {
+    if (service.runs_at != 0 && service.runs_at <= timer_now()) {
+        service.running = true;
+        service.runs_at = 0;
+    }
+    return service.running;
 }
 
 template <int number, int start_seconds>
@@ -24,13 +34,13 @@ constexpr file_service row(const char *name) {
     return {name,
             [] { return act(services[number], "+", true); },
             [] { return act(services[number], "-", false); },
-            [] { return act(services[number], "~", services[number].running); },
+            [] { return act(services[number], "~", runs(services[number])); },
             [](bool enabled) {
                 services[number].enabled = enabled;
                 return true;
             },
             [] { return services[number].enabled; },
-            [] { return services[number].running; },
+            [] { return runs(services[number]); },
             [](int action) {
                 return file_service_time_for({.start = start_seconds, .stop = 5, .reload = 3},
                                              action);

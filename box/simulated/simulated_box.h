@@ -6,8 +6,11 @@
 
 #include <ctime>
 #include <functional>
+#include <memory>
 #include <string>
 #include <vector>
+
+#include "common/timer.h"
 
 namespace simulated_box {
 
@@ -19,8 +22,18 @@ void reset_timers(time_t now);  // a part of it
 // Lets so many seconds pass: timers run down in the order of their ends.
 void pass(int seconds);
 
-// How many timers run.
-size_t timers();
+// The timers that run, by their ends; a copy of them and of the time, put back, turns time back.
+struct running_timer {
+    time_t end;
+    const event_base *loop;
+    const timer *item;  // null: runs once and belongs to nobody
+    std::shared_ptr<unique_function<void()>> expired;
+};
+extern std::vector<running_timer> running_timers;
+extern time_t now;
+inline size_t timers() {
+    return running_timers.size();
+}
 
 // The command lines since the last time they were taken, an argument vector's words joined by
 // blanks.
@@ -34,6 +47,8 @@ struct service {
     bool running = false;
     bool fails = false;  // its operations fail
     bool deaf = false;   // they succeed and change nothing
+    int late = 0;        // seconds until a started one runs
+    time_t runs_at = 0;  // when such a one will, 0 for none
     std::string
         done;  // "5+ 20- " for a start after 5 seconds and a stop after 20, "~" for a reload
 };

@@ -1,32 +1,32 @@
 #include "common/timer.h"
 
 #include <algorithm>
-#include <list>
 #include <utility>
 
 #include "simulated/simulated_box.h"
 
 class timer {
 public:
+    const event_base *loop;
     std::shared_ptr<unique_function<void()>> expired;
 };
+
+using simulated_box::now;
+using simulated_box::running_timer;
+using simulated_box::running_timers;
+
+std::vector<running_timer> simulated_box::running_timers;
+time_t simulated_box::now;
 
 namespace {
 
-struct running_timer {
-    time_t end;
-    const timer *item;  // null: runs once and belongs to nobody
-    std::shared_ptr<unique_function<void()>> expired;
-};
-
-time_t current_time;
-std::list<running_timer> running;  // by their ends, equal ends in the order of their starts
-
-void start(const timer *item, int seconds, std::shared_ptr<unique_function<void()>> expired) {
-    const time_t end = current_time + std::max(seconds, 0);
-    const auto place = std::find_if(running.begin(), running.end(),
-                                    [end](const running_timer &other) { return other.end > end; });
-    running.insert(place, {end, item, std::move(expired)});
+// Timers with equal ends run down in the order of their starts.
+void start(running_timer added, int seconds) {
+    added.end = now + std::max(seconds, 0);
+    const auto place =
+        std::find_if(running_timers.begin(), running_timers.end(),
+                     [&added](const running_timer &other) { return other.end > added.end; });
+    running_timers.insert(place, std::move(added));
 }
 
 }  // namespace
@@ -36,48 +36,47 @@ void timer_deleter::operator()(timer *item) const {
     std::default_delete<timer>()(item);
 }
 
-timer_ptr timer_new(event_base *, unique_function<void()> expired) {
+timer_ptr timer_new(event_base *loop, unique_function<void()> expired) {
     auto item = std::make_unique<timer>();
+    item->loop = loop;
     item->expired = std::make_shared<unique_function<void()>>(std::move(expired));
     return timer_ptr(item.release());
 }
 
 bool timer_start(timer &item, int seconds) {
     timer_stop(item);
-    start(&item, seconds, item.expired);
+    start({0, item.loop, &item, item.expired}, seconds);
     return true;
 }
 
 bool timer_stop(timer &item) {
-    running.remove_if([&item](const running_timer &other) { return other.item == &item; });
+    std::erase_if(running_timers,
+                  [&item](const running_timer &other) { return other.item == &item; });
     return true;
 }
 
-bool timer_once(event_base *, int seconds, unique_function<void()> expired) {
-    start(nullptr, seconds, std::make_shared<unique_function<void()>>(std::move(expired)));
+bool timer_once(event_base *loop, int seconds, unique_function<void()> expired) {
+    start({0, loop, nullptr, std::make_shared<unique_function<void()>>(std::move(expired))},
+          seconds);
     return true;
 }
 
 time_t timer_now() {
-    return current_time;
+    return now;
 }
 
 void simulated_box::pass(int seconds) {
-    const time_t end = current_time + seconds;
-    while (!running.empty() && running.front().end <= end) {
-        const running_timer first = running.front();
-        running.pop_front();
-        current_time = first.end;
+    const time_t end = now + seconds;
+    while (!running_timers.empty() && running_timers.front().end <= end) {
+        const running_timer first = running_timers.front();
+        running_timers.erase(running_timers.begin());
+        now = first.end;
         (*first.expired)();
     }
-    current_time = end;
+    now = end;
 }
 
-size_t simulated_box::timers() {
-    return running.size();
-}
-
-void simulated_box::reset_timers(time_t now) {
-    running.clear();
-    current_time = now;
+void simulated_box::reset_timers(time_t time) {
+    running_timers.clear();
+    now = time;
 }

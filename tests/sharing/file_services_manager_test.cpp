@@ -81,6 +81,13 @@ TEST_F(file_services_manager, shares_a_disk_that_comes_back) {
     plug("a");
     pass(60);
     EXPECT_EQ(samba.done, "3+ 23- 33+ 45- 50+ 65- 73+ ");
+    // While a restart is half done: stopped, so that it starts anew with what is there then.
+    file_services_manager_reload_file_services();
+    pass(4);
+    unplug("a");
+    plug("a");
+    pass(60);
+    EXPECT_EQ(samba.done, "3+ 23- 33+ 45- 50+ 65- 73+ 129- 134+ 140- 145+ ");
 }
 
 TEST_F(file_services_manager, restarts_and_stops_what_runs) {
