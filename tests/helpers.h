@@ -15,7 +15,11 @@
 
 class temporary_directory {
 public:
-    temporary_directory() : path_(mkdtemp(pattern_)) {}
+    // Directly below `parent`.
+    explicit temporary_directory(const std::string &parent = "/tmp")
+        : path_(parent + "/nimbrelc_test.XXXXXX") {
+        static_cast<void>(!mkdtemp(path_.data()));
+    }
     ~temporary_directory() {
         std::filesystem::remove_all(path_);
     }
@@ -30,7 +34,6 @@ public:
     }
 
 private:
-    char pattern_[32] = "/tmp/nimbrelc_test.XXXXXX";
     std::string path_;
 };
 
@@ -50,9 +53,10 @@ inline std::string content(const std::string &path) {
 // The configuration document, read from a file of its own and gone with it.
 class stored_document {
 public:
-    explicit stored_document(const std::string &text) {
+    explicit stored_document(const std::string &text, const std::string &parent = "/tmp")
+        : directory_(parent) {
         std::ofstream(path_) << text;
-        nimbrelc_config_load(path_.c_str());
+        load();
     }
     ~stored_document() {
         nimbrelc_config_free();
@@ -65,6 +69,11 @@ public:
         const json_ptr document = parse(content(path_));
         const cJSON *found = nimbrelc_utils_get_json_object(document.get(), item, nullptr);
         return nimbrelc_utils_print_json_unformatted(found).value_or("nothing");
+    }
+
+    // What a daemon that starts anew finds.
+    void load() const {
+        nimbrelc_config_load(path_.c_str());
     }
 
 private:
