@@ -28,22 +28,22 @@ cJSON *get_record() {
 }
 
 // Also where the member is missing: without the version the record would be reset at every start.
-void set_member(cJSON *object, const char *name, cJSON *value) {
+void set_member(cJSON *object, const char *name, json_ptr value) {
     if (cJSON_HasObjectItem(object, name)) {
-        nimbrelc_utils_replace_json_object(object, name, json_ptr(value));
-    } else if (!cJSON_AddItemToObject(object, name, value)) {
-        cJSON_Delete(value);
+        nimbrelc_utils_replace_json_object(object, name, std::move(value));
+    } else if (cJSON_IsObject(object)) {
+        cJSON_AddItemToObject(object, name, value.release());
     }
 }
 
 void reset_record(const char *software_version) {
-    set_member(get_record(), "count", cJSON_CreateNumber(0));
-    set_member(get_record(), "lastTimestamp", cJSON_CreateNull());
-    set_member(get_record(), "firmwareVersion", cJSON_CreateString(software_version));
+    set_member(get_record(), "count", json_ptr(cJSON_CreateNumber(0)));
+    set_member(get_record(), "lastTimestamp", json_ptr(cJSON_CreateNull()));
+    set_member(get_record(), "firmwareVersion", json_ptr(cJSON_CreateString(software_version)));
     cJSON *slot = nullptr;
     cJSON_ArrayForEach(slot, get_dumps()) {
-        set_member(slot, "time", cJSON_CreateNull());
-        set_member(slot, "processName", cJSON_CreateNull());
+        set_member(slot, "time", json_ptr(cJSON_CreateNull()));
+        set_member(slot, "processName", json_ptr(cJSON_CreateNull()));
     }
 }
 
@@ -73,7 +73,7 @@ void add_dump(const char *process_name) {
     push_dump(stamp->c_str(), process_name);
     const double count = nimbrelc_utils_zero_if_null(get_config_item("segfault.count"));
     set_config_item("segfault.count", json_ptr(cJSON_CreateNumber(count + 1)));
-    set_member(get_record(), "lastTimestamp", cJSON_CreateString(stamp->c_str()));
+    set_member(get_record(), "lastTimestamp", json_ptr(cJSON_CreateString(stamp->c_str())));
     nimbrelc_config_save();
 }
 

@@ -155,6 +155,9 @@ def test_writing_the_configuration(gateway):
     for text in texts:
         assert set_value(box, "Device.DeviceInfo.ProvisioningCode", text)
         assert box.data_model("GetValue", "Device.DeviceInfo.ProvisioningCode") == (text,)
+    # Six bytes each in the document: it would be too large to be loaded again.
+    assert not set_value(box, "Device.DeviceInfo.ProvisioningCode", "\x01" * (11 << 20))
+    assert set_value(box, SYSLOG + "NumberOfFiles", i(8)) and set_value(box, SYSLOG + "NumberOfFiles", i(9))
     expected = box.config()
     assert expected["cpeDevice"]["deviceInfo"]["provisioningCode"] == texts[-1]
 
@@ -234,6 +237,12 @@ def test_provisioning_state(gateway):
     calls = len(agent.calls("set"))
     assert not set_value(box, STATE, "unsaved")
     assert get(box, STATE) == "unsaved" and len(agent.calls("set")) == calls
+    box.stop_daemon()
+    box.run(["rm", "/media/full"])
+    box.edit_config(lambda config: config["deviceManagement"].update(provisioningState="a,Other,b"))
+    box.start_daemon()
+    box.wait_log("Invalid ProvisioningState, ignoring", count=5)
+    assert len(agent.calls("set")) == calls
 
 
 @pytest.mark.sanitize

@@ -37,6 +37,7 @@ TEST_F(launcher, output_that_nobody_wants) {
     EXPECT_EQ(launch(("(sleep 1; touch " + late + ") & exit 0").c_str(), &status, nullptr),
               LAUNCH_OK);
     EXPECT_NE(access(late.c_str(), F_OK), 0);
+    EXPECT_EQ(launch("while echo; do sleep 0.02; done & exit 0", &status, nullptr), LAUNCH_OK);
 }
 
 TEST_F(launcher, shell_results) {

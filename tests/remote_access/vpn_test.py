@@ -120,6 +120,7 @@ def test_credentials(box):
     for method, member, secret in [("getPassword", "password4", PASSWORD), ("getPresharedKey", "presharedkey4", KEY)]:
         assert vpn(box, method, stored[member], PASSPHRASES[method]) == (secret,)
         assert vpn(box, method, "", PASSPHRASES[method] + "and more") == ("",)
+        assert vpn(box, method, stored[member], PASSPHRASES[method] + "and more") == (secret,)
         for bad in [(stored[member], PASSPHRASES[method][:-1]), (stored[member], ""),
                     ("bm90aGluZw==", PASSPHRASES[method]), ("%%", PASSPHRASES[method])]:
             assert vpn(box, method, *bad) == ()

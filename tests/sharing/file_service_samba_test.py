@@ -37,7 +37,10 @@ def test_protection_turns_guests_away(gateway):
     gateway.start_daemon()
     gateway.plug("sda", partitions=[
         {"label": "Photos 2024", "mount_point": "/media/Photos 2024"},
-        {"label": "Films", "read_only": True}])
+        {"label": "Films", "read_only": True},
+        {"label": "FILMS"}, {"label": "IPC$"}, {"label": "\u00c9"}, {"label": "\u00e9"}])
+    for number, share in enumerate(["Films", "FILMS_", "_IPC$", "\u00c9", "\u00e9_"], 2):
+        assert wait_served(gateway, GUEST, share) == f"Hello from sda{number}\n"
     assert wait_served(gateway, GUEST, "Photos 2024") == "Hello from sda1\n"
     assert write(gateway, GUEST, "Photos 2024") and not write(gateway, GUEST, "Films")
     assert not gateway.exists(USERS)
@@ -68,6 +71,7 @@ def test_no_disk_spoils_the_configuration(gateway):
         gateway.disk_signal("PartitionConnected", {
             "syspath": f"/s{number}", "label": label.replace("\\", "\\\\").replace("\t", "\\t"),
             "mount_point": points[number % 5].replace("\\", "\\\\").replace("\t", "\\t")})
+    gateway.disk_signal("PartitionConnected", {"syspath": "/a", "label": "a", "mount_point": "/media/%S"})
     # Records that are half of one, or none.
     gateway.disk_signal("PartitionConnected", {"syspath": "/half", "mount_point": "/media/half"})
     gateway.disk_signal("PartitionConnected", {"syspath": "/odd", "label": 5, "mount_point": 6})
@@ -83,7 +87,8 @@ def test_no_disk_spoils_the_configuration(gateway):
             section[key] = value
     assert not {"path", "guest ok", "oplocks"} & set(sections.pop("global"))
     assert [" ".join(name.split()) for name in sections] == [
-        "_global", "_ GLOBALS", "homes", "a_b", "tail\\", "_", "#x;", "line_tab", "%U", "two words"]
+        "_global", "_ GLOBALS", "_homes", "a_b", "tail\\", "_", "#x;", "line_tab", "%U", "two words", "__"]
+    assert "Cannot share /media/%S: the server would read a variable in it" in gateway.log()
     assert sections["a_b"]["path"] == '"/media/two words_"'
     assert all(entry["guest ok"] == "Yes" for entry in sections.values())
 

@@ -82,6 +82,18 @@ def test_a_disk_becomes_shares(box):
         "+nmbd", "+smbd", "~nmbd", "~smbd"] + ["-smbd", "-nmbd", "+nmbd", "+smbd"] * 2
 
 
+def test_a_burst_asks_s6_once_and_timers_run_in_full(box):
+    box.script("s6-rc", sleep=4)
+    start(box, "afp")
+    box.plug("sda", partitions=[{"files": {}}] * 60)
+    box.wait_log("Schedule start verification of [AFP]")
+    assert 60 < box.log().count("Updating file services") <= 61
+    assert len([command for command in box.sudo() if "s6-svstat" in command]) < 20
+    box.wait_log("Service [AFP] is running - as expected")
+    (begin,), (end,) = map(box.logged, ["Monitor event for [AFP]", "[AFP] is running - as expected"])
+    assert end - begin >= 9  # whole seconds, cut off
+
+
 def test_switches(box):
     start(box, "avahi")
     written = os.stat(box.path("/media/nimbrelc.json")).st_ino

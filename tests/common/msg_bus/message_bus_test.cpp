@@ -8,6 +8,7 @@
 #include <memory>
 #include <string>
 
+#include "common/msg_bus/message_bus_calls.h"
 #include "helpers.h"
 #include "private_bus.h"
 
@@ -221,6 +222,67 @@ TEST_F(message_bus, gives_a_request_back_when_the_call_cannot_be_queued) {
     EXPECT_EQ(seen, "0:;with its request;");
 }
 
+TEST_F(message_bus, keeps_no_arguments_of_a_call_that_waits) {
+    answer = [](message_bus_request request) {
+        EXPECT_TRUE(message_bus_call_method_for_request(
+            peer_name, "/", peer_name, "Do", request,
+            [](int32_t, const message_bus_arg *, message_bus_request waiting) {
+                message_bus_send_bool_reply(std::move(waiting), true);
+            },
+            {}));
+    };
+    const bus_message_ptr call = new_call();
+    const int descriptor = open("/dev/null", O_RDONLY | O_CLOEXEC);
+    dbus_message_append_args(call.get(), DBUS_TYPE_UNIX_FD, &descriptor, DBUS_TYPE_INVALID);
+    const size_t before = open_descriptors();
+    send(call);
+    const bus_message_ptr asked = receive();
+    ASSERT_TRUE(asked);
+    EXPECT_EQ(open_descriptors(), before);
+    close(descriptor);
+    send(bus_message_ptr(dbus_message_new_method_return(asked.get())));
+    const bus_message_ptr reply = receive();
+    ASSERT_TRUE(reply);
+    EXPECT_EQ(describe(reply), "b=1");
+    EXPECT_EQ(dbus_message_get_reply_serial(reply.get()), dbus_message_get_serial(call.get()));
+}
+
+TEST_F(message_bus, lets_a_hung_peer_hold_up_nobody_else) {
+    const auto call = [](const char *name = peer_name) {
+        return message_bus_call_method(name, "/", name, "Do", hear);
+    };
+    for (int i = 0; i < 64; ++i) {
+        ASSERT_TRUE(call());
+    }
+    log.text.clear();
+    EXPECT_FALSE(call());
+    EXPECT_NE(log.text.find(" WARN message_bus - failed to call dbus method\n"), std::string::npos);
+    EXPECT_TRUE(call("com.kelvanto.nobody"));
+    const bus_message_ptr asked = receive();
+    ASSERT_TRUE(asked);
+    send(bus_message_ptr(dbus_message_new_method_return(asked.get())));
+    ASSERT_TRUE(wait_for([] { return seen.find("0:;") != std::string::npos; }));
+    EXPECT_TRUE(call());
+    EXPECT_FALSE(call());
+
+    // What timed out counts on, until its answer comes or the name has a new owner.
+    const char *late = "com.kelvanto.late";
+    bus_message_ptr error(dbus_message_new(DBUS_MESSAGE_TYPE_ERROR));
+    for (dbus_uint32_t serial = 0xF0000000U; serial < 0xF0000040U; ++serial) {
+        message_bus_calls_add(late, serial);
+        dbus_message_set_reply_serial(error.get(), serial);
+        message_bus_calls_reply(error.get());
+    }
+    EXPECT_FALSE(call(late));
+    dbus_message_set_destination(error.get(), dbus_bus_get_unique_name(ours));
+    dbus_message_set_error_name(error.get(), DBUS_ERROR_FAILED);
+    send(error);
+    ASSERT_TRUE(wait_for([&] { return message_bus_calls_may_call(late); }));
+    message_bus_calls_add(late, 0xF0000040U);
+    ASSERT_NE(dbus_bus_request_name(peer.get(), late, 0, nullptr), -1);
+    EXPECT_TRUE(wait_for([&] { return message_bus_calls_may_call(late); }));
+}
+
 TEST_F(message_bus, finds_the_first_listener_of_a_method) {
     answer = [](message_bus_request request) { message_bus_send_no_reply(std::move(request)); };
     const auto later = [](int32_t, const message_bus_arg *, message_bus_request) {
@@ -311,6 +373,10 @@ TEST_F(message_bus, answers_with_each_reply_operation) {
          "u=1 s=\xEF\xBF\xBD i=4294967294 b=1"},
         {[](auto request) {
              EXPECT_FALSE(message_bus_send_reply(request.share(), {{.type = 7}}));
+             // More than the bus carries; it would end the connection.
+             const std::string half(9 * 1024 * 1024, 'x');
+             EXPECT_FALSE(
+                 message_bus_send_reply(request.share(), {mb_string(half), mb_string(half)}));
              EXPECT_TRUE(message_bus_send_string_reply(std::move(request), "after a bad one"));
          },
          "s=after a bad one"},
