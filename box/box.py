@@ -67,6 +67,7 @@ class Box:
         self.peers = {}
         self.client = None
         self.disks = {}
+        self.environment = {}  # of the daemon, besides what its service gives it
         stage = staged(self.build)
         # --kill-child and setpriv: the box ends with the process that holds it, however that ends.
         self.process = subprocess.Popen(
@@ -79,13 +80,7 @@ class Box:
                 raise BoxError("the box did not start:\n" + self.process.stderr.read())
             self.pid = int(line)
             self.root = f"/proc/{self.pid}/root"
-            socket = self.path("/run/dbus/system_bus_socket")
-            wait_until(lambda: os.path.exists(socket), "the system bus")
-            address = "unix:path=" + socket
-            self.client = DBusRouter(self._connect(address))
-            for names in DEFAULT_PEERS:
-                peer = Peer(self._connect(address), names, self)
-                self.peers.update(peer.views)
+            self.join_bus()
         except BaseException:
             self.close()
             raise
@@ -99,7 +94,17 @@ class Box:
                 time.sleep(0.02)
         raise BoxError("nobody listens on the system bus")
 
-    def close(self):
+    def join_bus(self):
+        """The peers and this client take their places on the system bus."""
+        socket = self.path("/run/dbus/system_bus_socket")
+        wait_until(lambda: os.path.exists(socket), "the system bus")
+        address = "unix:path=" + socket
+        self.client = DBusRouter(self._connect(address))
+        for names in DEFAULT_PEERS:
+            peer = Peer(self._connect(address), names, self)
+            self.peers.update(peer.views)
+
+    def leave_bus(self):
         for peer in {view.peer for view in self.peers.values()}:
             peer.close()
         self.peers = {}
@@ -107,6 +112,9 @@ class Box:
             self.client.close()
             self.client.conn.close()
             self.client = None
+
+    def close(self):
+        self.leave_bus()
         try:  # the first process takes all others along and is waited for by its parent
             os.kill(self.pid, signal.SIGKILL)
         except (AttributeError, ProcessLookupError):
@@ -176,6 +184,7 @@ class Box:
     def daemon_command(self, *options):
         return ["env", "ASAN_OPTIONS=log_path=/run/box/sanitizer:detect_leaks=0",
                 "UBSAN_OPTIONS=log_path=/run/box/sanitizer:print_stacktrace=1",
+                *(f"{name}={value}" for name, value in self.environment.items()),
                 "/etc/s6/sv/nimbrelc/run", *options]
 
     def start_daemon(self, *options, wait=True):
@@ -298,11 +307,11 @@ class Box:
         lines = re.findall(r" : \S+ : (.*?)(?:TTY=\S+ ; )?PWD=.*?COMMAND=(.*)", self.read("/run/box/sudo"))
         return [("refused: " if reason else "") + command for reason, command in lines]
 
-    def script(self, name, code=0, out="", sleep=0, kill=0):
+    def script(self, name, code=0, out="", sleep=0, kill=0, leave=False):
         """What the stand-in of that file name does from now on: exit code, standard output, seconds
-        before the end, signal to die by."""
+        before the end, signal to die by; leave: something that goes on printing for a minute."""
         self.write(f"/run/box/reply/{name}.json",
-                   json.dumps({"code": code, "out": out, "sleep": sleep, "kill": kill}))
+                   json.dumps({"code": code, "out": out, "sleep": sleep, "kill": kill, "leave": leave}))
 
     def is_up(self, service):
         return self.run(["s6-svstat", "-u", "/run/service/" + service]).stdout.strip() == "true"
