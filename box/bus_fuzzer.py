@@ -4,12 +4,10 @@ import argparse
 import collections
 import functools
 import glob
-import hashlib
 import json
 import os
 import random
 import re
-import subprocess
 import sys
 import threading
 import time
@@ -21,7 +19,7 @@ from jeepney import HeaderFields
 from box import CONFIG, ROOT, Box, BoxError, BusError, NoReply, notation, wait_until
 
 ROUND = 30  # seconds; each round has a box and a seed of its own, so that it can be repeated alone
-PATIENCE = 20  # seconds until a call behind many others must be answered, under sanitizers
+PATIENCE = 20  # seconds for the answer to a call behind many others, under sanitizers
 PIECES = r"""| |`touch /tmp/pwn`|$(touch /tmp/pwn)|$(>/tmp/pwn)1a|;touch /tmp/pwn;|&touch /tmp/pwn&|' ; touch /tmp/pwn '|'|
 " ; touch /tmp/pwn "|\"$(touch /tmp/pwn)|"|\|%n%s%99999d|-h|--|../../../../etc/passwd|]|#|*|~root|{a,b}|null|0v|-1e999|
 homes|printers|IPC$|glob al|Globals|/media/sda1|STORAGE|USB|SD|LTE|UNRECOGNIZED|', mount_point: '/'|{x: 'y', z: [1]}|
@@ -35,41 +33,31 @@ BITS = {"y": 8, "n": 16, "q": 16, "i": 32, "u": 32, "x": 64, "t": 64}
 NULL = open("/dev/null")
 STAND_INS = ["s6-rc", "dmesg", "firewallctl", "remove_afp_cnid_dir.sh", "set_auth_key.sh", "set_port_forwarding.sh",
              "delete_port_forwarding.sh", "updateConfig.sh", "getPortForwardingStatus.sh", "getConnectedDevices.sh"]
-SHARES = {  # of each generated file: its global keys, the list of directives, the keys of a share
-    "samba": (["server string", "workgroup", "max connections", "guest account", "username map"],
-              "defaultGlobalSettings", ["path", "guest ok", "guest only", "writeable", "oplocks"]),
-    "afp": (["uam list", "guest account"], "defaultServerOptions", ["path", "time machine", "unix priv", "read only"])}
-
-
-def source(path):
-    with open(os.path.join(ROOT, path), encoding="utf-8") as file:
-        return file.read()
-
-
-DOCUMENT = json.loads(source("data/default_config/nimbrelc.json"))
-KEYS = re.findall(r'\.name(?:_format)? = "([^"]+)"(?:,\s+\.config_key = "([^"]+)")?', source("src/datamodel/datamodel.cpp"))
-BACKED_UP = re.findall(r'^    "([\w.]+)",$', source("src/maintenance/backup.cpp"), re.M)
-SIGNALS = re.findall(r'\{"(com[\w.]+)", "(\w+)"', source("src/daemon/dbus_signals.cpp")) + [
-    ("com.kelvanto.ddm", member) for member in
-    re.findall(r'\{"(\w+)", \w+_callback\}', source("src/disks/removable_devices_manager.cpp")) * 4]
+SHARES = {  # of each generated file: its global keys, the list of further ones, the keys of a share
+    "samba": ("server string|workgroup|max connections|guest account|username map", "defaultGlobalSettings",
+              ["path", "guest ok", "guest only", "writeable", "oplocks"]),
+    "afp": ("uam list|guest account", "defaultServerOptions", ["path", "time machine", "unix priv", "read only"])}
+SHARES_FILE = "/tmp/nimbrel/configs/{}.config"
+SIGNALS = [("com.kelvanto.systemcalls", "IPAddressChanged"), ("com.kelvanto.nimbrel.upgrade", "ShowUpgradeMessage"),
+           ("com.kelvanto.nimbrel.upgrade", "HideUpgradeMessage")] + 4 * [("com.kelvanto.ddm", member) for member in (
+               "DeviceAttached", "DeviceDetached", "PartitionConnected", "PartitionDisconnected")]
 METHODS = [(node.get("name"), interface.get("name"), method.get("name"),
             [(arg.get("name"), arg.get("type")) for arg in method if arg.get("direction") == "in"])
            for file in sorted(glob.glob(os.path.join(ROOT, "data/interfaces/*.xml")))
            for node in [ElementTree.parse(file).getroot()] for interface in node for method in interface]
-METHODS += [method for method in METHODS if method[2].endswith(("SetValue", "State", "updateConfig"))] * 6
-
-# What is sent -----------------------------------------------------------------------------------------
-
+METHODS += 6 * [method for method in METHODS if method[2].endswith(("SetValue", "State", "updateConfig"))]
+with open(os.path.join(ROOT, "data/default_config/nimbrelc.json")) as config_file:
+    DOCUMENT = json.load(config_file)
+with open(os.path.join(ROOT, "src/datamodel/datamodel.cpp")) as table:
+    KEYS = re.findall(r'\.name(?:_format)? = "([^"]+)"(?:,\s+\.config_key = "([^"]+)")?', table.read())
 rng = random.Random()
 pick = rng.choice
 
 
-def chance(share):
-    return rng.random() < share
-
+# What is sent
 
 def text():
-    size = pick([9999, 200000, 3000000]) if chance(0.003) else 0
+    size = pick([9999, 200000, 3000000]) if rng.random() < 0.003 else 0
     return ((pick(PIECES) or "x") * size)[:size] or "".join(rng.choices(PIECES, k=pick([1, 1, 1, 2, 3])))[:9999]
 
 
@@ -88,41 +76,33 @@ def pair(letter=None, depth=0):
     if letter == "r":
         kinds, items = zip(*pairs(pick([1, 2, 4]), depth + 1))
         return "(" + "".join(kinds) + ")", items
+    if letter == "v":
+        return "v", pair(None, 2)
     return letter, {"b": pick([True, False]), "d": pick([0.0, -1e308, float("inf"), float("nan")]), "s": text(), "h": NULL,
-                    "o": pick(["/", "/a/b", "/ws/vpn"]), "g": pick(["", "s", "a{sv}"]), "v": pair(None, 2)}[letter] \
-        if letter != "v" else pair(None, 2)
+                    "o": pick(["/", "/a/b", "/ws/vpn"]), "g": pick(["", "s", "a{sv}"])}[letter]
 
 
 def pairs(count, depth=0):
     """That many, with at most one descriptor: the bus passes on only a few."""
     found = [pair(None, depth) for _ in range(count)]
-    return found if "".join(kind for kind, _ in found).count("h") < 2 else pairs(count, depth)
-
-
-def parameter():
-    """A key of the data model, more or less, and the letter of its type."""
-    key, path = pick(KEYS)
-    item = functools.reduce(dict.get, path.split(), DOCUMENT)
-    letter = {bool: "b", int: "u"}.get(type(item), "b" if key.endswith("Enabled") else "s")
-    key = key.replace("%u", pick(["0", "1", "2", "-1", "4294967297", "1.Name", "1x", ""]))
-    if chance(0.1):
-        at = rng.randint(0, len(key))
-        key = pick([key[:at], key + text(), key[:at] + text() + key[at:], key.upper()])
-    return key, letter if chance(0.7) else pick(["s", "i", "u", "b", None])
+    return found if repr(found).count("/dev/null") < 2 else pairs(count, depth)
 
 
 def arguments(member, declared):
     """What the method declares, with hostile values."""
-    key, letter = parameter()
+    key, path = pick(KEYS)
+    item = functools.reduce(dict.get, path.split(), DOCUMENT)
+    letter = {bool: "b", int: "u"}.get(type(item), "b" if key.endswith("Enabled") else "s")
+    letter = pick([letter, letter, letter, "s", "i", "u", "b", None])
+    key = key.replace("%u", pick(["0", "1", "2", "-1", "4294967297", "1.Name", "1x", ""]))
+    at = rng.randint(0, len(key))
+    key = pick([key] * 30 + [key[:at], key + text(), key[:at] + text() + key[at:], key.upper()])
     for name, kind in declared:
         kind, value = pair(letter if kind == "v" else kind)
-        if name == "key":
-            value = key
-        elif name == "path":  # callers say where a backup lies
-            value = f"/tmp/fuzz/{member}/" + pick(["a", "b", "directory", "pipe", value])
-        elif name == "json" and chance(0.5):
-            value = json.dumps({"service": pick(["Samba", "AFP", "Avahi", value]), "enabled": pick([True, True, False, value])})
-        yield kind, value
+        if name == "json":
+            value = pick([value, json.dumps({"service": pick(["Samba", "AFP", "Avahi", value]), "enabled": value != ""})])
+        files = pick(["a", "directory", "pipe", value])  # callers say where a backup lies
+        yield kind, {"key": key, "path": f"/tmp/fuzz/{member}/{files}"}.get(name, value)
 
 
 def record():
@@ -133,17 +113,9 @@ def record():
               "device_type": "STORAGE", "connection_type": pick(["USB", "SD"]), "partitions_count": 1}
     for name in rng.sample(sorted(fields), pick([0, 0, 1, 3])):
         fields[name] = pick([None, [], {}, True, -1e300, 10**400, text(), [{"a": [1]}]])
-    written = notation(pick([fields, fields, fields, [fields] * pick([3, 500]), list(fields.values())]))
-    at = rng.randint(0, len(written)) if chance(0.3) else len(written)
-    return written[:at] + pick([text(), written, ""]) + written[at + rng.randint(0, 9):] if at < len(written) else written
-
-
-# One round --------------------------------------------------------------------------------------------
-
-def unique(members):
-    if len(dict(members)) < len(members):
-        raise ValueError("a member stands twice")
-    return dict(members)
+    good = notation(pick([fields, fields, fields, [fields] * pick([3, 500]), list(fields.values())]))
+    at = rng.randint(0, len(good))
+    return pick([good, good, good[:at] + pick([text(), good, ""]) + good[at + rng.randint(0, 9):]])
 
 
 def shape(item, path=""):
@@ -156,7 +128,7 @@ def shape(item, path=""):
 class Round:
     def __init__(self, build):
         self.findings, self.counts, self.history = [], collections.Counter(), collections.deque(maxlen=60)
-        self.slowest, self.sudo_seen, self.commands_seen, self.keys = 0, 0, 0, {""}
+        self.slowest, self.keys = 0, {""}
         self.box = Box(build)
         self.box.run(["mkdir", "-p", "/tmp/fuzz/store", "/tmp/fuzz/restore/directory"])
         self.box.run(["mkfifo", "/tmp/fuzz/restore/pipe"])
@@ -169,32 +141,33 @@ class Round:
 
     def call(self, right):
         path, interface, member, declared = pick(METHODS)
-        given = list(arguments(member, declared)) if right else pairs(pick([0, 1, 1, 2, 2, 3, 4, 5, 40]))
+        given = list(arguments(member, declared))
+        if not right:
+            given = pick([given + pairs(1), given[1:], pairs(1) + given[1:], pairs(pick([0, 1, 2, 3, 4, 5, 40]))])
         signature = "".join(kind for kind, _ in given)
         if not right:
             if signature == "".join(kind for _, kind in declared) or member == "SetValue" and len(given) == 2:
                 return
-            if chance(0.1):
-                path, interface = pick(["/", "/ws/vpn", path]), pick([None, "a.b", interface])
-        elif member == "SetValue" and given[0][1].endswith("AuthorizedKey") and given[1][0] == "s":
-            self.keys.add(given[1][1])
+            path, interface = pick([(path, interface)] * 9 + [("/ws/vpn", interface), ("/", None), (path, "a.b")])
+        elif member == "SetValue":
+            self.keys.add(given[1][1] if signature == "ss" else "")
         self.note("right calls" if right else "wrong calls", member, *given)
         address = jeepney.DBusAddress(path, bus_name="com.kelvanto.nimbrel", interface=interface)
         self.client.send(jeepney.new_method_call(address, member, signature or None, tuple(value for _, value in given)))
 
     def signal(self):
         interface, member = pick(SIGNALS)
-        given = [("s", record())] if interface.endswith("ddm") and chance(0.8) else pairs(pick([0, 0, 1, 2, 20]))
+        given = pick([[("s", record())]] * 4 * interface.endswith("ddm") + [pairs(pick([0, 0, 1, 2, 20]))])
         self.note("signals", member, *given)
         self.box.signal(interface, member, *given, path=pick(["/status", "/"]))
 
-    def disk(self, name=None):
-        name = name or pick(["sda", "sdb", "sdc"])
+    def disk(self):
+        name = pick(["sda", "sdb", "sdc"])
         self.note("plugs", name)
         if name in self.box.disks:
             self.box.unplug(name)
         else:
-            self.box.plug(name, pick(["USB", "SD"]), [{"label": "Data"}, {"label": text()}, {"mount_point": None}])
+            self.box.plug(name, pick(["USB", "SD"]), [{"label": text()}, {"label": "Data"}, {"mount_point": None}])
 
     def peer(self):
         name, view = pick(sorted(self.box.peers.items()))
@@ -217,63 +190,52 @@ class Round:
     # What must hold
 
     def expect(self, holds, what):
-        if not holds and what not in self.findings:
+        if not holds:
             self.findings.append(what)
 
     def watch(self, stop):
-        """Reads the document whenever it changes: it is whole at every moment."""
-        seen = None
+        """Reads the document whenever it changes: it is whole at every moment, and no member comes, goes or
+        becomes another kind of value."""
+        before, seen = dict(shape(DOCUMENT)), None
         while not stop.wait(0.005):
-            info = os.stat(self.box.path(CONFIG))
-            if (info.st_ino, info.st_mtime_ns) != seen:
+            try:
+                info = os.stat(self.box.path(CONFIG))
+                if (info.st_ino, info.st_mtime_ns) == seen:
+                    continue
                 seen = info.st_ino, info.st_mtime_ns
-                self.check_document()
-
-    def check_document(self, kinds=True):
-        before = dict(shape(DOCUMENT))
-        try:
-            now = dict(shape(json.loads(self.box.read(CONFIG), object_pairs_hook=unique)))
-        except ValueError as error:
-            return self.expect(False, f"document: {error}")
-        self.expect(now.keys() == before.keys(), f"document: {now.keys() ^ before.keys()}")
-        self.expect(not kinds or all(kind == before.get(path) or before.get(path) == "NoneType" and kind in ("str", "float")
-                                     for path, kind in now.items()), f"document: {set(now.items()) - set(before.items())}")
+                members = list(shape(json.loads(self.box.read(CONFIG), object_pairs_hook=lambda members: dict(members)
+                                                if len(dict(members)) == len(members) else "a member twice")))
+            except (OSError, ValueError) as error:
+                members = [(str(error), "")]
+            wrong = [member for member in members if before.get(member[0]) not in (member[1], "NoneType")]
+            self.expect(not wrong and len(members) == len(before), f"document: {wrong}")
 
     def check(self):
         self.expect(not self.box.exits(), f"the daemon ended: {self.box.exits()}")
         self.expect(not glob.glob(self.box.path("/tmp/pwn*")), "a text from outside was run")
-        for report in self.box.faults():
-            self.expect(False, report)
-        sudo, commands = self.box.sudo(), self.box.commands()
-        for line in sudo[self.sudo_seen:]:  # sudo knows the patterns
-            self.expect(not line.startswith("refused: "), line)
-        for argv in commands[self.commands_seen:]:
-            self.expect(os.path.basename(argv[0]) in STAND_INS, f"command {argv}")
-            self.expect("set_auth_key" not in argv[0] or len(argv) == 2 and argv[1] in self.keys, f"key {argv}")
-        self.sudo_seen, self.commands_seen = len(sudo), len(commands)
-        for service in SHARES:
-            self.check_shares(service)
-
-    def check_shares(self, service):
-        """A generated file holds what it should and nothing of what a label may smuggle in."""
-        keys, directives, share = SHARES[service]
-        path = f"/tmp/nimbrel/configs/{service}.config"
-        if not self.box.exists(path):
-            return
-        written = self.box.read(path)
-        keys = keys + [row["directive"] for row in DOCUMENT["nas"]["fileServices"][service]["daemonConfig"][directives]]
-        lines = "".join(f"  {key} = .*\n" for key in share)
-        well = re.fullmatch(rf"\[[Gg]lobal\]\n(  ({'|'.join(keys)}) = .*\n)+\n(\n?\[[^]\n]+\]\n{lines})*\n", written)
-        again = re.search(r"[\x00-\x09\x0b-\x1f\x7f]|\n\[ *g *l *o *b *a *l *s? *\]", written, re.I)
-        self.expect(well and not again, f"{path}: {written}")
-        if service == "samba":
-            done = self.box.run(["testparm", "-s", path], check=False)
-            self.note("testparm", "")
-            self.expect(done.returncode == 0 and "nknown param" not in done.stderr, f"testparm: {done.stderr}\n{written}")
+        self.expect(not self.box.faults(), self.box.faults())
+        refused = [line for line in self.box.sudo() if line.startswith("refused: ")]  # the rules hold the patterns
+        self.expect(not refused, refused)
+        keys = [argv[1:] for argv in self.box.commands() if argv[0].endswith("set_auth_key.sh")]
+        self.expect(all(len(key) == 1 and key[0] in self.keys for key in keys), f"keys that nobody set: {keys}")
+        for service, (keys, further, share) in SHARES.items():
+            path = SHARES_FILE.format(service)
+            if self.box.exists(path):
+                rows = DOCUMENT["nas"]["fileServices"][service]["daemonConfig"][further]
+                keys += "".join("|" + row["directive"] for row in rows)
+                lines = "".join(f"  {key} = .*\n" for key in share)
+                written = self.box.read(path)
+                good = re.fullmatch(rf"\[[Gg]lobal\]\n(  ({keys}) = .*\n)+\n(\n?\[[^]\n]+\]\n{lines})*\n", written)
+                bad = re.search(r"[\x00-\x09\x0b-\x1f\x7f]|\n\[ *g *l *o *b *a *l *s? *\]", written, re.I)
+                self.expect(good and not bad, f"{path}: {written}")
+        if self.box.exists(SHARES_FILE.format("samba")):
+            done = self.box.run(["testparm", "-s", SHARES_FILE.format("samba")], check=False)
+            self.counts["runs of testparm"] += 1
+            self.expect(done.returncode == 0 and "nknown param" not in done.stderr, f"testparm: {done.stderr}")
 
     def batch(self):
         """Many messages in flight, then one that must be answered."""
-        refused = chance(0.3)
+        refused = rng.random() < 0.3
         acts = [self.signal] * 6 + [self.peer, self.script, self.disk] + [functools.partial(self.call, False)] * 4 + \
             [functools.partial(self.call, not refused)] * 18
         before = self.box.read(CONFIG)
@@ -293,55 +255,39 @@ class Round:
             self.expect(False, f"no answer within {PATIENCE} s")
         self.slowest = max(self.slowest, time.monotonic() - began)
         self.client.close()
-        self.note("batches without a valid call" if refused else "batches", "")
+        time.sleep(pick([0] * 15 + [4]))  # the file services act once it is quiet
+        self.note("heartbeats", refused)
+        self.counts["batches of refused calls"] += refused
         self.expect(not refused or self.box.read(CONFIG) == before, "calls that are all refused changed the document")
         self.check()
         for view in self.box.peers.values():
             view.forget()
 
-    def calm_down(self):
+    def end(self):
+        """In good order, so that leaks are looked for."""
         for view in self.box.peers.values():
             view.clear()
             view.join()
-        for path in glob.glob(self.box.path("/run/box/reply/*")):
-            os.unlink(path)
+        self.box.run(["sh", "-c", "rm -f /run/box/reply/*"])
+        self.box.end_daemon()
+        self.expect(self.box.exits() == [(0, 0)], f"the end: {self.box.exits()}")
+        self.expect(not self.box.faults(), self.box.faults())
 
-    def restore(self):
-        """A backup with odd values: the daemon ends in good order, without a leak."""
-        self.calm_down()
-        names = rng.sample(BACKED_UP + ["storage.password", "vpn.password", "x.y", "storage"], 5)
-        values = {name: pick([None, True, 2.7, {}, [], text()]) for name in names}
-        self.note("restores", values)
-        data = json.dumps({"version": text(), "config": values}).encode()
-        encrypt = ["openssl", "enc", "-aes-128-ecb", "-K", hashlib.sha1(b"7v!n5&s7").digest()[:16].hex()]
-        self.box.write("/tmp/fuzz/backup", subprocess.run(encrypt, input=data, stdout=subprocess.PIPE, check=True).stdout)
-        self.box.run(["s6-svc", "-O", "/run/service/nimbrelc"])
-        done = self.box.call("/backup", "com.kelvanto.nimbrel.backup", "restore", "/tmp/fuzz/backup")
-        self.expect(done == (True,), f"restore: {done}")
-        wait_until(self.box.exits, "the end after a restore")
-        self.expect(self.box.exits() == [(0, 0)], f"the end after a restore: {self.box.exits()}")
-        self.check_document(kinds=False)
-
-    def go_on(self):
-        """The next process on whatever was restored, with shares to make."""
-        os.unlink(self.box.path("/run/box/exits"))
-        for service in SHARES:
-            self.box.run(["rm", "-f", f"/tmp/nimbrel/configs/{service}.config"])
+    def start_again(self):
+        """On what callers stored, with all kinds of labels to share."""
+        self.box.run(["rm", "-f", "/run/box/exits", *map(SHARES_FILE.format, SHARES)])
         self.box.edit_config(lambda config: (
-            config.update(syslog=DOCUMENT["syslog"]),  # numbers that a caller may store there keep it from starting
+            config.update(syslog=DOCUMENT["syslog"]),  # numbers that callers may store there keep it from starting
             config["centralStorage"].update(enabled=True),
             [config["nas"]["fileServices"][service].update(enabled=True) for service in SHARES]))
         self.box.disks.clear()
         self.box.start_daemon()
         self.box.wait_log("Update file services on startup", count=2)
-        self.disk("sda")
+        self.box.plug("sda", partitions=[{"label": label} for label in PIECES])
         for service in SHARES:
-            wait_until(lambda: self.box.exists(f"/tmp/nimbrel/configs/{service}.config"), "shares of " + service)
+            wait_until(lambda: self.box.exists(SHARES_FILE.format(service)), "shares of " + service)
         self.check()
         self.batch()
-        self.calm_down()
-        self.box.end_daemon()
-        self.expect(self.box.exits() == [(0, 0)], f"the end: {self.box.exits()}")
 
     def run(self, seconds):
         self.box.start_daemon()
@@ -355,11 +301,9 @@ class Round:
             stop.set()
             watcher.join()
         self.expect(self.box.daemon_pid() == pid, "another process")
-        for stage in (self.restore, self.go_on):
+        for stage in (self.end, self.start_again, self.end):
             if not self.findings:
                 stage()
-                for report in self.box.faults():
-                    self.expect(False, report)
 
 
 def main():
@@ -371,7 +315,7 @@ def main():
     began, seed, counts, slowest, findings = time.monotonic(), options.seed, collections.Counter(), 0, []
     while not findings and time.monotonic() - began < options.seconds:
         rng.seed(seed)
-        round, findings = Round(options.build), ["interrupted"]
+        round = Round(options.build)
         try:
             round.run(min(ROUND, options.seconds - (time.monotonic() - began)))
         except (BoxError, BusError, NoReply, OSError) as error:
@@ -379,13 +323,12 @@ def main():
         finally:
             round.box.close()
         counts, slowest, findings, seed = counts + round.counts, max(slowest, round.slowest), round.findings, seed + 1
-    calls = counts["right calls"] + counts["wrong calls"] + counts["batches"] + counts["batches without a valid call"]
-    print(f"seeds {options.seed} to {seed - 1}, {time.monotonic() - began:.0f} s, slowest answer {slowest:.1f} s: {calls} calls,"
-          f" {counts['method_return']} replies, {counts['error']} errors, "
-          f"{calls - counts['method_return'] - counts['error']} silences")
-    print(", ".join(f"{kind} {number}" for kind, number in sorted(counts.items())))
+    counts["silences"] = counts["right calls"] + counts["wrong calls"] + counts["heartbeats"] - \
+        counts["method_return"] - counts["error"]
+    print(f"seeds {options.seed} to {seed - 1}, {time.monotonic() - began:.0f} s, slowest heartbeat {slowest:.1f} s:",
+          ", ".join(f"{number} {kind}" for kind, number in sorted(counts.items())))
     for finding in findings:
-        print("FOUND", finding[:5000])
+        print("FOUND", str(finding)[:5000])
     if findings:
         print(f"the last of --seed {seed - 1}:", *round.history, sep="\n  ")
     sys.exit(bool(findings))
