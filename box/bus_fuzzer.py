@@ -18,7 +18,7 @@ from jeepney import HeaderFields
 
 from box import CONFIG, ROOT, Box, BoxError, BusError, NoReply, notation, wait_until
 
-ROUND = 30  # seconds; each round has a box and a seed of its own, so that it can be repeated alone
+ROUND = 60  # seconds; each round has a box and a seed of its own, so that it can be repeated alone
 PATIENCE = 20  # seconds for the answer to a call behind many others, under sanitizers
 PIECES = r"""| |`touch /tmp/pwn`|$(touch /tmp/pwn)|$(>/tmp/pwn)1a|;touch /tmp/pwn;|&touch /tmp/pwn&|' ; touch /tmp/pwn '|'|
 " ; touch /tmp/pwn "|\"$(touch /tmp/pwn)|"|\|%n%s%99999d|-h|--|../../../../etc/passwd|]|#|*|~root|{a,b}|null|0v|-1e999|
@@ -45,7 +45,7 @@ METHODS = [(node.get("name"), interface.get("name"), method.get("name"),
             [(arg.get("name"), arg.get("type")) for arg in method if arg.get("direction") == "in"])
            for file in sorted(glob.glob(os.path.join(ROOT, "data/interfaces/*.xml")))
            for node in [ElementTree.parse(file).getroot()] for interface in node for method in interface]
-METHODS += 6 * [method for method in METHODS if method[2].endswith(("SetValue", "State", "updateConfig"))]
+METHODS += 6 * [method for method in METHODS if method[2].endswith(("Value", "State"))]
 with open(os.path.join(ROOT, "data/default_config/nimbrelc.json")) as config_file:
     DOCUMENT = json.load(config_file)
 with open(os.path.join(ROOT, "src/datamodel/datamodel.cpp")) as table:
@@ -69,7 +69,8 @@ def pair(letter=None, depth=0):
         return letter, number - 2**BITS[letter] if letter in "nix" and number >= 2**BITS[letter] // 2 else number
     if letter == "a":
         kind, item = pair(None, depth + 1)
-        return "a" + kind, [item] * (1 if "h" in kind else pick([0, 1, 3, 5000 if kind in BITS else 2]))
+        several = pick([0, 1, 3, 5000 if kind in BITS else 2])
+        return "a" + kind, [item] * (1 if "h" in kind or len(repr(item)) > 9999 else several)  # the bus has limits
     if letter == "e":
         (key, name), (kind, item) = pair(pick("ybnqiuxtsog")), pair(None, depth + 1)
         return "a{" + key + kind + "}", {name: item}
@@ -283,7 +284,7 @@ class Round:
         self.box.disks.clear()
         self.box.start_daemon()
         self.box.wait_log("Update file services on startup", count=2)
-        self.box.plug("sda", partitions=[{"label": label} for label in PIECES])
+        self.box.plug("sda", partitions=[{"label": label} for label in rng.sample(PIECES, 25)])
         for service in SHARES:
             wait_until(lambda: self.box.exists(SHARES_FILE.format(service)), "shares of " + service)
         self.check()
