@@ -101,7 +101,8 @@ def arguments(member, declared):
     for name, kind in declared:
         kind, value = pair(letter if kind == "v" else kind)
         if name == "json":
-            value = pick([value, json.dumps({"service": pick(["Samba", "AFP", "Avahi", value]), "enabled": value != ""})])
+            wanted = {"service": pick(["Samba", "AFP", "Avahi", value]), "enabled": pick([True, True, False, value])}
+            value = pick([value, json.dumps(wanted)])
         files = pick(["a", "directory", "pipe", value])  # callers say where a backup lies
         yield kind, {"key": key, "path": f"/tmp/fuzz/{member}/{files}"}.get(name, value)
 
@@ -114,7 +115,8 @@ def record():
               "device_type": "STORAGE", "connection_type": pick(["USB", "SD"]), "partitions_count": 1}
     for name in rng.sample(sorted(fields), pick([0, 0, 1, 3])):
         fields[name] = pick([None, [], {}, True, -1e300, 10**400, text(), [{"a": [1]}]])
-    good = notation(pick([fields, fields, fields, [fields] * pick([3, 500]), list(fields.values())]))
+    several = [fields] * (3 if len(str(fields)) > 9999 else 500)
+    good = notation(pick([fields, fields, fields, several, list(fields.values())]))
     at = rng.randint(0, len(good))
     return pick([good, good, good[:at] + pick([text(), good, ""]) + good[at + rng.randint(0, 9):]])
 
@@ -293,6 +295,7 @@ class Round:
     def run(self, seconds):
         self.box.start_daemon()
         pid, deadline, stop = self.box.daemon_pid(), time.monotonic() + seconds, threading.Event()
+        opened = len(os.listdir(f"/proc/{pid}/fd"))
         watcher = threading.Thread(target=self.watch, args=[stop])
         watcher.start()
         try:
@@ -302,6 +305,7 @@ class Round:
             stop.set()
             watcher.join()
         self.expect(self.box.daemon_pid() == pid, "another process")
+        self.expect(self.findings or len(os.listdir(f"/proc/{pid}/fd")) <= opened, "descriptors are left open")
         for stage in (self.end, self.start_again, self.end):
             if not self.findings:
                 stage()
