@@ -41,7 +41,7 @@ def make_box(request, build):
         request.node.box = box
         yield box
         request.node.box = None
-        box.stop_daemon()
+        box.end_daemon()
         faults = box.faults()
         assert not faults, "\n".join(faults)
 
