@@ -1,5 +1,6 @@
-// The configuration files of Samba and AFP, out of daemon configurations and partition records of
-// any kind, as a server reads them: no value makes a line or a section of its own.
+// The files of Samba and AFP as a server reads them, from a daemon configuration and partitions of
+// any kind: no value makes a line or a section of its own.
+#include <algorithm>
 #include <cctype>
 #include <map>
 #include <sstream>
@@ -13,52 +14,36 @@
 
 namespace {
 
-// A section's name as servers compare it.
-std::string compared(const std::string &name) {
-    std::string result;
-    for (const char c : name) {
-        if (c != ' ') {
-            result += static_cast<char>(tolower(static_cast<unsigned char>(c)));
-        }
-    }
-    return result;
-}
-
-// The paths of the shares, in their order, without those that a server may expand. `keys` are the
-// lines of a share.
+// The paths of the shares, whose lines have these keys. A "%" is left to the server's own rules.
 std::string read_paths(const std::string &text, const std::vector<std::string> &keys) {
     std::map<std::string, std::string> path_of_name;
     std::string paths;
     std::string name;
-    size_t row = 0;
+    size_t row = keys.size();
     std::istringstream lines(text);
     for (std::string line; std::getline(lines, line);) {
         must(nimbrelc_utils_printable(line) == line, "a line has no control character");
-        if (line.empty()) {
-            continue;
-        }
-        if (line[0] == '[') {
-            must(row == 0 || row == keys.size(), "a share has all its lines");
-            must(line.find(']') == line.size() - 1, "a section's name ends with its line");
-            must(name.empty() == (compared(line) == "[global]"), "one section is the global one");
-            name = compared(line);
-            must(name.size() > 2 && name != "[globals]", "a section has a name of its own");
-            row = name == "[global]" ? keys.size() : 0;
-            continue;
-        }
-        must(!name.empty() && line.starts_with("  "), "a line is in a section");
-        must(line.back() != '\\', "no line joins the next one to it");
-        const size_t key_end = line.find(" = ");
-        must(key_end != std::string::npos, "a line has a value");
-        if (name != "[global]") {
-            must(row < keys.size() && line.substr(2, key_end - 2) == keys[row],
-                 "a share has the lines of a share");
-            const std::string path = line.substr(key_end + 3);
-            if (row++ == 0) {
-                must(path_of_name.emplace(name, path).first->second == path,
-                     "no share takes the name of another place");
+        if (line.starts_with('[')) {
+            must(row == keys.size(), "a share has all its lines");
+            must(line.find(']') == line.size() - 1, "a name ends with its line");
+            std::erase(line, ' ');
+            std::transform(line.begin(), line.end(), line.begin(), tolower);
+            const bool is_global = line == "[global]";
+            must(is_global == name.empty(), "one section is the global one");
+            must(line != "[]" && line != "[globals]", "a share has a name of its own");
+            name = line;
+            row = is_global ? row : 0;
+        } else if (!line.empty()) {
+            const size_t end = line.find(" = ");
+            must(line.starts_with("  ") && end != std::string::npos, "a line is a key's");
+            must(line.back() != '\\', "no line joins the next one to it");
+            if (row == 0) {
+                const std::string path = line.substr(end + 3);
+                must(path_of_name.emplace(name, path).first->second == path, "names are distinct");
                 paths += path.find('%') == std::string::npos ? path + "\n" : "";
             }
+            must(row == keys.size() ? path_of_name.empty() : line.substr(2, end - 2) == keys[row++],
+                 "a share has the lines of a share");
         }
     }
     return paths;
@@ -71,21 +56,17 @@ void fuzz(std::string_view input) {
     const json_ptr settings = parse(texts[0]);
     const json_ptr partitions = parse(texts[1]);
     std::string paths;
-    const cJSON *partition = nullptr;
-    cJSON_ArrayForEach(partition, partitions.get()) {
-        if (cJSON_IsArray(partitions.get()) && disk_record_is_mounted(partition)) {
-            std::string line;
-            file_service_write_line(line, "path",
-                                    nimbrelc_utils_get_json_text(partition, "mount_point"));
-            paths += line.find('%') == std::string::npos ? line.substr(line.find('=') + 2) : "";
-        }
+    const cJSON *partition = cJSON_IsArray(partitions.get()) ? partitions->child : nullptr;
+    for (; partition != nullptr; partition = partition->next) {
+        std::string line;
+        const std::string place = nimbrelc_utils_get_json_text(partition, "mount_point");
+        file_service_write_line(line, "", place);
+        paths += place.empty() || place.find('%') != std::string::npos ? "" : line.substr(5);
     }
-    for (const bool is_protected : {false, true}) {
-        must(read_paths(samba_config_text(settings.get(), partitions.get(), is_protected),
-                        {"path", "guest ok", "guest only", "writeable", "oplocks"}) == paths,
-             "every mounted partition is a share of Samba");
-        must(read_paths(afp_config_text(settings.get(), partitions.get(), is_protected),
-                        {"path", "time machine", "unix priv", "read only"}) == paths,
-             "every mounted partition is a share of AFP");
-    }
+    must(read_paths(samba_config_text(settings.get(), partitions.get(), true),
+                    {"path", "guest ok", "guest only", "writeable", "oplocks"}) == paths,
+         "every mounted partition is a share of Samba");
+    must(read_paths(afp_config_text(settings.get(), partitions.get(), false),
+                    {"path", "time machine", "unix priv", "read only"}) == paths,
+         "every mounted partition is a share of AFP");
 }

@@ -1,6 +1,8 @@
-// What Samba itself makes of its configuration file: it takes it, and shares exactly the places
-// that are written there.
+// What Samba itself makes of its file: it shares exactly the places that are written there. The
+// input is labels and mount points in turn.
 #include "sharing/file_service_samba.h"
+
+#include <dbus/dbus.h>
 
 #include <set>
 #include <sstream>
@@ -16,7 +18,7 @@ std::set<std::string> paths(const std::string &text) {
     for (std::string line; std::getline(lines, line);) {
         if (const size_t at = line.find("path = "); at < 3) {
             std::erase(line, '"');
-            found.insert(line.substr(at + 7));
+            found.insert(line.substr(at));
         }
     }
     return found;
@@ -25,10 +27,18 @@ std::set<std::string> paths(const std::string &text) {
 }  // namespace
 
 void fuzz(std::string_view input) {
-    const json_ptr partitions = parse(fields(input, 1)[0]);
-    const json_ptr settings = parse(R"({"serverName": "Home gateway", "workgroup": "WORKGROUP",
-                                        "anonymousUserLogin": "nobody"})");
-    const std::string text = samba_config_text(settings.get(), partitions.get(), false);
+    const json_ptr partitions(cJSON_CreateArray());
+    const std::vector<std::string> texts = fields(input, 16);
+    for (size_t i = 0; i + 1 < texts.size(); i += 2) {
+        cJSON *record = cJSON_CreateObject();
+        cJSON_AddStringToObject(record, "label", texts[i].c_str());
+        cJSON_AddStringToObject(record, "mount_point", texts[i + 1].c_str());
+        cJSON_AddItemToArray(partitions.get(), record);
+    }
+    const std::string text = samba_config_text(nullptr, partitions.get(), false);
+    if (!dbus_validate_utf8(text.c_str(), nullptr)) {
+        return;  // nothing else comes by the bus
+    }
     std::ofstream("/media/samba.config") << text;
     int status = -1;
     std::string read;

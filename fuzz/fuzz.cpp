@@ -5,28 +5,27 @@
 #include <sys/mount.h>
 #include <sys/stat.h>
 
-#include <cstdio>
+#include <csignal>
 #include <cstdlib>
 
 namespace {
 
-// Puts a layer of this process alone, in memory, over directories of the host.
-void cover(std::initializer_list<std::string> directories) {
-    const temporary_directory layers;
-    must(unshare(CLONE_NEWNS) == 0 && mount("", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
-             mount("layers", layers.path().c_str(), "tmpfs", 0, nullptr) == 0,
-         "root may mount");
-    for (const std::string &directory : directories) {
-        const std::string upper = layers.path() + directory;
-        const std::string work = upper + ".work";
-        mkdir(upper.c_str(), 0755);
-        mkdir(work.c_str(), 0755);
-        const std::string options =
-            "lowerdir=" + directory + ",upperdir=" + upper + ",workdir=" + work;
-        must(mount("layer", directory.c_str(), "overlay", 0, options.c_str()) == 0,
-             "a layer can be put over a directory");
-    }
-    umount2(layers.path().c_str(), MNT_DETACH);  // the layers stay
+// Puts a layer of this process alone, in memory, over a directory of the host.
+void cover(const std::string &directory, const std::string &layers) {
+    const std::string upper = layers + directory;
+    const std::string work = upper + ".work";
+    mkdir(upper.c_str(), 0755);
+    mkdir(work.c_str(), 0755);
+    const std::string options = "lowerdir=" + directory + ",upperdir=" + upper + ",workdir=" + work;
+    must(mount("", directory.c_str(), "overlay", 0, options.c_str()) == 0, "root can mount");
+}
+
+// The fuzzer's clock does not break into the launcher's reading.
+bool restart_what_the_clock_interrupts() {
+    struct sigaction clock {};
+    sigaction(SIGALRM, nullptr, &clock);
+    clock.sa_flags |= SA_RESTART;
+    return sigaction(SIGALRM, &clock, nullptr) == 0;
 }
 
 }  // namespace
@@ -52,36 +51,54 @@ std::string text_of(const cJSON *item) {
 }
 
 void must_read_back(const cJSON *item) {
-    if (item != nullptr) {
-        const std::string text = text_of(item);
-        must(print(parse(text)) == text, "a printed item reads back as the same");
-    }
+    must(item == nullptr || print(parse(text_of(item))) == text_of(item), "an item reads back");
 }
 
 bool has_twins(const cJSON *item) {
     const cJSON *member = nullptr;
     cJSON_ArrayForEach(member, item) {
-        for (const cJSON *other = member->next; cJSON_IsObject(item) && other != nullptr;
-             other = other->next) {
-            if (strcasecmp(member->string, other->string) == 0) {
-                return true;
-            }
+        const cJSON *other = cJSON_IsObject(item) ? member->next : nullptr;
+        while (other != nullptr && strcasecmp(member->string, other->string) != 0) {
+            other = other->next;
         }
-        if (has_twins(member)) {
+        if (other != nullptr || has_twins(member)) {
             return true;
         }
     }
     return false;
 }
 
-// The lines that the daemon would log are formatted all the same.
+bool load_document(const std::string &text) {
+    std::ofstream(get_nimbrelc_config_file_location()) << text;
+    return nimbrelc_config_load(get_nimbrelc_config_file_location());
+}
+
+void must_save_document() {
+    const std::string before = text_of(get_config_root());
+    must(nimbrelc_config_save(), "a document can be saved");
+    must(nimbrelc_config_load(get_nimbrelc_config_file_location()), "a saved document loads");
+    must(text_of(get_config_root()) == before, "a saved document loads as it was");
+}
+
+// What the daemon would log is formatted all the same.
 extern "C" int LLVMFuzzerInitialize(int *, char ***) {
-    cover({"/media", "/etc", "/opt"});
+    const temporary_directory layers;
+    const char *path = layers.path().c_str();
+    must(unshare(CLONE_NEWNS) == 0 && mount("", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
+             mount("", path, "tmpfs", 0, nullptr) == 0,
+         "root can mount");
+    for (const char *directory : {"/media", "/etc", "/opt"}) {
+        cover(directory, path);
+    }
+    umount2(path, MNT_DETACH);  // the layers stay
+    std::filesystem::create_directories("/opt/app/default_config");
     logger_init("enabled=true:level=trace");
     return 0;
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
+    static const bool restarted = restart_what_the_clock_interrupts();
+    must(restarted, "calls are restarted");
     fuzz({reinterpret_cast<const char *>(data), size});
     return 0;
 }
