@@ -1,12 +1,11 @@
-// The files of Samba and AFP as a server reads them, from a daemon configuration and partitions of
-// any kind: no value makes a line or a section of its own.
+// The files of Samba and AFP as a server reads them: no value makes a line or a section of its own.
+// The input is a daemon configuration, then labels and mount points in turn.
 #include <algorithm>
 #include <cctype>
 #include <map>
 #include <sstream>
 
 #include "common/texts.h"
-#include "disks/disks.h"
 #include "fuzz.h"
 #include "sharing/file_service_afp.h"
 #include "sharing/file_service_config.h"
@@ -52,16 +51,15 @@ std::string read_paths(const std::string &text, const std::vector<std::string> &
 }  // namespace
 
 void fuzz(std::string_view input) {
-    const std::vector<std::string> texts = fields(input, 2);
+    const std::vector<std::string> texts = fields(input, 9);
     const json_ptr settings = parse(texts[0]);
-    const json_ptr partitions = parse(texts[1]);
+    const json_ptr partitions = partitions_of(std::span(texts).subspan(1));
     std::string paths;
-    const cJSON *partition = cJSON_IsArray(partitions.get()) ? partitions->child : nullptr;
-    for (; partition != nullptr; partition = partition->next) {
+    for (size_t i = 2; i < texts.size(); i += 2) {
         std::string line;
-        const std::string place = nimbrelc_utils_get_json_text(partition, "mount_point");
-        file_service_write_line(line, "", place);
-        paths += place.empty() || place.find('%') != std::string::npos ? "" : line.substr(5);
+        file_service_write_line(line, "", texts[i]);
+        const bool is_written = !texts[i].empty() && texts[i].find('%') == std::string::npos;
+        paths += is_written ? line.substr(std::string_view("   = ").size()) : "";
     }
     must(read_paths(samba_config_text(settings.get(), partitions.get(), true),
                     {"path", "guest ok", "guest only", "writeable", "oplocks"}) == paths,

@@ -27,14 +27,7 @@ std::set<std::string> paths(const std::string &text) {
 }  // namespace
 
 void fuzz(std::string_view input) {
-    const json_ptr partitions(cJSON_CreateArray());
-    const std::vector<std::string> texts = fields(input, 16);
-    for (size_t i = 0; i + 1 < texts.size(); i += 2) {
-        cJSON *record = cJSON_CreateObject();
-        cJSON_AddStringToObject(record, "label", texts[i].c_str());
-        cJSON_AddStringToObject(record, "mount_point", texts[i + 1].c_str());
-        cJSON_AddItemToArray(partitions.get(), record);
-    }
+    const json_ptr partitions = partitions_of(fields(input, 16));
     const std::string text = samba_config_text(nullptr, partitions.get(), false);
     if (!dbus_validate_utf8(text.c_str(), nullptr)) {
         return;  // nothing else comes by the bus

@@ -46,6 +46,17 @@ std::vector<std::string> fields(std::string_view input, size_t count) {
     return texts;
 }
 
+json_ptr partitions_of(std::span<const std::string> texts) {
+    json_ptr partitions(cJSON_CreateArray());
+    for (; texts.size() >= 2; texts = texts.subspan(2)) {
+        cJSON *record = cJSON_CreateObject();
+        cJSON_AddStringToObject(record, "label", texts[0].c_str());
+        cJSON_AddStringToObject(record, "mount_point", texts[1].c_str());
+        cJSON_AddItemToArray(partitions.get(), record);
+    }
+    return partitions;
+}
+
 std::string text_of(const cJSON *item) {
     return nimbrelc_utils_print_json_unformatted(item).value_or("nothing");
 }

@@ -3,6 +3,7 @@
 // stays in its own memory.
 #pragma once
 
+#include <span>
 #include <string_view>
 #include <vector>
 
@@ -13,6 +14,8 @@ void must(bool holds, const char *what);  // `what` says what should have been
 
 // The first texts of the input, which zero bytes separate; missing ones are empty.
 std::vector<std::string> fields(std::string_view input, size_t count);
+// Partitions whose labels and mount points are the texts in turn.
+json_ptr partitions_of(std::span<const std::string> texts);
 
 std::string text_of(const cJSON *item);  // "nothing" for none
 void must_read_back(const cJSON *item);  // printed and parsed it is the same
