@@ -1,0 +1,30 @@
+// The arguments of messages: any text goes out as UTF-8, one that is UTF-8 as it is; and a message
+// of any bytes comes in.
+#include "common/msg_bus/message_bus_args.h"
+
+#include "common/bus_message_ptr.h"
+#include "fuzz.h"
+
+void fuzz(std::string_view input) {
+    const bus_message_ptr signal(dbus_message_new_signal("/a", "a.b", "c"));
+    const std::string text = fields(input, 1)[0];
+    const std::string damaged = text + '\xFF';
+    const message_bus_arg sent[] = {mb_string(text), mb_string(damaged)};
+    must(message_bus_append_args(signal.get(), sent) == nullptr, "every text can be sent");
+    const message_bus_incoming_args got(signal.get());
+    const std::string_view read = got.data()->string;
+    must(dbus_validate_utf8(read.data(), nullptr), "a text is sent as UTF-8");
+    must(read == text || !dbus_validate_utf8(text.c_str(), nullptr), "UTF-8 is sent as it is");
+    must(got.data()[1].string == std::string(read) + "\xEF\xBF\xBD",
+         "wrong bytes alone are replaced");
+
+    const bus_message_ptr message(
+        dbus_message_demarshal(input.data(), static_cast<int>(input.size()), nullptr));
+    if (message) {
+        const message_bus_incoming_args args(message.get());
+        for (int32_t i = 0; i < std::min(args.count(), message_bus_max_args); ++i) {
+            const message_bus_arg &arg = args.data()[i];
+            must((arg.string != nullptr) == (arg.type == MB_ARG_STRING), "texts alone are texts");
+        }
+    }
+}
