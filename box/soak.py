@@ -62,8 +62,8 @@ class Soak:
             self.box.unplug(name)
         else:
             self.box.plug(name, self.random.choice(["USB", "SD"]), [
-                {"label": self.random.choice(["Films", "films", "", "global", "a]b", "50% off"])}
-                for _ in range(self.random.randrange(4))])
+                {"label": self.random.choice(["Films", "films", "", "global", "a]b", "50% off"]),
+                 "mount_point": f"/mnt/{name}{number}"} for number in range(self.random.randrange(4))])
 
     def act(self):
         box, choice, flag = self.box, self.random.choice, self.random.random() < 0.5
@@ -124,7 +124,7 @@ class Soak:
         for name in "Samba", "AFP", "Avahi":
             box.call(*SERVICES, "setState", json.dumps({"service": name, "enabled": True}), timeout=60)
         if "z" not in box.disks:
-            box.plug("z")
+            box.plug("z", partitions=[{"mount_point": "/mnt/z1"}])
         box.call(*CENTRAL, "SetState", False, timeout=60)
         box.call(*CENTRAL, "SetState", True, timeout=60)
         for service in "nmbd", "smbd", "netatalk", "avahi":

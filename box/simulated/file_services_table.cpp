@@ -52,11 +52,11 @@ constexpr file_service row(const char *name) {
 const std::array<file_service, 3> file_services = {row<0, 3>("Samba"), row<1, 10>("AFP"),
                                                    row<2, 3>("Avahi")};
 
-void simulated_box::reset(time_t now) {
-    simulated_box::reset_timers(now);
+void simulated_box::reset(time_t start) {
+    simulated_box::reset_timers(start);
     take_commands();
     run = [](const std::string &, std::string &) { return 0; };
-    begin = now;
+    begin = start;
     for (service &item : services) {
         item = {};
     }

@@ -16,7 +16,7 @@ namespace simulated_box {
 
 // No time has passed, no timer runs, no command was run, every command succeeds and says nothing,
 // no service runs.
-void reset(time_t now = 1700000000);
+void reset(time_t start = 1700000000);
 void reset_timers(time_t now);  // a part of it
 
 // Lets so many seconds pass: timers run down in the order of their ends.

@@ -91,7 +91,7 @@ bool disable_protection() {
 }
 
 // Whether the server takes the mount point as it stands. There is no way to write a variable that
-// is none, and what it stands for is another place.
+// is none, or two blanks, which the server reads as one: what these stand for is another place.
 bool has_literal_path(const cJSON *partition) {
     const char *mount_point = nimbrelc_utils_get_json_text(partition, "mount_point");
     for (const char *sign = strchr(mount_point, '%'); sign != nullptr;
@@ -101,6 +101,10 @@ bool has_literal_path(const cJSON *partition) {
             LOG_WARN("Cannot share %s: the server would read a variable in it", mount_point);
             return false;
         }
+    }
+    if (strstr(mount_point, "  ") != nullptr) {
+        LOG_WARN("Cannot share %s: the server would read one blank for two", mount_point);
+        return false;
     }
     return true;
 }

@@ -39,8 +39,9 @@ std::string compared_form(std::string_view name) {
     const size_t length = mbstowcs(wide.data(), form.c_str(), wide.size());
     if (length != static_cast<size_t>(-1)) {
         wide.resize(length);
-        std::transform(wide.begin(), wide.end(), wide.begin(),
-                       [](wchar_t c) { return static_cast<wchar_t>(towlower(c)); });
+        std::transform(wide.begin(), wide.end(), wide.begin(), [](wchar_t c) {
+            return static_cast<wchar_t>(towlower(static_cast<wint_t>(c)));
+        });
         std::string folded(length * MB_CUR_MAX + 1, '\0');
         folded.resize(wcstombs(folded.data(), wide.c_str(), folded.size()));
         form = std::move(folded);
