@@ -263,6 +263,10 @@ class Box:
         return self._build_option("NIMBRELC_BUILD_FLAVOUR")
 
     @property
+    def syncs_writes(self):
+        return self._build_option("NIMBRELC_SYNC_WRITES") == "ON"
+
+    @property
     def sanitized(self):
         return self._build_option("NIMBRELC_SANITIZE") == "ON"
 

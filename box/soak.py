@@ -3,6 +3,7 @@ goes wrong around it. Fails when a setting is lost, something grows, or the daem
 a fault."""
 import argparse
 import contextlib
+import functools
 import json
 import os
 import random
@@ -21,20 +22,22 @@ CENTRAL = ("/ws/centralstorage", "com.kelvanto.nimbrel.centralstorage")
 TEXTS = {"Device.DeviceInfo.ProvisioningCode": ("cpeDevice", "deviceInfo", "provisioningCode"),
          DEVICE + "MinimumFWVersion": ("upgradeConfig", "minimumFirmwareVersion"),
          DEVICE + "SSH.AuthorizedKey": ("ssh", "authorizedKey")}
-PEERS = {"ddm": ["DeviceList", "PartitionList", "IsDiskSleepEnabled"], "lcd": ["addEvent", "removeEvent"],
+PEERS = {"ddm": ["DeviceList", "PartitionList", "IsDiskSleepEnabled"], "lcd": ["addEvent", "clearEvent"],
          "agent": ["set"], "dlna": ["DmsStreamingState"], "hardware": ["HardwareInfoRequest"]}
 SCRIPTS = {name: "/usr/bin/scripts/" + path + name for path, name in [
     ("", "firewallctl"), ("", "remove_afp_cnid_dir.sh"), ("ssh/", "set_auth_key.sh"),
     ("firewall/", "set_port_forwarding.sh"), ("firewall/", "delete_port_forwarding.sh"),
     ("vpn/", "updateConfig.sh"), ("vpn/", "getPortForwardingStatus.sh"), ("vpn/", "getConnectedDevices.sh")]}
 COMMANDS = {**SCRIPTS, "s6-rc": "/usr/bin/s6-rc", "dmesg": "/usr/bin/dmesg"}
+CUTS = 30
 FAKETIME = "/usr/lib/x86_64-linux-gnu/faketime/libfaketime.so.1"
 
 
 class Soak:
     def __init__(self, box, seed):
         self.box, self.random = box, random.Random(seed)
-        self.operations, self.faults, self.kills, self.findings = 0, {}, 0, []
+        self.operations, self.faults, self.kills, self.cuts, self.findings = 0, {}, 0, [], []
+        self.values = 0
         self.kept = {}  # key: the value that was answered with true, or None when the last answer was no
         self.members = self.shape(box.config())
 
@@ -49,11 +52,14 @@ class Soak:
 
     # Life ---------------------------------------------------------------------------------------
 
+    def new_value(self):
+        self.values += 1
+        return f"{self.values} " + "x" * self.random.randrange(2000)
+
     def set_text(self):
-        key = self.random.choice(list(TEXTS))
-        value = f"value {self.random.random()} " + "x" * self.random.randrange(2000)
+        key, value = self.random.choice(list(TEXTS)), self.new_value()
         self.kept[key] = None
-        if self.box.data_model("SetValue", key, value) == (True,):
+        if self.box.data_model("SetValue", key, value, timeout=5) == (True,):
             self.kept[key] = value
 
     def plug(self):
@@ -67,27 +73,30 @@ class Soak:
 
     def act(self):
         box, choice, flag = self.box, self.random.choice, self.random.random() < 0.5
+        call = functools.partial(box.call, timeout=5)
+        set_value = functools.partial(box.data_model, "SetValue", timeout=5)
         acts = [
             self.set_text, self.set_text, self.plug, self.plug,
-            lambda: box.call(*SERVICES, "setState", json.dumps(
+            lambda: call(*SERVICES, "setState", json.dumps(
                 {"service": choice(["Samba", "AFP", "Avahi"]), "enabled": flag})),
-            lambda: box.call(*CENTRAL, "SetState", flag),
-            lambda: box.call(*SERVICES, "updateCredentialsForUserShares", flag, "alice", "passw0rd"),
-            lambda: box.call("/ws/dlna", "com.kelvanto.nimbrel.dlna", "setMediaStreamingState", flag),
-            lambda: box.data_model("SetValue", DEVICE + "SSH.Enable", flag),
-            lambda: box.data_model("SetValue", DEVICE + "SSH.ActivationDuration", u(choice([0, 1, 60]))),
-            lambda: box.data_model("SetValue", DEVICE + "VPN.GlobalEnable", flag),
-            lambda: box.call("/ws/vpn", "com.kelvanto.nimbrel.vpn", "updateConfig", flag, "bob", "passw0rd",
-                             "presharedk3y"),
-            lambda: box.call("/ws/vpn", "com.kelvanto.nimbrel.vpn", "getConfig"),
-            lambda: box.data_model("SetValue", DEVICE + "Syslog.Persistent", flag),
-            lambda: box.data_model("SetValue", DEVICE + "SerialConsole.LoginEnabled", flag),
-            lambda: box.call("/debug/segfault", "com.kelvanto.nimbrel.debug.segfault", "AddDump", "smbd"),
-            lambda: box.call("/backup", "com.kelvanto.nimbrel.backup", "store", "/tmp/backup"),
-            lambda: box.call("/ws/nas/devices", "com.kelvanto.nimbrel.nas.devices", "list"),
-            lambda: box.data_model("GetObject", "Device.StorageService.1.PhysicalMedium.1"),
-            lambda: box.signal("com.kelvanto.network", "StateChanged", "up"),
-        ] + [lambda: box.data_model("GetValue", "Device.DeviceInfo.SoftwareVersion")] * 20
+            lambda: call(*CENTRAL, "SetState", flag),
+            lambda: call(*SERVICES, "updateCredentialsForUserShares", flag, "alice", "passw0rd"),
+            lambda: call("/ws/dlna", "com.kelvanto.nimbrel.dlna", "setMediaStreamingState", flag),
+            lambda: set_value(DEVICE + "SSH.Enable", flag),
+            lambda: set_value(DEVICE + "SSH.ActivationDuration", u(choice([0, 1, 60]))),
+            lambda: set_value(DEVICE + "VPN.GlobalEnable", flag),
+            lambda: set_value(DEVICE + "ProvisioningState", choice(["ready", "asked"])),
+            lambda: call("/ws/vpn", "com.kelvanto.nimbrel.vpn", "updateConfig", flag, "bob", "passw0rd",
+                         "presharedk3y"),
+            lambda: call("/ws/vpn", "com.kelvanto.nimbrel.vpn", "getConfig"),
+            lambda: set_value(DEVICE + "Syslog.Persistent", flag),
+            lambda: set_value(DEVICE + "SerialConsole.LoginEnabled", flag),
+            lambda: call("/debug/segfault", "com.kelvanto.nimbrel.debug.segfault", "AddDump", "smbd"),
+            lambda: call("/backup", "com.kelvanto.nimbrel.backup", "store", "/tmp/backup"),
+            lambda: call("/ws/nas/devices", "com.kelvanto.nimbrel.nas.devices", "list"),
+            lambda: box.data_model("GetObject", "Device.StorageService.1.PhysicalMedium.1", timeout=5),
+            lambda: box.signal("com.kelvanto.systemcalls", "IPAddressChanged"),
+        ] + [lambda: box.data_model("GetValue", "Device.DeviceInfo.SoftwareVersion", timeout=5)] * 20
         with contextlib.suppress(BusError, NoReply):
             choice(acts)()
         self.operations += 1
@@ -98,6 +107,10 @@ class Soak:
 
     # What must hold -----------------------------------------------------------------------------
 
+    @staticmethod
+    def stored(document, key):
+        return functools.reduce(lambda item, name: item[name], TEXTS[key], document)
+
     def check_document(self):
         try:
             document = self.box.config()
@@ -107,10 +120,7 @@ class Soak:
         if self.shape(document) != self.members:
             self.find("members were lost or added")
         for key, value in self.kept.items():
-            item = document
-            for name in TEXTS[key]:
-                item = item[name]
-            if value is not None and item != value:
+            if value is not None and self.stored(document, key) != value:
                 self.find(f"lost: {key}")
 
     def check_service(self):
@@ -118,7 +128,7 @@ class Soak:
         box = self.box
         wait_until(box.serving, "the daemon serves", 60)
         for key in TEXTS:
-            self.kept[key] = f"checked {self.random.random()}"
+            self.kept[key] = self.new_value()
             if box.data_model("SetValue", key, self.kept[key], timeout=60) != (True,):
                 self.find(f"{key} cannot be set")
         for name in "Samba", "AFP", "Avahi":
@@ -183,7 +193,7 @@ class Soak:
             os.rename(path, path + ".gone")
         else:
             self.box.script(name, **{"failing": {"code": 3}, "killed": {"kill": signal.SIGKILL},
-                                     "hanging": {"sleep": 3}, "chatty": {"out": "x" * 1000000},
+                                     "hanging": {"sleep": 1}, "chatty": {"out": "x" * 1000000},
                                      "leaving": {"leave": True}}[kind])
         yield
         if kind == "missing":
@@ -214,7 +224,7 @@ class Soak:
 
     def kill_during_save(self):
         """A signal that nobody can catch, at some moment of a save."""
-        key, value = "Device.DeviceInfo.ProvisioningCode", f"killed {self.kills} " + "k" * 3000
+        key, value = "Device.DeviceInfo.ProvisioningCode", self.new_value()
         before = self.kept.get(key)
         pid = self.box.daemon_pid()
         killer = threading.Timer(self.random.random() * 0.01, os.kill, (pid, signal.SIGKILL))
@@ -224,12 +234,58 @@ class Soak:
             answered = self.box.data_model("SetValue", key, value, timeout=10) == (True,)
         killer.join()
         self.kills += 1
-        saved = self.box.config()["cpeDevice"]["deviceInfo"]["provisioningCode"]
+        saved = self.stored(self.box.config(), key)
         if saved != value and (answered or saved != before):
             self.find("a kill lost " + ("an answered value" if answered else "the value before"))
         self.kept[key] = saved
         self.check_document()
         wait_until(lambda: self.box.daemon_pid() not in (None, pid) and self.box.serving(), "a new daemon", 60)
+
+    def save_until(self, ended):
+        while not ended.is_set():
+            self.set_text()
+
+    def cut_power(self, mount_option):
+        """The medium as it stands at some moment of constant saving, seen by the next start: how many
+        documents were whole of how many. An image on a loop device, copied beside the file system."""
+        box = self.box
+        box.stop_daemon()
+        box.run(["sh", "-ce", f"""
+            [ -e /dev/loop-control ] || mknod /dev/loop-control c 10 237
+            for n in $(seq 0 31); do [ -e /dev/loop$n ] || mknod /dev/loop$n b 7 $n; done
+            mkdir -p /run/cut; truncate -s 32M /run/medium; mkfs.ext4 -qF /run/medium
+            mount -o loop,{mount_option} /run/medium /run/cut; cp -a /media/nimbrelc.json /run/cut
+            chown nimbrelc: /run/cut; sync; mount --move /run/cut /media"""])
+        box.start_daemon()
+        ended = threading.Event()
+        saver = threading.Thread(target=self.save_until, args=[ended])
+        saver.start()
+        whole = 0
+        for _ in range(CUTS):
+            time.sleep(self.random.random() / 2)
+            answered = dict(self.kept)
+            box.run(["sh", "-ce", "cp --sparse=always /run/medium /run/image; mount -o loop /run/image /run/cut"])
+            with contextlib.suppress(ValueError):
+                document = json.loads(box.read("/run/cut/nimbrelc.json"))
+                whole += self.shape(document) == self.members and not (box.syncs_writes and any(
+                    value and int(self.stored(document, key).split()[0]) < int(value.split()[0])
+                    for key, value in answered.items()))
+            box.run(["umount", "/run/cut"])
+        ended.set()
+        saver.join()
+        box.stop_daemon()
+        document = box.read("/media/nimbrelc.json")
+        box.run(["umount", "/media"])
+        box.write("/media/nimbrelc.json", document, 0o600)
+        box.start_daemon()
+        return whole
+
+    def cut_power_everywhere(self):
+        for option in "auto_da_alloc", "noauto_da_alloc":
+            whole = self.cut_power(option)
+            self.cuts.append(f"{CUTS} power cuts on ext4 with {option}: {CUTS - whole} documents lost")
+            if whole < CUTS and (option == "auto_da_alloc" or self.box.syncs_writes):
+                self.find(self.cuts[-1])
 
     def restart_bus(self):
         ends = len(self.box.exits())
@@ -262,6 +318,7 @@ def main():
     parser = argparse.ArgumentParser(prog="./dev soak")
     parser.add_argument("minutes", nargs="?", type=float, default=10)
     parser.add_argument("--seed", type=int, default=random.randrange(1000000))
+    parser.add_argument("--build", default=os.path.join(ROOT, "build", "release"))
     options = parser.parse_args()
     print(f"{options.minutes:g} minutes, seed {options.seed}", flush=True)
     begin = time.monotonic()
@@ -269,45 +326,49 @@ def main():
     def left(share):
         return time.monotonic() - begin < options.minutes * 60 * share
 
+    def say(text):
+        print(f"{time.monotonic() - begin:5.0f} s  {text}", flush=True)
+
     kinds = [("peer", kind) for kind in ("absent", "late", "wrong", "failing", "hung")]
     kinds += [("command", kind) for kind in ("missing", "failing", "killed", "hanging", "chatty", "leaving")]
     kinds += [("medium", kind) for kind in ("full", "read-only", "vanished")]
-    with Box(os.path.join(ROOT, "build", "release")) as box:
+    with Box(options.build) as box:
         soak = Soak(box, options.seed)
         box.start_daemon()
         soak.check_service()
-        soak.live(200)
+        soak.live(1000)
         soak.check_service()
         first, done = soak.measure(), soak.operations
-        while left(0.6):
+        while not soak.faults or left(0.6):
             soak.random.shuffle(kinds)
             for family, kind in kinds:
-                if left(0.65):
-                    print(f"{time.monotonic() - begin:5.0f} s  {family} {kind}", flush=True)
-                    soak.suffer(family, kind, 30)
-        time.sleep(20)  # verifications and retries run down
+                say(f"{family} {kind}")
+                soak.suffer(family, kind, 50)
+        say("idle")
+        time.sleep(40)  # verifications, retries and calls without an answer run down
         last, done = soak.measure(), soak.operations - done
         idle = soak.wakeups()
-        print(f"{time.monotonic() - begin:5.0f} s  kills", flush=True)
-        while left(0.85):
+        say("kills during saves")
+        while soak.kills < 20 or left(0.8):
             soak.kill_during_save()
-        for name in "restart_bus", "set_clock":
-            print(f"{time.monotonic() - begin:5.0f} s  {name}", flush=True)
+        for name in "cut_power_everywhere", "restart_bus", "set_clock":
+            say(name.replace("_", " "))
             getattr(soak, name)()
         box.stop_daemon()
         for fault in box.faults():
             soak.find(fault)
 
-    print(f"\n{'':24}{'before':>8}{'after':>8}   for {done} operations")
+    print(f"\n{'':24}{'before':>8}{'after':>8}   per 1000 of {done} operations")
     for name, value in first.items():
-        print(f"{name:24}{value:8}{last[name]:8}")
+        print(f"{name:24}{value:8}{last[name]:8}{(last[name] - value) * 1000 / done:8.1f}")
         limit = value + (256 if "memory" in name else 0)
         if last[name] > limit:
             soak.find(f"{name}: {value} grew to {last[name]}")
-    print(f"{'wake-ups, idle 10 s':24}{'':8}{idle:8}")
-    if idle > 5:
+    print(f"{'wake-ups in 10 s, idle':24}{'':8}{idle:8}")
+    if idle > 2:
         soak.find(f"{idle} wake-ups in ten idle seconds")
     print("faults: " + ", ".join(f"{count} {name}" for name, count in sorted(soak.faults.items())))
+    print("\n".join(soak.cuts))
     print(f"{soak.operations} operations, {sum(soak.faults.values())} faults, {soak.kills} kills during saves, "
           f"{len(soak.findings)} findings")
     return 1 if soak.findings else 0
