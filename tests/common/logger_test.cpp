@@ -148,27 +148,6 @@ TEST_F(logger, syslog_connection_and_ident) {
     EXPECT_EQ(syslog_log, "[close][open nimbrelc]5 INFO ssh - a\n3ERROR ssh - b\n[close][close]");
 }
 
-TEST_F(logger, syslog_reads_no_argument_that_is_not_there) {
-    logger_init(("syslog=yes:file=yes:file.name=" + directory / "missing/log").c_str());
-    const struct {
-        std::string message;
-        std::string shown;
-    } rows[] = {
-        {"100%", "100%"},
-        {"%s%n %5d %.3s %-m %ld%", "%s%n %5d %.3s %-m %ld%"},
-        {"100%% of %%s, %%%d", "100% of %s, %%d"},
-        {"%m", "Permission denied"},
-        {std::string(7000, '%'), std::string(3500, '%')},
-    };
-    for (const auto &row : rows) {
-        syslog_log.clear();
-        errno = EACCES;
-        LOG_WARN("%s", row.message.c_str());
-        EXPECT_EQ(errno, EACCES);
-        EXPECT_EQ(syslog_log, "4 WARN ssh - " + row.shown + "\n");
-    }
-}
-
 TEST_F(logger, long_lines_are_cut_and_still_end) {
     const std::string path = directory / "log";
     logger_init(("file=yes:file.name=" + path).c_str());

@@ -119,23 +119,6 @@ def test_signals_count_only_from_their_real_senders(box):
 
 
 @pytest.mark.sanitize
-def test_a_label_that_pretends_to_be_members(box):
-    false = "x', Mount_Point: '/', more: 'y"
-    box.start_daemon()
-    box.wait_log("Partition list received")
-    box.plug("sda", partitions=[{"label": false, "mount_point": None}])
-    box.wait_log("Cannot parse partition connected")
-    box.plug("sdb")
-    box.wait_up("smbd")
-    box.stop_daemon()
-    box.start_daemon()
-    box.wait_log("Cannot parse json", count=2)
-    box.wait_log("Updating file services, number of supported partitions: 1", count=2)
-    assert "path = /media/sdb1" in box.read("/tmp/nimbrel/configs/samba.config")
-    assert "path = /\n" not in box.read("/tmp/nimbrel/configs/samba.config")
-
-
-@pytest.mark.sanitize
 def test_whatever_the_process_inherits(box):
     box.write("/usr/bin/scripts/ssh/set_auth_key.sh",
               "#!/bin/sh\ngrep Sig /proc/self/status >/run/box/signals; readlink /proc/self/fd/[012]\n",

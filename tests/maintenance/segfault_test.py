@@ -57,8 +57,7 @@ def test_crashes_are_recorded(box):
         '{"Time":"' + stamp + '","ProcessName":"d\\" \\\\ $(x)\\n%s"}',)
 
     kept = record(box)
-    for bad in [(), ("a", "b"), (u(1),), (("as", ["a"]),)]:
-        assert add(box, *bad) == ()
+    assert add(box, u(1)) == ()
     for number in ["0", "4", "-1", "2147483649"]:
         assert box.data_model("GetObject", PREFIX + "Dump." + number) == ()
     box.wait_log("segfault_dump_getter: invalid index -1")

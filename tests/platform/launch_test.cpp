@@ -1,5 +1,4 @@
 #include "platform/launch.h"
-#include "platform/launch_escape.h"
 
 #include <gtest/gtest.h>
 #include <sys/wait.h>
@@ -8,7 +7,6 @@
 #include <cerrno>
 #include <csignal>
 #include <cstdlib>
-#include <fstream>
 #include <string>
 
 #include "helpers.h"
@@ -116,37 +114,6 @@ TEST_F(launcher, text_for_a_child_that_is_gone) {
     EXPECT_EQ(launch("sleep 1", nullptr, nullptr), LAUNCH_OK);
     EXPECT_EQ(launch("exit 0", nullptr, nullptr), LAUNCH_OK);
     EXPECT_LE(waitpid(-1, nullptr, WNOHANG), 0);
-}
-
-TEST_F(launcher, escaped_values_reach_the_command_as_they_are) {
-    const temporary_directory directory;
-    const std::string script = directory / "script";
-    std::string all;
-    for (int byte = 1; byte < 256; ++byte) {
-        all += static_cast<char>(byte);
-    }
-    // A box's /bin/sh may be any of these.
-    for (const std::string shell : {"dash ", "bash --posix ", "bash ", "busybox sh "}) {
-        const auto run = [&](const std::string &line) {
-            std::ofstream(script) << line;
-            EXPECT_EQ(launch((shell + script).c_str(), nullptr, &output), LAUNCH_OK);
-            return output;
-        };
-        for (const std::string &value :
-             {std::string("$(id)`id`$HOME\\"), std::string("\\\\\"'; id & | <x >y (z) *?[a-z] ~ #"),
-              std::string("{a,b}{1..3}!!"), std::string("~root"), std::string("a\nb\\\n"), all}) {
-            const std::string quoted = "printf %s \"" + launch_escape_quoted(value) + "\"";
-            EXPECT_EQ(run(quoted), value) << shell << quoted;
-            std::string words;
-            for (const char c : value) {
-                words += c == ' ' || c == '\t' ? '_' : c;
-            }
-            const std::string unquoted = "printf %s " + launch_escape_unquoted(words);
-            EXPECT_EQ(run(unquoted), words) << shell << unquoted;
-        }
-    }
-    // Blanks are touched nowhere.
-    EXPECT_EQ(launch_escape_unquoted("two words\t"), "two words\t");
 }
 
 }  // namespace

@@ -160,14 +160,6 @@ TEST(file_service_config, keeps_values_from_changing_other_lines) {
     }
     EXPECT_EQ(text,
               "  k = a\\b\n  k = a\\_\n  k = \"a b_\"\n  k = a____[x]\n  k = \n  k = \" \"\n");
-
-    const json_ptr directives = parse(R"([
-        {"directive": "a\n[b]", "args": ["x\\", "", 5]},
-        {"directive": " [c]", "args": ["[y", "z]\n"]}, {"directive": "none"},
-        {"directive": "=d", "args": ["x"]}, {"directive": " ", "args": ["x"]}, {"args": ["x"]}])");
-    text.clear();
-    file_service_write_directives(text, directives.get());
-    EXPECT_EQ(text, "  a_[b] = x_  \n   _c] = [y z]_\n  none = \n  _d = x\n");
 }
 
 TEST(file_service, stores_a_switch_only_when_it_changes) {

@@ -4,9 +4,9 @@
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <array>
 #include <string>
+#include <tuple>
 #include <unordered_map>
 #include <vector>
 
@@ -22,18 +22,19 @@
 namespace {
 
 using simulated_box::running_timers;
+using simulated_box::service;
 using simulated_box::services;
 constexpr size_t count = 3;
 
+auto queue_and_service(size_t i) {
+    file_service_queue &queue = file_service_queues[i];
+    return std::tie(queue.events, queue.busy, queue.restarting, services[i]);
+}
+
 // Everything that the next step depends on; put back, it turns time back.
 struct situation {
-    struct queue {
-        std::vector<file_service_event> events;
-        int busy;
-        bool restarting;
-    };
-    std::array<queue, count> queues;
-    std::array<simulated_box::service, count> box;
+    using queue_and_service = std::tuple<std::vector<file_service_event>, int, bool, service>;
+    std::array<queue_and_service, count> queues;
     std::vector<simulated_box::running_timer> timers;
     time_t time;
     bool central_storage;
@@ -62,10 +63,8 @@ situation take() {
     here.central_storage = file_services_request_handler_is_central_storage_enabled();
     here.partitions = count_supported_partitions();
     for (size_t i = 0; i < count; ++i) {
-        const file_service_queue &queue = file_service_queues[i];
-        here.queues[i] = {queue.events, queue.busy, queue.restarting};
         services[i].done.clear();
-        here.box[i] = services[i];
+        here.queues[i] = queue_and_service(i);
     }
     return here;
 }
@@ -76,11 +75,7 @@ void put(const situation &there) {
     set_central_storage(there.central_storage);
     set_partitions(there.partitions);
     for (size_t i = 0; i < count; ++i) {
-        file_service_queue &queue = file_service_queues[i];
-        queue.events = there.queues[i].events;
-        queue.busy = there.queues[i].busy;
-        queue.restarting = there.queues[i].restarting;
-        services[i] = there.box[i];
+        queue_and_service(i) = there.queues[i];
     }
 }
 
@@ -88,9 +83,7 @@ void put(const situation &there) {
 std::string name_of(const situation &here) {
     std::string name;
     const auto add = [&name](time_t number) { name += static_cast<char>(number); };
-    for (size_t i = 0; i < count; ++i) {
-        const auto &[events, busy, restarting] = here.queues[i];
-        const simulated_box::service &service = here.box[i];
+    for (const auto &[events, busy, restarting, service] : here.queues) {
         add(file_service_simplify_events(events));
         add(events.empty() ? FILE_SERVICE_EVENT_NONE : events.back());
         add(busy * 2 + (restarting ? 1 : 0));
@@ -208,16 +201,14 @@ protected:
             EXPECT_TRUE(is_wanted(i) || services[i].done.find('+') == std::string::npos)
                 << file_services[i].name << described();
             EXPECT_TRUE(queue.busy != 0 || !queue.restarting) << described();
-            const auto timers =
-                std::count_if(running_timers.begin(), running_timers.end(),
-                              [&queue](const auto &timer) { return timer.loop == queue.loop; });
+            int timers = 0;
+            int verifications = 0;
+            for (const simulated_box::running_timer &timer : running_timers) {
+                timers += timer.loop == queue.loop ? 1 : 0;
+                verifications += timer.loop == queue.loop && timer.item == nullptr ? 1 : 0;
+            }
             EXPECT_LE(timers, 1) << described();
-            EXPECT_EQ(queue.busy != 0, std::any_of(running_timers.begin(), running_timers.end(),
-                                                   [&queue](const auto &timer) {
-                                                       return timer.loop == queue.loop &&
-                                                              timer.item == nullptr;
-                                                   }))
-                << described();
+            EXPECT_EQ(queue.busy != 0, verifications == 1) << described();
         }
     }
 

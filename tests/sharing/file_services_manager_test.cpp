@@ -75,71 +75,30 @@ TEST_F(file_services_manager, shares_a_disk_that_comes_back) {
     pass(20);
     EXPECT_EQ(samba.done, "3+ 23- 33+ 45- 50+ ");
     EXPECT_TRUE(samba.running && afp.running && avahi.running);
-    // Gone and back while the stop is watched.
-    unplug("a");
-    pass(4);
-    plug("a");
-    pass(60);
-    EXPECT_EQ(samba.done, "3+ 23- 33+ 45- 50+ 65- 73+ ");
     // While a restart is half done: stopped, so that it starts anew with what is there then.
     file_services_manager_reload_file_services();
     pass(4);
     unplug("a");
     plug("a");
     pass(60);
-    EXPECT_EQ(samba.done, "3+ 23- 33+ 45- 50+ 65- 73+ 129- 134+ 140- 145+ ");
+    EXPECT_EQ(samba.done, "3+ 23- 33+ 45- 50+ 65- 70+ 76- 81+ ");
 }
 
-TEST_F(file_services_manager, restarts_and_stops_what_runs) {
+TEST_F(file_services_manager, stops_and_restarts_what_runs) {
     samba.enabled = false;
     plug("a");
     pass(20);
     file_services_manager_reload_file_services();
     pass(20);
     EXPECT_EQ(samba.done, "");
-    EXPECT_EQ(afp.done, "3+ 23- 28+ ");
     EXPECT_EQ(avahi.done, "3+ 23- 28+ ");
-    // A stop that stops nothing ends the restart, and the next request finds the way free.
-    afp.deaf = true;
-    file_services_manager_reload_file_services();
-    pass(20);
-    afp.deaf = false;
-    file_services_manager_stop_file_services();
-    pass(60);
-    EXPECT_EQ(afp.done, "3+ 23- 28+ 43- 63- ");
-    EXPECT_EQ(avahi.done, "3+ 23- 28+ 43- 48+ 63- ");
-    // Neither does an action that fails block the way.
-    afp.fails = true;
-    plug("b");
-    pass(10);
-    afp.fails = false;
-    plug("c");
-    pass(10);
-    EXPECT_EQ(afp.done, "3+ 23- 28+ 43- 63- 123+ 133+ ");
-    EXPECT_TRUE(file_services_manager_stop());
-    EXPECT_FALSE(afp.running || avahi.running);
-}
-
-TEST_F(file_services_manager, asks_central_storage_before_a_start) {
-    set_config_flag("centralStorage.enabled", false);
-    plug("a");
-    EXPECT_TRUE(file_services_manager_change_file_service_state_by_name("Samba", true));
-    EXPECT_EQ(simulated_box::timers(), 0U);
-    set_config_flag("centralStorage.enabled", true);
-    file_services_manager_update_file_services();
-    pass(20);
-    EXPECT_EQ(samba.done, "3+ ");
-    EXPECT_FALSE(file_services_manager_change_file_service_state_by_name("samba", false));
-    EXPECT_TRUE(file_services_manager_change_file_service_state_by_name("Samba", false));
+    EXPECT_FALSE(file_services_manager_change_file_service_state_by_name("afp", false));
     EXPECT_TRUE(file_services_manager_change_file_service_state_by_name("AFP", false));
     EXPECT_TRUE(file_services_manager_change_file_service_state_by_name("AFP", true));
     pass(20);
-    EXPECT_EQ(samba.done, "3+ 23- ");
-    EXPECT_EQ(afp.done, "3+ 23- 28+ ");
-    unplug("a");
-    unplug("a");  // a start that is not run yet is stopped too
-    pass(20);
-    EXPECT_EQ(afp.done, "3+ 23- 28+ 43- ");
+    EXPECT_EQ(afp.done, "3+ 23- 28+ 43- 48+ ");
+    EXPECT_TRUE(file_services_manager_stop());
+    EXPECT_FALSE(afp.running || avahi.running);
 }
 
 }  // namespace
