@@ -36,7 +36,9 @@ def pytest_generate_tests(metafunc):
         metafunc.parametrize("build", builds, ids=map(os.path.basename, builds), scope="module")
 
 
-def make_box(request, build):
+@pytest.fixture
+def box(request, build):
+    """A fresh box; the daemon is not started yet."""
     with Box(build) as box:
         request.node.box = box
         yield box
@@ -46,23 +48,10 @@ def make_box(request, build):
         assert not faults, "\n".join(faults)
 
 
-@pytest.fixture
-def box(request, build):
-    """A fresh box; the daemon is not started yet."""
-    yield from make_box(request, build)
-
-
-@pytest.fixture(scope="module")
-def shared_box(request, build):
-    """One box for all tests of a module that leave it as they found it."""
-    yield from make_box(request, build)
-
-
 @pytest.hookimpl(hookwrapper=True)
 def pytest_runtest_makereport(item, call):
     report = (yield).get_result()
-    for node in (item, item.parent):
-        box = getattr(node, "box", None)
-        if report.failed and box:
-            report.sections.append(("log of the box", box.log()))
-            report.sections.append(("commands run through sudo", "\n".join(box.sudo())))
+    box = getattr(item, "box", None)
+    if report.failed and box:
+        report.sections.append(("log of the box", box.log()))
+        report.sections.append(("commands run through sudo", "\n".join(box.sudo())))

