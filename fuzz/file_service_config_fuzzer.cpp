@@ -26,7 +26,9 @@ std::string read_paths(const std::string &text, const std::vector<std::string> &
     std::istringstream lines(text);
     for (std::string line; std::getline(lines, line);) {
         must(nimbrelc_utils_printable(line) == line, "a line has no control character");
-        if (line.starts_with('[')) {
+        const size_t first = line.find_first_not_of(' ');
+        must(first == std::string::npos || line[first] != '=', "a line's key has a name");
+        if (first != std::string::npos && line[first] == '[') {
             must(row == keys.size(), "a share has all its lines");
             must(line.find(']') == line.size() - 1, "a name ends with its line");
             std::erase(line, ' ');
