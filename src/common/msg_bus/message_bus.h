@@ -23,8 +23,8 @@ public:
     explicit message_bus_request(DBusMessage *message)
         : message_(message != nullptr ? dbus_message_ref(message) : nullptr) {}
 
-    // What a reply needs to know, and no more: for a wait. Arguments may be large, and the descriptors
-    // among them are the process's own.
+    // What a reply needs to know, and no more: for a wait. Arguments may be large, and the
+    // descriptors among them are the process's own.
     message_bus_request without_arguments() const;
 
     // A second handle, for the one method that deliberately answers twice.
