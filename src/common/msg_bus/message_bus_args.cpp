@@ -5,7 +5,11 @@
 #include <iterator>
 #include <string_view>
 
+#include "common/logger.h"
+
 namespace {
+
+constexpr const char *log_category = "message_bus";
 
 constexpr struct {
     int32_t type;
@@ -107,6 +111,18 @@ const message_bus_arg *message_bus_append_args(DBusMessage *message,
         }
     }
     return nullptr;
+}
+
+bool message_bus_append_list(DBusMessage *message, std::span<const message_bus_arg> args) {
+    const message_bus_arg *refused = message_bus_append_args(message, args);
+    if (refused == nullptr) {
+        return true;
+    }
+    if (!message_bus_is_known_type(refused->type)) {
+        LOG_WARN("Unknown arg type");
+    }
+    LOG_WARN("failed to pass argument");
+    return false;
 }
 
 bool message_bus_fits(DBusMessage *message) {

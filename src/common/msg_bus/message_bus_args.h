@@ -76,6 +76,9 @@ private:
 const message_bus_arg *message_bus_append_args(DBusMessage *message,
                                                std::span<const message_bus_arg> args);
 
+// The same; false, with the reason in the log, when not all went in.
+bool message_bus_append_list(DBusMessage *message, std::span<const message_bus_arg> args);
+
 // False for a message with more text than the bus carries: it would end the connection.
 bool message_bus_fits(DBusMessage *message);
 
