@@ -28,8 +28,14 @@ void fuzz(std::string_view input) {
         disk_lists_remove_device(syspath);
         disk_lists_add_device(json_ptr(cJSON_Duplicate(record, true)));
     }
+    int mounted = 0;
+    cJSON_ArrayForEach(record, get_partitions_list()) {
+        mounted += disk_record_is_mounted(record) ? 1 : 0;
+    }
+    must(count_supported_partitions() == mounted, "mounted partitions are counted");
     cJSON_ArrayForEach(record, records.get()) {
         disk_lists_remove_partition(nimbrelc_utils_get_json_text(record, "syspath"));
     }
-    must(cJSON_GetArraySize(get_partitions_list()) == 0, "what was named as gone is gone");
+    must(cJSON_GetArraySize(get_partitions_list()) == 0 && count_supported_partitions() == 0,
+         "what was named as gone is gone");
 }

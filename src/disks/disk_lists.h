@@ -24,6 +24,6 @@ const cJSON *disk_lists_find_device(const char *syspath);
 
 struct disk_partitions {
     int count = 0;
-    bool any_mounted = false;
+    int mounted = 0;
 };
 disk_partitions disk_lists_partitions_of(const char *disk_syspath);

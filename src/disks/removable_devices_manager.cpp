@@ -128,7 +128,7 @@ void show_disk_when_complete(const char *disk_syspath) {
     const disk_partitions found = disk_lists_partitions_of(disk_syspath);
     if (found.count ==
         nimbrelc_utils_zero_if_null(cJSON_GetObjectItem(device, "partitions_count"))) {
-        show_disk_event(device, found.any_mounted);
+        show_disk_event(device, found.mounted > 0);
     }
 }
 
