@@ -1,5 +1,7 @@
 #include "common/json.h"
 
+#include <algorithm>
+#include <cctype>
 #include <utility>
 
 #include "common/files.h"
@@ -11,12 +13,13 @@ namespace {
 constexpr const char *log_category = "nimbrelc_utils";
 
 // Puts `value` where `member` stands, under the member's key.
-void replace_member(cJSON *object, cJSON *member, json_ptr value) {
+cJSON *replace_member(cJSON *object, cJSON *member, json_ptr value) {
     // The library sets a key only when it adds to an object.
     const json_ptr naming(cJSON_CreateObject());
     cJSON *named = value.release();
     cJSON_AddItemToObject(naming.get(), member->string, named);
     cJSON_ReplaceItemViaPointer(object, member, cJSON_DetachItemViaPointer(naming.get(), named));
+    return named;
 }
 
 int kind_of(const cJSON *item) {
@@ -26,6 +29,41 @@ int kind_of(const cJSON *item) {
 bool kinds_agree(const cJSON *source, const cJSON *target) {
     return cJSON_IsNull(source) || cJSON_IsNull(target) ||
            (cJSON_IsBool(source) && cJSON_IsBool(target)) || kind_of(source) == kind_of(target);
+}
+
+struct walk_end {
+    cJSON *searched = nullptr;
+    cJSON *item = nullptr;
+};
+
+// Down a dotted path, by `get_member` from an object (or null) to its member of that name.
+template <class Getter>
+walk_end walk(cJSON *root, std::string_view path, Getter get_member) {
+    walk_end end;
+    cJSON *next = root;
+    while (!path.empty()) {
+        const size_t dot = path.find('.');
+        const std::string key(path.substr(0, dot));
+        path.remove_prefix(dot == std::string_view::npos ? path.size() : dot + 1);
+        if (key.empty()) {
+            continue;
+        }
+        end.searched = cJSON_IsObject(next) ? next : nullptr;
+        end.item = get_member(end.searched, key);
+        if (end.item == nullptr) {
+            break;
+        }
+        next = end.item;
+    }
+    return end;
+}
+
+// As lookups compare names.
+std::string small_letters(std::string_view name) {
+    std::string small(name);
+    std::transform(small.begin(), small.end(), small.begin(),
+                   [](unsigned char c) { return static_cast<char>(tolower(c)); });
+    return small;
 }
 
 std::optional<std::string> owned_text(char *printed) {
@@ -52,27 +90,14 @@ json_ptr nimbrelc_utils_read_file_and_parse_json(const char *path) {
 }
 
 cJSON *nimbrelc_utils_get_json_object(cJSON *root, std::string_view path, cJSON **parent) {
-    cJSON *searched = nullptr;
-    cJSON *item = nullptr;
-    cJSON *next = root;
-    while (!path.empty()) {
-        const size_t end = path.find('.');
-        const std::string key(path.substr(0, end));
-        path.remove_prefix(end == std::string_view::npos ? path.size() : end + 1);
-        if (key.empty()) {
-            continue;
-        }
-        searched = cJSON_IsObject(next) ? next : nullptr;
-        item = cJSON_GetObjectItem(searched, key.c_str());
-        if (item == nullptr) {
-            break;
-        }
-        next = item;
-    }
+    const auto get_member = [](cJSON *object, const std::string &key) {
+        return cJSON_GetObjectItem(object, key.c_str());
+    };
+    const walk_end end = walk(root, path, get_member);
     if (parent != nullptr) {
-        *parent = searched;
+        *parent = end.searched;
     }
-    return item;
+    return end.item;
 }
 
 cJSON *nimbrelc_utils_get_json_section(cJSON *root, std::string_view path) {
@@ -120,10 +145,11 @@ void nimbrelc_utils_copy_values_to_json(const cJSON *source, cJSON *target, bool
     if (!cJSON_IsObject(source) || !cJSON_IsObject(target)) {
         return;
     }
+    const json_members stored_members(source);
     cJSON *next = nullptr;
     for (cJSON *member = target->child; member != nullptr; member = next) {
         next = member->next;
-        const cJSON *stored = cJSON_GetObjectItem(source, member->string);
+        const cJSON *stored = stored_members.find(member->string);
         if (stored == nullptr || !kinds_agree(stored, member)) {
             continue;
         }
@@ -134,6 +160,52 @@ void nimbrelc_utils_copy_values_to_json(const cJSON *source, cJSON *target, bool
             replace_member(target, member, json_ptr(cJSON_Duplicate(stored, true)));
         }
     }
+}
+
+json_members::json_members(const cJSON *object) {
+    cJSON *member = nullptr;
+    cJSON_ArrayForEach(member, object) {
+        members_.try_emplace(small_letters(member->string), member);
+    }
+}
+
+cJSON *json_members::find(std::string_view name) const {
+    const auto found = members_.find(small_letters(name));
+    return found == members_.end() ? nullptr : found->second;
+}
+
+void json_members::replaced(cJSON *member) {
+    members_[small_letters(member->string)] = member;
+}
+
+cJSON *json_index::find(std::string_view path, cJSON *&parent) {
+    const auto get_member = [this](cJSON *object, const std::string &key) -> cJSON * {
+        return object == nullptr ? nullptr
+                                 : objects_.try_emplace(object, object).first->second.find(key);
+    };
+    const walk_end end = walk(root_, path, get_member);
+    parent = end.searched;
+    return end.item;
+}
+
+cJSON *json_index::find(std::string_view path) {
+    cJSON *parent = nullptr;
+    return find(path, parent);
+}
+
+bool json_index::replace(std::string_view path, json_ptr value) {
+    cJSON *parent = nullptr;
+    cJSON *item = find(path, parent);
+    if (item == nullptr || value == nullptr) {
+        return false;
+    }
+    const bool is_tree = item->child != nullptr;
+    cJSON *added = replace_member(parent, item, std::move(value));
+    objects_.find(parent)->second.replaced(added);
+    if (is_tree) {
+        objects_.clear();  // what is known of its objects is known of what is gone
+    }
+    return true;
 }
 
 std::optional<std::string> nimbrelc_utils_print_json(const cJSON *item) {

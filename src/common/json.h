@@ -5,6 +5,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <unordered_map>
 
 #include "common/json_ptr.h"
 
@@ -40,6 +41,34 @@ double nimbrelc_utils_zero_if_null(const cJSON *item);
 // agree (null agrees with all), objects member by member. An object of the target always stays one.
 // Source arrays are taken only with `copy_arrays`.
 void nimbrelc_utils_copy_values_to_json(const cJSON *source, cJSON *target, bool copy_arrays);
+
+// The members of an object, found without a walk: the first one of a name, or null.
+class json_members {
+public:
+    explicit json_members(const cJSON *object);
+    cJSON *find(std::string_view name) const;
+    void replaced(cJSON *member);  // stands now where another of its name did
+
+private:
+    std::unordered_map<std::string, cJSON *> members_;  // by the name in small letters
+};
+
+// A tree in which many paths are looked up: each object is walked once. Nobody else may change it
+// meanwhile.
+class json_index {
+public:
+    explicit json_index(cJSON *root) : root_(root) {}
+    // As nimbrelc_utils_get_json_object(), but for a parent.
+    cJSON *find(std::string_view path);
+    // As nimbrelc_utils_replace_json_object().
+    bool replace(std::string_view path, json_ptr value);
+
+private:
+    cJSON *find(std::string_view path, cJSON *&parent);
+
+    cJSON *root_;
+    std::unordered_map<const cJSON *, json_members> objects_;
+};
 
 // JSON text, indented or without white space; none when there is nothing printable.
 std::optional<std::string> nimbrelc_utils_print_json(const cJSON *item);

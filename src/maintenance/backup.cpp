@@ -145,8 +145,8 @@ void restore_plain_vpn_secret(cJSON *root, const cJSON *values, const vpn_secret
     replace_secret(root, secret.stored.path, encrypted);
 }
 
-void restore_value(cJSON *root, const cJSON *member) {
-    const cJSON *field = nimbrelc_utils_get_json_object(root, member->string, nullptr);
+void restore_value(json_index &root, const cJSON *member) {
+    const cJSON *field = root.find(member->string);
     if (field == nullptr) {
         LOG_WARN("No field %s in nimbrelc configuration", member->string);
         return;
@@ -156,7 +156,7 @@ void restore_value(cJSON *root, const cJSON *member) {
         return;
     }
     if (json_ptr value = copy_value(member)) {
-        nimbrelc_utils_replace_json_object(root, member->string, std::move(value));
+        root.replace(member->string, std::move(value));
     }
 }
 
@@ -286,9 +286,10 @@ bool backup_restore(cJSON *root, const cJSON *document) {
         LOG_ERROR("Bad backup file format");
         return false;
     }
+    json_index settings(root);
     const cJSON *member = nullptr;
     cJSON_ArrayForEach(member, values) {
-        restore_value(root, member);
+        restore_value(settings, member);
     }
     restore_plain_storage_password(root, values);
     for (const vpn_secret &secret : vpn_secrets) {
