@@ -163,7 +163,14 @@ int threshold_of(const char *category) {
     return settings.threshold;
 }
 
+// The system log has times of its own: for it alone the place of the time stays blank.
 void append_timestamp(log_line &line) {
+    constexpr int width = sizeof "2024-05-01 13:07:42.123";
+    if (!settings.to_stdout && !settings.to_file && !settings.to_rolling &&
+        (settings.hooks == nullptr || settings.hooks->on_line == nullptr)) {
+        line.append("%*s", width, "");
+        return;
+    }
     timeval now{};
     gettimeofday(&now, nullptr);
     const time_t seconds = now.tv_sec;
@@ -177,22 +184,21 @@ void append_timestamp(log_line &line) {
 // kept: the text is the format of the system log, so "%%" and "%m" mean there what they always
 // mean. Any other conversion would read an argument that does not exist and is made plain text.
 void write_to_syslog(int level, const char *text) {
-    char format[2 * line_size];
-    size_t length = 0;
-    while (*text != '\0') {
-        format[length++] = *text;
-        if (*text == '%') {
-            const bool pair = text[1] == '%' || text[1] == 'm';
-            format[length++] = pair ? *++text : '%';
+    std::string escaped;
+    if (strchr(text, '%') != nullptr) {
+        for (const char *rest = text; *rest != '\0'; ++rest) {
+            escaped += *rest;
+            if (*rest == '%') {
+                const bool pair = rest[1] == '%' || rest[1] == 'm';
+                escaped += pair ? *++rest : '%';
+            }
         }
-        ++text;
+        text = escaped.c_str();
     }
-    format[length] = '\0';
-
     const bool known = level >= LOG_LEVEL_TRACE && level <= LOG_LEVEL_SYSLOG;
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wformat-security"
-    syslog(known ? syslog_priorities[level] : LOG_ERR, format);
+    syslog(known ? syslog_priorities[level] : LOG_ERR, text);
 #pragma GCC diagnostic pop
 }
 
@@ -200,7 +206,7 @@ void fix_file_permissions_if_needed(const char *path) {
     const uid_t user = settings.owner_user;
     const gid_t group = settings.owner_group;
     struct stat info {};
-    if (stat(path, &info) != 0 || user == no_user || group == no_group || getuid() == user ||
+    if (user == no_user || group == no_group || stat(path, &info) != 0 || getuid() == user ||
         getgid() == group || info.st_uid == user || info.st_gid == group) {
         return;
     }
