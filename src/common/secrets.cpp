@@ -61,6 +61,7 @@ const unsigned char *bytes_of(std::string_view text) {
 // The library's text for its latest error; forgets it and the earlier ones.
 std::string crypto_error() {
     char text[256];
+    OPENSSL_init_crypto(OPENSSL_INIT_LOAD_CRYPTO_STRINGS, nullptr);
     ERR_error_string_n(ERR_peek_last_error(), text, sizeof text);
     ERR_clear_error();
     return text;

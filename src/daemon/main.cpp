@@ -163,9 +163,8 @@ int run(int argc, char *argv[]) {
     }
     LOG_INFO("nimbrelc v%s", program_version);
     switch_identity();
-    OPENSSL_init_crypto(OPENSSL_INIT_LOAD_CRYPTO_STRINGS | OPENSSL_INIT_ADD_ALL_CIPHERS |
-                            OPENSSL_INIT_ADD_ALL_DIGESTS | OPENSSL_INIT_NO_LOAD_CONFIG,
-                        nullptr);
+    // Its tables of names and texts are big: they are filled when one is looked up.
+    OPENSSL_init_crypto(OPENSSL_INIT_NO_LOAD_CONFIG, nullptr);
     const int exit_code = g_migration_mode ? migrate() : serve();
     EVP_cleanup();
     return exit_code;
