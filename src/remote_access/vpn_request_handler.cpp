@@ -23,26 +23,26 @@ namespace {
 
 constexpr const char *log_category = "vpn";
 
-nimbrelc_regex username_regex;
-nimbrelc_regex secret_length_regex;
-nimbrelc_regex letter_regex;
-nimbrelc_regex non_letter_regex;
+enum pattern : size_t { USERNAME, SECRET_LENGTH, LETTER, NON_LETTER };
+constexpr const char *patterns[] = {
+    "^[ -~]{3,32}$",
+    "^[ -~]{8,64}$",
+    "[A-Za-z]",
+    "[^A-Za-z]",
+};
 
-struct pattern {
-    nimbrelc_regex &regex;
-    const char *text;
-};
-constexpr pattern patterns[] = {
-    {username_regex, "^[ -~]{3,32}$"},
-    {secret_length_regex, "^[ -~]{8,64}$"},
-    {letter_regex, "[A-Za-z]"},
-    {non_letter_regex, "[^A-Za-z]"},
-};
+// Compiled when they are asked: they would fill many pages for good, and new credentials are rare.
+bool matches(pattern wanted, const char *text) {
+    nimbrelc_regex compiled;
+    if (!nimbrelc_regex_compile(compiled, patterns[wanted])) {
+        LOG_ERROR("Failed to compile regexes");
+        return false;
+    }
+    return nimbrelc_regex_match(compiled, text);
+}
 
 bool is_valid_secret(const char *secret) {
-    return nimbrelc_regex_match(secret_length_regex, secret) &&
-           nimbrelc_regex_match(letter_regex, secret) &&
-           nimbrelc_regex_match(non_letter_regex, secret);
+    return matches(SECRET_LENGTH, secret) && matches(LETTER, secret) && matches(NON_LETTER, secret);
 }
 
 struct forwarded_port {
@@ -121,7 +121,7 @@ void get_preshared_key_callback(int32_t /*argc*/, const message_bus_arg *args,
 }
 
 bool are_valid_credentials(const char *username, const char *password, const char *preshared_key) {
-    if (!nimbrelc_regex_match(username_regex, username)) {
+    if (!matches(USERNAME, username)) {
         LOG_ERROR("Invalid username");
         return false;
     }
@@ -345,17 +345,9 @@ constexpr message_bus_method methods[] = {
      "get_devices_callback doesn't accept arguments", empty_reply, "get_devices_callback start"},
 };
 
-bool compile_pattern(const pattern &row) {
-    return nimbrelc_regex_compile(row.regex, row.text);
-}
-
 }  // namespace
 
 bool vpn_request_handler_start() {
-    if (!std::all_of(std::begin(patterns), std::end(patterns), compile_pattern)) {
-        LOG_ERROR("Failed to compile regexes");
-        return false;
-    }
     if (!message_bus_add_methods(log_category, methods)) {
         LOG_ERROR("message_bus_add_method_listener failed");
         return false;

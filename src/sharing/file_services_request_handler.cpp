@@ -191,14 +191,9 @@ bool file_services_request_handler_start(event_base *base) {
         LOG_ERROR("message_bus_add_method_listener failed");
         return false;
     }
-    if (!share_settings_compile_rules()) {
-        LOG_ERROR("Cannot compile validators for shares protection user/pass");
-        return false;
-    }
     return true;
 }
 
 bool file_services_request_handler_stop() {
-    share_settings_forget_rules();
     return true;
 }

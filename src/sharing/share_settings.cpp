@@ -39,9 +39,14 @@ constexpr const char *validator_patterns[VALIDATOR_COUNT] = {
     "[ -@[-`{-~]+",
 };
 
-nimbrelc_regex validators[VALIDATOR_COUNT];
+// Compiled when they are asked: they would fill many pages for good, and new credentials are rare.
 bool matches(validator rule, const char *text) {
-    return nimbrelc_regex_match(validators[rule], text);
+    nimbrelc_regex compiled;
+    if (!nimbrelc_regex_compile(compiled, validator_patterns[rule])) {
+        LOG_ERROR("Cannot compile validators for shares protection user/pass");
+        return false;
+    }
+    return nimbrelc_regex_match(compiled, text);
 }
 
 bool validate_credentials(const char *username, const char *password) {
@@ -136,17 +141,6 @@ std::optional<std::string> file_services_request_handler_decrypt_storage_passwor
     }
     password->resize(strlen(password->c_str()));
     return password;
-}
-
-bool share_settings_compile_rules() {
-    return std::equal(std::begin(validators), std::end(validators), std::begin(validator_patterns),
-                      nimbrelc_regex_compile);
-}
-
-void share_settings_forget_rules() {
-    for (nimbrelc_regex &rule : validators) {
-        nimbrelc_regex_free(rule);
-    }
 }
 
 // kept: they differ from stored credentials all the same, so that a request for the flag alone is

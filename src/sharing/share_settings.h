@@ -28,9 +28,5 @@ struct storage_config {
 // password does not decrypt: the other two are filled all the same, the password is empty.
 bool file_services_request_handler_get_storage_config(storage_config &config);
 
-// The rules for new credentials: compiled before first use, false (logged) when that fails.
-bool share_settings_compile_rules();
-void share_settings_forget_rules();
-
 // True when the configuration was changed and saved. Empty values never overwrite stored ones.
 bool share_settings_change_protection(bool wanted, const char *username, const char *password);
