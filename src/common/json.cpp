@@ -12,7 +12,7 @@ namespace {
 
 constexpr const char *log_category = "nimbrelc_utils";
 
-// Puts `value` where `member` stands, under the member's key.
+// Puts `value` where `member` stands, under the member's key, and gives it back.
 cJSON *replace_member(cJSON *object, cJSON *member, json_ptr value) {
     // The library sets a key only when it adds to an object.
     const json_ptr naming(cJSON_CreateObject());

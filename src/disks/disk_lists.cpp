@@ -1,6 +1,6 @@
 #include "disks/disk_lists.h"
 
-#include <deque>
+#include <list>
 #include <string>
 #include <unordered_map>
 #include <utility>
@@ -57,7 +57,7 @@ public:
 
 private:
     json_ptr items_;
-    std::unordered_map<std::string, std::deque<cJSON *>> by_syspath_;
+    std::unordered_map<std::string, std::list<cJSON *>> by_syspath_;
 };
 
 disk_list devices;
