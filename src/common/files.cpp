@@ -29,10 +29,6 @@ bool is_regular(const struct stat &info) {
 // effects (device) or fail late (directory). A file that this makes gets `mode`.
 file_ptr open_regular_file(const char *path, int flags, mode_t mode, const char *stream_mode,
                            file_check check) {
-    if (path == nullptr) {
-        errno = EFAULT;
-        return nullptr;
-    }
     const int fd = open(path, flags | O_NONBLOCK | O_NOCTTY | O_CLOEXEC, mode);
     if (fd < 0) {
         return nullptr;
@@ -51,6 +47,10 @@ file_ptr open_regular_file(const char *path, int flags, mode_t mode, const char 
 }
 
 file_ptr open_for_reading(const char *path) {
+    if (path == nullptr) {
+        errno = EFAULT;
+        return nullptr;
+    }
     return open_regular_file(path, O_RDONLY, 0, "r",
                              [](int, const struct stat &, mode_t) { return true; });
 }

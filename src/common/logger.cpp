@@ -249,7 +249,9 @@ void rolling_path(char (&path)[path_size], int index) {
              settings.rolling_name.c_str(), index);
 }
 
-void rotate() {
+// Buffers for paths stand on the stack only while there are files to turn: the log is called
+// everywhere.
+[[gnu::noinline]] void rotate() {
     char from[path_size];
     char to[path_size];
     if (settings.rolling_count < 1) {
@@ -264,7 +266,7 @@ void rotate() {
     }
 }
 
-void write_to_rolling(const log_line &line) {
+[[gnu::noinline]] void write_to_rolling(const log_line &line) {
     const char *directory = settings.rolling_directory.c_str();
     struct stat info {};
     if (stat(directory, &info) != 0 && mkdir(directory, 0744) != 0) {

@@ -148,7 +148,7 @@ std::optional<std::string> nimbrelc_utils_decrypt_data(std::string_view blob,
                                                        std::string_view passphrase) {
     if (blob.size() < header_size) {
         // Ends as a blob does whose cipher text was cut off.
-        ERR_raise(ERR_LIB_EVP, EVP_R_WRONG_FINAL_BLOCK_LENGTH);
+        EVPerr(EVP_F_EVP_DECRYPTFINAL_EX, EVP_R_WRONG_FINAL_BLOCK_LENGTH);
         LOG_ERROR("EVP_DecryptFinal_ex failed: %s", crypto_error().c_str());
         return std::nullopt;
     }

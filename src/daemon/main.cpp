@@ -22,7 +22,7 @@
 namespace {
 
 constexpr const char *log_category = "main";
-constexpr const char *program_version = "0.0.2";
+constexpr const char *program_version = NIMBRELC_VERSION;
 
 // In the order of switching: the group while the process may still change it, then the user.
 struct identity {

@@ -31,7 +31,7 @@ std::string describe(int32_t argc, const message_bus_arg *args) {
     std::string text = std::to_string(argc) + ":";
     for (int32_t i = 0; i < std::min(argc, message_bus_max_args); ++i) {
         const message_bus_arg &arg = args[i];
-        text += " " + std::to_string(arg.type) + "=";
+        text.append(" ").append(std::to_string(arg.type)).append("=");
         text += arg.type == MB_ARG_STRING ? arg.string : std::to_string(arg.word);
     }
     return text + ";";
