@@ -69,22 +69,27 @@ class Box:
         self.client = None
         self.disks = {}
         self.environment = {}  # of the daemon, besides what its service gives it
-        stage = staged(self.build)
-        # --kill-child and setpriv: the box ends with the process that holds it, however that ends.
-        self.process = subprocess.Popen(
-            ["setpriv", "--pdeathsig", "KILL", "unshare", "--mount", "--uts", "--ipc", "--net",
-             "--pid", "--fork", "--kill-child=KILL", os.path.join(HERE, "init"), HERE, stage],
-            stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
+        self.start(os.path.join(HERE, "init"), HERE, staged(self.build))
         try:
-            line = self.process.stdout.readline()
-            if not line:
-                raise BoxError("the box did not start:\n" + self.process.stderr.read())
-            self.pid = int(line)
-            self.root = f"/proc/{self.pid}/root"
             self.join_bus()
         except BaseException:
             self.close()
             raise
+
+    def start(self, *first):
+        """Starts the first process in namespaces of its own; it says its number when its root stands."""
+        # --kill-child and setpriv: the box ends with the process that holds it, however that ends.
+        self.process = subprocess.Popen(
+            ["setpriv", "--pdeathsig", "KILL", "unshare", "--mount", "--uts", "--ipc", "--net",
+             "--pid", "--fork", "--kill-child=KILL", *first],
+            stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
+        line = self.process.stdout.readline()
+        if not line:
+            error = self.process.stderr.read()
+            self.close()
+            raise BoxError("the box did not start:\n" + error)
+        self.pid = int(line)
+        self.root = f"/proc/{self.pid}/root"
 
     @staticmethod
     def _connect(address):

@@ -1,0 +1,27 @@
+"""The README's way from an installed tree to a daemon that serves, done in a bare system."""
+import os
+import re
+
+from box import ROOT, staged, wait_until
+from fresh import FreshRoot
+
+BUS = ("/org/freedesktop/DBus", "org.freedesktop.DBus", "NameHasOwner")
+
+
+def test_the_steps_of_the_readme(build):
+    with open(os.path.join(ROOT, "README.md")) as page:
+        steps = re.findall(r"^```sh\n(.*?)^```", page.read(), re.M | re.S)
+    with FreshRoot() as root:
+        root.copy(staged(build))
+        root.start_system()
+        for step in steps:
+            root.sh(step)
+        wait_until(root.serving, "the daemon serves")
+        for name in ("com.kelvanto.nimbrel", "com.kelvanto.pamauth", "com.kelvanto.nssauth", "com.kelvanto.firmware"):
+            assert root.call(*BUS, name, name="org.freedesktop.DBus") == (True,)
+        assert root.sh("s6-svdt /run/service/nimbrelc") == ""  # at the first attempt
+        # What was given to the logger, and an end that nobody asked for.
+        root.sh("echo enabled=true:file=yes:file.name=/tmp/nimbrel/log:level=debug >/run/service/nimbrelc/logging")
+        root.sh("s6-svc -k /run/service/nimbrelc")
+        wait_until(lambda: root.exists("/tmp/nimbrel/log") and root.serving(), "the daemon logs to a file")
+        assert "signal 9" in root.sh("s6-svdt /run/service/nimbrelc"), "one death"
