@@ -81,9 +81,10 @@ def one_of(what, name, names):
 def why_not(command, name):
     """Why the daemon had no answer to get, set or object."""
     uses = [each for each in PARAMETERS if re.sub(r"\d+$", "1", name) in PARAMETERS[each]]
+    if command in uses:
+        return f"{name} " + ("did not take that; numbers are u:5" if command == "set" else "has no value here")
     if uses:
-        what = "did not take that (numbers are u:5)" if command == "set" else "has no value here"
-        return f"{name} {what}; it is for {' and '.join(uses)}"
+        return f"{name} is for {' and '.join(uses)}, not for {command}"
     shorts = {short(other).lower(): short(other) for other in NAMES}
     wanted = short(name).lower()
     near = [each for each in shorts if f".{each}".endswith(f".{wanted}")]
