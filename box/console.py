@@ -82,7 +82,8 @@ def why_not(command, name):
     """Why the daemon had no answer to get, set or object."""
     uses = [each for each in PARAMETERS if re.sub(r"\d+$", "1", name) in PARAMETERS[each]]
     if command in uses:
-        return f"{name} " + ("did not take that; numbers are u:5" if command == "set" else "has no value here")
+        return f"{name} " + ("did not take that; numbers are u:5, and the log may say why" if command == "set"
+                             else "has no value here")
     if uses:
         return f"{name} is for {' and '.join(uses)}, not for {command}"
     shorts = {short(other).lower(): short(other) for other in NAMES}
@@ -113,7 +114,7 @@ def call(box, path, name, method, *values):
     word = r"[A-Za-z_]\w*"
     for text, shape in ((path, r"/|(/\w+)+"), (interface(name), rf"{word}(\.{word})+"), (method, word)):
         if not re.fullmatch(shape, text, re.ASCII) or len(text) > 255:
-            raise Refusal(f"{text} cannot be a name on a bus")
+            raise Refusal(f"'{text[:60]}' cannot be a name on the bus")
     return box.call(path, interface(name), method, *map(value, values))
 
 

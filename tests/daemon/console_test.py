@@ -15,7 +15,8 @@ log x|services x""".replace("\n", "|").split("|")
 
 def test_a_script():
     script = ["plug sda", *(f"{line} && echo taken" for line in REFUSED), "get LAN.IPAddress",
-              "set -o pipefail", "set SSH.AuthorizedKey 'a b'", "/run/box/bin/complete get Device.LAN", "exit 7"]
+              "set -o pipefail", "set SSH.AuthorizedKey 'a b'", "/run/box/bin/complete get Device.LAN",
+              "exit 7"]
     run = subprocess.run(CONSOLE, input="\n".join(script), text=True, capture_output=True, timeout=120)
     assert run.stdout.split("\n") == ["sda1 on /media/sda1", "192.168.1.1", "true", "Device.LAN.IPAddress",
                                       "Device.LAN.MACAddress", ""]
