@@ -48,6 +48,20 @@ def staged(build):
     return stage
 
 
+@functools.lru_cache(None)
+def schema():
+    import jsonschema  # takes a while, and a box without a fault never asks
+    with open(os.path.join(ROOT, "data", "nimbrelc.schema.json"), encoding="utf-8") as file:
+        return jsonschema.Draft202012Validator(json.load(file))
+
+
+def document_faults(text):
+    """Where a configuration document is not as its schema says: a set of texts. Entries of a list move, so
+    their places are left out."""
+    return {re.sub(r"\[\d+\]", "[]", error.json_path) + ": " + error.message
+            for error in schema().iter_errors(json.loads(text))}
+
+
 def wait_until(condition, what, timeout=30):
     """The first true value of `condition`, asked every few milliseconds."""
     deadline = time.monotonic() + timeout
@@ -71,6 +85,7 @@ class Box:
         self.environment = {}  # of the daemon, besides what its service gives it
         self.start(os.path.join(HERE, "init"), HERE, staged(self.build))
         try:
+            self.given = self.read(CONFIG)  # the document as it was last written from outside
             self.join_bus()
         except BaseException:
             self.close()
@@ -147,6 +162,7 @@ class Box:
 
     def write(self, path, text, mode=0o644, owner="nimbrelc"):
         data = text if isinstance(text, bytes) else text.encode()
+        self.given = text if path == CONFIG else self.given
         with open(self.path(path), "wb") as file:
             file.write(data)
         os.chmod(self.path(path), mode)

@@ -10,3 +10,4 @@ install(FILES data/sudoers.d/nimbrelc DESTINATION /etc/sudoers.d PERMISSIONS OWN
 install(PROGRAMS data/s6/nimbrelc/run data/s6/nimbrelc/finish DESTINATION /etc/s6/sv/nimbrelc)
 install(FILES data/default_config/nimbrelc.json DESTINATION /opt/app/default_config)
 install(FILES data/locales.json DESTINATION /opt/app)
+install(FILES data/nimbrelc.schema.json DESTINATION ${CMAKE_INSTALL_DATADIR}/nimbrelc)

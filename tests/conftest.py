@@ -7,7 +7,7 @@ import pytest
 ROOT = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
 sys.path.insert(0, os.path.join(ROOT, "box"))
 
-from box import Box  # noqa: E402
+from box import CONFIG, Box, document_faults  # noqa: E402
 
 
 def pytest_addoption(parser):
@@ -45,6 +45,8 @@ def box(request, build):
         request.node.box = None
         box.end_daemon()
         faults = box.faults()
+        if (text := box.read(CONFIG)) != box.given:  # what was wrong from the start is the test's own
+            faults += sorted(document_faults(text) - document_faults(box.given))
         assert not faults, "\n".join(faults)
 
 

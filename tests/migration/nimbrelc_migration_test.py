@@ -4,6 +4,8 @@ import os
 
 import pytest
 
+from box import document_faults
+
 BOXES = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "boxes")
 CONFIG = "/media/nimbrelc.json"
 DEFAULT = "/opt/app/default_config/nimbrelc.json"
@@ -42,7 +44,7 @@ def test_upgrades(box):
     for recorded in ("08.04.99", "08.05.01", "08.05.08"):
         assert migrate(box, "08.05.09", document(recorded))
         config = box.config()
-        assert version_of(config) == "08.05.09"
+        assert version_of(config) == "08.05.09" and not document_faults(box.read(CONFIG))
         # The secrets moved as they were, under their current names alone.
         assert config["storage"] == {"enabled": True, "username": "family",
                                      "password4": old["storage"]["password_legacy"]}
@@ -93,6 +95,7 @@ def test_legacy_take_over(box):
     box.write("/media/config.json", json.dumps(legacy))
     assert migrate(box, "08.05.09", first)
     config = box.config()
+    assert not document_faults(box.read(CONFIG))
     assert config["storage"] == {"enabled": True, "username": "grandma",
                                  "password4": legacy["storage"]["password"]}
     assert config["vpn"]["presharedkey4"] == legacy["vpn"]["presharedkey"]
