@@ -2,16 +2,17 @@
 installation are tried. Made once below build/, unpacked into memory for each use."""
 import os
 import subprocess
+import zlib
 
 from box import Box, DBusRouter, HERE, ROOT
 
-PACKAGES = ["dbus", "s6", "sudo", "libevent-core-2.1-7", "libcjson1", "libssl3", "libdbus-1-3",
+PACKAGES = ["dbus", "s6", "sudo", "libevent-core-2.1-7", "libcjson1", "libssl3", "libdbus-1-3", "libstdc++6",
             "mount", "systemd-standalone-sysusers"]
 
 
 def archive():
     """The packed root. The packages come from where this machine's come."""
-    path = os.path.join(ROOT, "build", "fresh.tar")
+    path = os.path.join(ROOT, "build", f"fresh-{zlib.crc32(' '.join(PACKAGES).encode()):08x}.tar")
     if not os.path.exists(path):
         sources = [name for name in ("/etc/apt/sources.list.d/debian.sources", "/etc/apt/sources.list")
                    if os.path.exists(name) and os.path.getsize(name)]
@@ -40,6 +41,10 @@ class FreshRoot(Box):
         done = self.run(["sh", "-euc", script], check=False, timeout=120)
         assert done.returncode == 0, f"{script}\n{done.stdout}{done.stderr}"
         return done.stdout
+
+    def files(self):
+        """The name of everything in it."""
+        return set(self.sh("find / -xdev").split("\n"))
 
     def start_system(self):
         """What a box has before the daemon comes: a system bus and a supervisor without services."""
