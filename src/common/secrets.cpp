@@ -26,7 +26,7 @@ constexpr int key_iterations = 1000;
 constexpr const char *blanks = " \t\r\n";
 
 struct secret_key {
-    unsigned char bytes[32];
+    unsigned char bytes[32] = {};
 
     secret_key() = default;
     secret_key(const secret_key &) = delete;
