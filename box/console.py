@@ -190,6 +190,19 @@ def complete(box, name, *words):
         each for each in map(longer, names) if each.startswith(word)]
 
 
+def attempt(box, work):
+    """What the work returns, and what went wrong or None."""
+    try:
+        return work(), None
+    except (RouterClosed, ConnectionError):
+        with LOCK:
+            box.leave_bus()
+            box.join_bus()
+        return None, "the bus was gone; the peers are back on it"
+    except (Refusal, BusError, NoReply, BoxError, OSError) as error:
+        return None, " ".join((getattr(error, "strerror", None) or str(error)).split())
+
+
 def perform(box, name, *words):
     """One command: the lines to print, and what went wrong or None."""
     words = [word.encode(errors="replace").decode() for word in words]
@@ -197,18 +210,10 @@ def perform(box, name, *words):
         return complete(box, *words), None
     usage = COMMANDS[name][0]
     least = sum(word[0] != "[" for word in usage.split())
-    try:
-        if len(words) < least or len(words) > len(usage.split()) and "..." not in usage:
-            raise Refusal(f"usage: {name} {usage}".rstrip())
-        lines = COMMANDS[name][2](box, *words)
-        return [each if isinstance(each, str) else json.dumps(each, default=str) for each in lines], None
-    except (RouterClosed, ConnectionError):
-        with LOCK:
-            box.leave_bus()
-            box.join_bus()
-        return [], "the bus was gone; the peers are back on it"
-    except (Refusal, BusError, NoReply, BoxError, OSError) as error:
-        return [], " ".join((getattr(error, "strerror", None) or str(error)).split())
+    if len(words) < least or len(words) > len(usage.split()) and "..." not in usage:
+        return [], f"usage: {name} {usage}".rstrip()
+    lines, error = attempt(box, lambda: COMMANDS[name][2](box, *words))
+    return [each if isinstance(each, str) else json.dumps(each, default=str) for each in lines or []], error
 
 
 def serve(box):
@@ -224,7 +229,8 @@ def serve(box):
     threading.Thread(target=server.serve_forever, daemon=True).start()
 
 
-def main():
+def main(words, beside=None):
+    """`beside` is called with the running box; without a terminal and commands it alone is served."""
     with Box() as box:
         os.mkdir(box.path("/run/box/bin"))
         for name in ("console.rc", "console_ask.py"):
@@ -237,11 +243,15 @@ def main():
         except BoxError as error:
             print(f"The daemon does not serve ({error}); its log:\n{box.log()}", file=sys.stderr)
         shell = ["env", "BASH_ENV=/run/box/console.rc", "bash"]
-        if sys.argv[1:]:
-            shell += ["-c", " ".join(sys.argv[1:]), "box"]
-        elif os.isatty(0) and os.isatty(1):  # a terminal of the box's own, for job control
+        terminal = os.isatty(0) and os.isatty(1) and not words
+        if words:
+            shell += ["-c", " ".join(words), "box"]
+        elif terminal:  # a terminal of the box's own, for job control
             print("\n".join(help_text(box)), flush=True)
             shell = ["script", "-qec", "bash --rcfile /run/box/console.rc", "/dev/null"]
+        if beside:
+            beside(box)
+            shell = shell if words or terminal else ["sleep", "infinity"]
         signal.signal(signal.SIGINT, lambda *_: None)  # Ctrl-C is for the commands
         code = subprocess.run(box.command(shell)).returncode
         return code if code >= 0 else 128 - code
@@ -249,7 +259,7 @@ def main():
 
 if __name__ == "__main__":
     try:
-        sys.exit(main())
+        sys.exit(main(sys.argv[1:]))
     except BoxError as error:
         sys.exit(str(error))
     except KeyboardInterrupt:
