@@ -13,7 +13,7 @@ from box import wait_until  # noqa: E402
 
 FLAGS = """--headless --no-sandbox --disable-gpu --disable-quic --no-first-run --disable-background-networking
 --disable-component-update --disable-sync --window-size=1280,1400""".split()
-LABEL = "<b>Fotos</b>"
+LABEL = "<b>Fotos"
 
 
 @pytest.fixture
