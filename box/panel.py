@@ -62,14 +62,6 @@ def sockets(box):
     return [{"name": name, **device, "partitions": records} for name, (device, records) in list(box.disks.items())]
 
 
-def services(box):
-    """Each service: its name, whether it is up and should be, since when."""
-    now = time.time()
-    lines = map(str.split, box.run(["sh", "-c", console.STATES], check=False).stdout.splitlines())
-    return [[name, *(word == "true" for word in state[:2]), round(now - int(state[2]))]
-            for name, *state in lines if len(state) == 3]
-
-
 def switches(box):
     (central,) = box.call(*CENTRAL, "GetState")
     (streaming,) = box.call(*STREAMING, "getMediaStreamingState")
@@ -198,13 +190,15 @@ class Panel:
         self.port = self.socket.getsockname()[1]
         self.address = f"http://127.0.0.1:{self.port}/"
         self.hosts = [f"{name}:{self.port}" for name in ("127.0.0.1", "localhost")]
-        self.seen = {"box": f"{box.pid} {time.time()}"}
+        self.seen = {"box": f"{box.pid} {time.time()}",
+                     "about": f"Firmware {box.read('/etc/version').strip()}, {box.flavour} build."}
         self.pages = set()  # a queue each
-        self.rows, self.signs, self.looks, self.found = [], None, 0, []
+        self.rows, self.since = [], {}  # of the services
+        self.signs, self.looks, self.found = None, 0, []  # of the shares
         self.loop = asyncio.new_event_loop()
         threading.Thread(target=self.run, daemon=True).start()
         for name, work, pause in (("display", display, 0.2), ("sockets", sockets, 0.2), ("ssh", ssh, 0.5),
-                                  ("services", self.steady_services, 0.7), ("switches", switches, 0.5),
+                                  ("services", self.services, 0.7), ("switches", switches, 0.5),
                                   ("shares", self.settled_shares, 1)):
             threading.Thread(target=self.watch, args=(name, work, pause), daemon=True).start()
         for name, path in (("log", "/var/log/messages"), ("sudo", "/run/box/sudo")):
@@ -238,11 +232,14 @@ class Panel:
                     self.loop.call_soon_threadsafe(self.publish, name, value, value)
             time.sleep(pause)
 
-    def steady_services(self, box):
-        """One second more or less is no news."""
-        before = {tuple(row[:3]): row for row in self.rows}
-        self.rows = [before[tuple(row[:3])] if abs(before.get(tuple(row[:3]), row)[3] - row[3]) < 3
-                     and tuple(row[:3]) in before else row for row in services(box)]
+    def services(self, box):
+        """Each service: its name, whether it is up and should be, since when."""
+        now = time.time()
+        states = console.STATES.replace("updownfor", "updownsince,updownfor")
+        lines = map(str.split, box.run(["sh", "-c", states], check=False).stdout.splitlines())
+        self.rows = [[name, *(word == "true" for word in state[:2]),
+                      self.since.setdefault((name, state[2]), round(now - int(state[3])))]
+                     for name, *state in lines if len(state) == 4]
         return self.rows
 
     def settled_shares(self, box):
@@ -334,7 +331,7 @@ class Panel:
 
 
 def serve(box, port=0):
-    """Serves the box's page for as long as this process lives; returns its address."""
+    """Serves the box's page as long as this process lives; returns its address."""
     return Panel(box, port).address
 
 
