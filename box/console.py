@@ -192,12 +192,14 @@ def complete(box, name, *words):
 
 def attempt(box, work):
     """What the work returns, and what went wrong or None."""
+    client = box.client
     try:
         return work(), None
     except (RouterClosed, ConnectionError):
         with LOCK:
-            box.leave_bus()
-            box.join_bus()
+            if box.client is client:  # nobody was faster
+                box.leave_bus()
+                box.join_bus()
         return None, "the bus was gone; the peers are back on it"
     except (Refusal, BusError, NoReply, BoxError, OSError) as error:
         return None, " ".join((getattr(error, "strerror", None) or str(error)).split())

@@ -86,8 +86,8 @@ def ssh(box):
 def viewers(box):
     """Who looks into the shares, and how smbclient is told."""
     protection = credentials(box)
-    guest, user = {"guest": ["-N"]}, protection["username"]
-    return {**guest, user: ["-U", user, "--password=" + protection["password"]]} if protection["enabled"] else guest
+    user = protection["enabled"] and protection["username"]
+    return {"guest": ["-N"], **({user: ["-U", user, "--password=" + protection["password"]]} if user else {})}
 
 
 def smbclient(box, login, *words):
@@ -153,23 +153,23 @@ def switch(box, name, on, username="", password=""):
         box.call(*STREAMING, "setMediaStreamingState", bool(on))
     elif name == "ssh":
         console.parameter("set", box, SSH + "Enable", "true" if on else "false")
-    elif on:
+    elif name == "protection" and on:
         box.call(*SHARES, "updateCredentialsForUserShares", True, username, password)
         if credentials(box) != {"enabled": True, "username": username, "password": password}:
             raise Refusal("the daemon did not take that name and password; its log says why")
-    else:
+    elif name == "protection":
         box.call(*SHARES, "changeStateCredentialsForUserShares", False)
 
 
 def write(box, key, value):
-    if type(value) not in (bool, int, str) or key not in console.NAMES or type(value) is int and not 0 <= value < 2**32:
+    if key not in console.PARAMETERS["set"] or type(value) is int and not 0 <= value < 2**32:
         raise Refusal(f"{key} does not take {value!r}")
     if box.data_model("SetValue", key, u(value) if type(value) is int else value) != (True,):
-        raise Refusal(console.why_not("set", key))
+        raise Refusal(f"{console.short(key)} did not take that; the log may say why")
 
 
 def read(box, who, share, name):
-    if re.search(r'["/;\x00-\x1f]', share + name) or who not in viewers(box):
+    if re.search(r'["/;\x00-\x1f]', name) or "/" in share or who not in viewers(box):
         raise Refusal("smbclient cannot be told such a name")
     text, fault = smbclient(box, viewers(box)[who], f"//127.0.0.1/{share}", "-c", f'get "{name}" -')
     if fault:
@@ -316,15 +316,17 @@ class Panel:
 
     async def act(self, request):
         try:
-            action, values = (await request.json())
-            work = ACTIONS[action]
-        except (ValueError, TypeError, KeyError):
+            action, values = await request.json()
+            work, texts = ACTIONS[action], [value for value in values.values() if isinstance(value, str)]
+            if any("\0" in value or value != value.encode(errors="replace").decode() for value in texts):
+                raise ValueError("no text for the bus")  # which would end the connection
+        except (AttributeError, KeyError, TypeError, ValueError):
             raise web.HTTPBadRequest(text="An action and its values, in JSON.") from None
 
         def do():
             try:
                 return console.attempt(self.box, lambda: work(self.box, **values))
-            except (TypeError, ValueError, KeyError) as error:
+            except (KeyError, TypeError) as error:
                 return None, f"{action} cannot be done so: {error}"
         done, fault = await self.loop.run_in_executor(None, do)
         return web.json_response({"done": done, "fault": fault})
