@@ -351,7 +351,7 @@ if __name__ == "__main__":
         sys.exit(main())
     except BoxError as error:
         sys.exit(str(error))
-    except OSError as error:
-        sys.exit(f"the page cannot be served: {error.strerror}")
+    except (OSError, OverflowError) as error:
+        sys.exit(f"the page cannot be served: {error}")
     except KeyboardInterrupt:
         sys.exit(130)

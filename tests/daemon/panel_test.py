@@ -10,7 +10,7 @@ import panel  # noqa: E402
 from box import wait_until  # noqa: E402
 
 FLAGS = """--headless --no-sandbox --disable-gpu --disable-quic --no-first-run --disable-background-networking
---disable-component-update --disable-sync --hide-scrollbars --window-size=1040,1240 --user-data-dir=""".split()
+--disable-component-update --disable-sync --hide-scrollbars --window-size=1064,1170 --user-data-dir=""".split()
 
 
 def status(address, headers):
