@@ -10,7 +10,7 @@ sys.path.append(os.path.join(ROOT, "tools"))
 from bus import TREE, methods  # noqa: E402
 
 TYPES, VALUES = {"s": str, "b": bool, "u": int}, {"s": "x", "b": False, "u": u(0)}
-NAMED = {"path": "/media/none", "json": '{"service":"AFP","enabled":true}'}
+NAMED = {"path": "/nowhere/none", "json": '{"service":"AFP","enabled":true}'}
 
 
 def test_the_reference(box):
