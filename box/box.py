@@ -83,7 +83,10 @@ class Box:
         self.client = None
         self.disks = {}
         self.environment = {}  # of the daemon, besides what its service gives it
-        self.start(os.path.join(HERE, "init"), HERE, staged(self.build))
+        covered = [self.build] * self.counts_lines
+        if covered:
+            self.environment.update(GCOV_PREFIX="/run/gcov", GCOV_PREFIX_STRIP=str(self.build.count("/")))
+        self.start(os.path.join(HERE, "init"), HERE, staged(self.build), *covered)
         try:
             self.given = self.read(CONFIG)  # the document as it was last written from outside
             self.join_bus()
@@ -229,8 +232,8 @@ class Box:
 
     def end_daemon(self):
         """Stops the daemon for good. Under the sanitizers it ends by itself where it still listens: only
-        then are leaks looked for."""
-        if self.sanitized and self.daemon_pid():
+        then are leaks looked for, and lines counted."""
+        if (self.sanitized or self.counts_lines) and self.daemon_pid():
             self.run(["s6-svc", "-O", "/run/service/nimbrelc"])  # not started again
             self.write("/run/box/no-backup", NO_BACKUP)
             try:
@@ -277,7 +280,7 @@ class Box:
 
     def _build_option(self, name):
         with open(os.path.join(self.build, "CMakeCache.txt")) as cache:
-            return re.search(rf"^{name}:\w+=(\w+)", cache.read(), re.M)[1]
+            return re.search(rf"^{name}:\w+=([\w-]*)", cache.read(), re.M)[1]
 
     @property
     def flavour(self):
@@ -286,6 +289,10 @@ class Box:
     @property
     def syncs_writes(self):
         return self._build_option("NIMBRELC_SYNC_WRITES") == "ON"
+
+    @property
+    def counts_lines(self):
+        return self._build_option("CMAKE_CXX_FLAGS") == "--coverage"
 
     @property
     def sanitized(self):

@@ -42,7 +42,8 @@ SIGNALS = [("com.kelvanto.systemcalls", "IPAddressChanged"), ("com.kelvanto.nimb
            ("com.kelvanto.nimbrel.upgrade", "HideUpgradeMessage")] + 4 * [("com.kelvanto.ddm", member) for member in (
                "DeviceAttached", "DeviceDetached", "PartitionConnected", "PartitionDisconnected")]
 METHODS = [(node.get("name"), interface.get("name"), method.get("name"),
-            [(arg.get("name"), arg.get("type")) for arg in method if arg.get("direction") == "in"])
+            [(arg.get("name"), arg.get("type")) for arg in method if arg.get("direction") == "in"]
+            + [("value", "v")] * (method.get("name") == "SetValue"))  # one of any type
            for file in sorted(glob.glob(os.path.join(ROOT, "data/interfaces/*.xml")))
            for node in [ElementTree.parse(file).getroot()] for interface in node for method in interface]
 METHODS += 6 * [method for method in METHODS if method[2].endswith(("Value", "State"))]

@@ -1,7 +1,10 @@
 """The management agent's parameters: values from the configuration, from the box and from peers."""
+import os
+import re
+
 import pytest
 
-from box import i, u, wait_until
+from box import ROOT, i, u, wait_until
 
 DEVICE = "Device.X_KELVANTO-COM_DeviceManagement."
 SYSLOG = DEVICE + "Syslog."
@@ -84,6 +87,12 @@ def test_every_parameter(box):
     for key, value, _, _ in TABLE:
         told = get(box, key)
         assert told == value or value in ("20", "uint32") and told.startswith(value), key
+    with open(os.path.join(ROOT, "docs", "parameters.md")) as page:  # in the same order
+        rows = re.findall(r"^\| `(.*?)(?:\*)?` \| (\w) \| (\w+) \|", page.read(), re.M)
+    for (name, kind, settable), (key, value, wanted, _) in zip(rows, TABLE, strict=True):
+        assert name in key and (settable == "yes") == (wanted is not None) or wanted is None and name in (
+            "Storage.DiskSleepEnabled", "SerialConsole.LoginPassword"), key
+        assert kind == {"uint32": "u", "int32": "i", "boolean": "b"}.get(value.split()[0] if value else "", "s"), key
     for key, value, wanted, trace in TABLE:
         log, commands = len(box.log()), len(box.sudo())
         assert not set_value(box, key, ("x", 5)), key

@@ -3,8 +3,6 @@ import json
 
 import pytest
 
-from box import NoReply
-
 STREAMING = ("/ws/dlna", "com.kelvanto.nimbrel.dlna")
 SWITCH = ("/ws/centralstorage", "com.kelvanto.nimbrel.centralstorage")
 
@@ -44,8 +42,6 @@ def test_streaming_follows_both_switches(box):
     box.fill_medium()
     assert set_streaming(box, False) == FAILED
     box.wait_log("Error saving media streaming configuration")
-    with pytest.raises(NoReply):
-        box.call(*STREAMING, "setMediaStreamingState", "on", timeout=0.3)
     assert len(told(box, 3)) == 3
     # Nothing is told at the start or by the other switch where streaming is not wanted.
     box.stop_daemon()

@@ -73,6 +73,7 @@ def test_nothing_starts_without_its_files(gateway):
     assert "Error saving samba config" in gateway.log()
     gateway.stop_daemon()
     # Protection without a password that can be read.
+
     def change(config):
         config["nas"]["fileServices"]["samba"]["daemonConfig"].update(configFileLocation=CONFIG)
         config["storage"].update(enabled=True, username="alice", password4="bm90IGEgc2VjcmV0")

@@ -142,63 +142,6 @@ protected:
     recorded_log log;
 };
 
-// Rows of a module's table; the last one is served although an earlier one is there twice.
-constexpr const char *table_interface = "com.kelvanto.table";
-constexpr message_bus_method methods[] = {
-    {path, table_interface, "Any", handle},
-    {path, table_interface, "Silent", handle, "sb", "Bad params", message_bus_refusal::silence},
-    {path, table_interface, "Empty", handle, "", "no arguments", message_bus_refusal::empty_reply},
-    {path, table_interface, "Any", handle},
-    {path, table_interface, "False", handle, "u", "Bad params", message_bus_refusal::false_reply,
-     "arrived"},
-};
-
-TEST_F(message_bus, checks_arguments_as_the_table_says) {
-    ASSERT_TRUE(message_bus_add_methods("table", methods));
-    answer = [](message_bus_request request) { message_bus_send_no_reply(std::move(request)); };
-    const std::string invalid =
-        " WARN message_bus - Error validating dbus message params for com.kelvanto.table.";
-    const struct {
-        const char *member;
-        int type;  // of the one argument, 0 for none
-        const char *seen;
-        const char *reply;  // null for none
-        std::string log;
-    } rows[] = {
-        {"Any", 0, "0:;", "", ""},
-        {"Any", 's', "1: 1=;", "", ""},
-        {"Silent", 's', "", nullptr,
-         invalid + "Silent: count mismatch\n WARN table - Bad params\n"},
-        {"Empty", 0, "0:;", "", ""},
-        {"Empty", 'u', "", "", " WARN table - no arguments\n"},
-        {"False", 'u', "1: 2=0;", "", " INFO table - arrived\n"},
-        {"False", 'i', "", "b=0",
-         " INFO table - arrived\n" + invalid + "False: type mismatch\n WARN table - Bad params\n"},
-    };
-    settle();
-    while (bus_message_ptr(dbus_connection_pop_message(peer.get()))) {
-        // the bus's own talk
-    }
-    for (const auto &row : rows) {
-        seen.clear();
-        log.text.clear();
-        const bus_message_ptr call = new_call(row.member, path, table_interface);
-        const char *text = "";
-        const uint32_t word = 0;
-        if (row.type == 's') {
-            dbus_message_append_args(call.get(), row.type, &text, DBUS_TYPE_INVALID);
-        } else if (row.type != 0) {
-            dbus_message_append_args(call.get(), row.type, &word, DBUS_TYPE_INVALID);
-        }
-        send(call);
-        settle();
-        const bus_message_ptr reply(dbus_connection_pop_message(peer.get()));
-        EXPECT_EQ(reply ? describe(reply) : "none", row.reply != nullptr ? row.reply : "none");
-        EXPECT_EQ(seen, row.seen);
-        EXPECT_EQ(log.text, row.log);
-    }
-}
-
 TEST_F(message_bus, takes_a_request_along_without_its_arguments) {
     answer = [](message_bus_request request) {
         const auto ask = [&request](std::initializer_list<message_bus_arg> args) {
