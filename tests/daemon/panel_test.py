@@ -10,7 +10,7 @@ import panel  # noqa: E402
 from box import wait_until  # noqa: E402
 
 FLAGS = """--headless --no-sandbox --disable-gpu --disable-quic --no-first-run --disable-background-networking
---disable-component-update --disable-sync --hide-scrollbars --window-size=1064,1140 --user-data-dir=""".split()
+--disable-component-update --disable-sync --hide-scrollbars --window-size=1064,949 --user-data-dir=""".split()
 
 
 def status(address, headers):
