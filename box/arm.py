@@ -7,14 +7,14 @@ from box import Box, ROOT, wait_until
 
 BUILD = os.path.join(ROOT, "build", "arm")
 WRAPPER = """#!/bin/sh
-exec qemu-arm -L {sysroot} /usr/bin/nimbrelc.arm "$@"
+exec qemu-arm -L /run/shared /usr/bin/nimbrelc.arm "$@"
 """
 
 
 def main():
-    with Box(BUILD) as box:
+    with Box(BUILD, shared=os.path.join(BUILD, "sysroot", "root")) as box:
         box.run(["mv", "/usr/bin/nimbrelc", "/usr/bin/nimbrelc.arm"])
-        box.write("/usr/bin/nimbrelc", WRAPPER.format(sysroot=f"{BUILD}/sysroot/root"), 0o755, "root")
+        box.write("/usr/bin/nimbrelc", WRAPPER, 0o755, "root")
         assert box.migrate().returncode == 0, box.log()
         box.start_daemon()
         for key in ("Device.DeviceInfo.UpTime", "Device.LAN.IPAddress", "Device.LAN.MACAddress"):

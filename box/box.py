@@ -75,18 +75,19 @@ def wait_until(condition, what, timeout=30):
 
 
 class Box:
-    """One running box. A context manager; `close()` takes everything away."""
+    """One running box. A context manager; `close()` takes everything away. `shared`: a directory of the host
+    that the box has as /run/shared."""
 
-    def __init__(self, build=DEFAULT_BUILD):
+    def __init__(self, build=DEFAULT_BUILD, shared=None):
         self.build = os.path.abspath(build)
         self.peers = {}
         self.client = None
         self.disks = {}
         self.environment = {}  # of the daemon, besides what its service gives it
-        covered = [self.build] * self.counts_lines
-        if covered:
-            self.environment.update(GCOV_PREFIX="/run/gcov", GCOV_PREFIX_STRIP=str(self.build.count("/")))
-        self.start(os.path.join(HERE, "init"), HERE, staged(self.build), *covered)
+        if self.counts_lines:
+            shared = self.build
+            self.environment.update(GCOV_PREFIX="/run/shared", GCOV_PREFIX_STRIP=str(self.build.count("/")))
+        self.start(os.path.join(HERE, "init"), HERE, staged(self.build), *filter(None, [shared]))
         try:
             self.given = self.read(CONFIG)  # the document as it was last written from outside
             self.join_bus()
