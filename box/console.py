@@ -18,6 +18,9 @@ from jeepney.io.common import RouterClosed
 
 from box import HERE, ROOT, Box, BoxError, BusError, NoReply, i, u
 
+sys.path.append(os.path.join(ROOT, "tools"))
+from bus import parameter_rows  # noqa: E402
+
 STATES = 'cd /run/service; for name in *; do echo "$name $(s6-svstat -o up,wantedup,updownfor "$name")"; done'
 OWN = "X_KELVANTO-COM_DeviceManagement."  # the maker's part of the data model
 INTERFACES = "com.kelvanto.nimbrel."
@@ -34,9 +37,7 @@ def short(name):
 
 def parameters(mark):
     """The names in those rows of the daemon's own table that have the mark; 1 is for any index."""
-    with open(os.path.join(ROOT, "src", "datamodel", "datamodel.cpp")) as source:
-        rows = re.findall(r'\{\.name(?:_format)? = "([^"]+)"([^}]*)\}', source.read())
-    return [name.replace("%u", "1") for name, row in rows if re.search(mark, row)]
+    return [name.replace("%u", "1") for name, row in parameter_rows() if re.search(mark, row)]
 
 
 def bus_methods():

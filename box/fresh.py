@@ -1,6 +1,7 @@
 """A bare Debian 12, with nothing in it but what the daemon's package would bring along: where the steps of an
 installation are tried. Made once below build/, unpacked into memory for each use."""
 import os
+import re
 import subprocess
 import zlib
 
@@ -23,6 +24,12 @@ def archive():
                        check=True)
         os.rename(path + ".tmp.tar", path)
     return path
+
+
+def readme_steps():
+    """The README's steps from an installed tree to a daemon that serves, as lines of shell."""
+    with open(os.path.join(ROOT, "README.md")) as page:
+        return re.findall(r"^```sh\n(.*?)^```", page.read(), re.M | re.S)
 
 
 class FreshRoot(Box):

@@ -9,7 +9,7 @@ import subprocess
 import sys
 
 from box import CONFIG, ROOT, document_faults, wait_until
-from fresh import FreshRoot
+from fresh import FreshRoot, readme_steps
 
 DIRECTORY = os.path.join(ROOT, "build", "package")
 OLD_DOCUMENT = os.path.join(ROOT, "tests", "boxes", "08.05.01.json")
@@ -47,9 +47,8 @@ def main():
     with FreshRoot() as root:
         before = root.files()
         root.start_system()
-        root.sh("mkdir /run/service/syslogd-log; printf '#!/bin/sh\nexec sleep infinity\n' >/tmp/run;"
-                "install -m 755 /tmp/run /run/service/syslogd-log/run; s6-svscanctl -a /run/service;"
-                "echo 08.05.01 >/etc/version")
+        log_service, = (each for each in readme_steps() if "syslogd-log" in each)
+        root.sh(log_service + "echo 08.05.01 >/etc/version")
         shutil.copy(OLD_DOCUMENT, root.path(CONFIG))
         install(root, one_before(package))
         wait_until(root.serving, "the daemon serves")
@@ -76,7 +75,8 @@ def main():
         install(root, package)
         wait_until(root.serving, "the daemon serves once more")
         assert root.config() == new
-        root.sh("dpkg --purge nimbrelc-release 2>&1; rm -r /run/service/syslogd-log /tmp/package.deb /tmp/run")
+        root.sh("dpkg --purge nimbrelc-release 2>&1; s6-svc -xd -wD -T 5000 /run/service/syslogd-log;"
+                "rm -r /run/service/syslogd-log /var/log/syslog /tmp/package.deb")
         left = {name for name in root.files() - before if not name.startswith(("/run/", "/proc/"))}
         accounts = {"/etc/" + name for name in ("passwd-", "group-", "shadow-", "gshadow-", "gshadow")}
         left -= accounts | {"/etc/version", "/etc/.pwd.lock", "/var/log/dpkg.log"}

@@ -59,12 +59,17 @@ def page():
     return text
 
 
+def parameter_rows():
+    """(name, the rest of its row) of each parameter in the daemon's table; %u stands for an index."""
+    source = (TREE / "src" / "datamodel" / "datamodel.cpp").read_text()
+    return re.findall(r'\{\.name(?:_format)? = "([^"]+)"([^}]*)\}', source)
+
+
 def faults():
     if (TREE / PAGE).read_text() != page():
         yield f"{PAGE} is not what tools/bus.py writes"
-    source = (TREE / "src" / "datamodel" / "datamodel.cpp").read_text()
-    rows = re.findall(r'\{\.name(?:_format)? = "([^"]+)"([^}]*)\}', source)
-    table = [(name.replace("%u", "*"), "yes" if re.search(r"\.set =|config_writable", row) else "no") for name, row in rows]
+    table = [(name.replace("%u", "*"), "yes" if re.search(r"\.set =|config_writable", row) else "no")
+             for name, row in parameter_rows()]
     told = re.findall(r"^\| `([\w.*-]+)` \| [^|]* \| (\w+) \|", (TREE / PARAMETERS).read_text(), re.M)
     told = [(name if name.startswith("Device.") else "Device.X_KELVANTO-COM_DeviceManagement." + name, writable)
             for name, writable in told]

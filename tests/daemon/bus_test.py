@@ -13,6 +13,7 @@ TYPES, VALUES = {"s": str, "b": bool, "u": int}, {"s": "x", "b": False, "u": u(0
 NAMED = {"path": "/nowhere/none", "json": '{"service":"AFP","enabled":true}'}
 
 
+@pytest.mark.sanitize
 def test_the_reference(box):
     box.start_daemon()
     before, right, reasons = box.config(), [], []
@@ -36,6 +37,11 @@ def test_the_reference(box):
     assert box.config() == before
     refused = re.findall(r" WARN message_bus - Error validating dbus message params (.*)\n.*? WARN \w+ - (?:Bad|get)", box.log())
     assert refused == reasons
+    for lines in ("INFO backup - Restoring backup requested\n.* WARN message_bus - .*restore: count mismatch\n"
+                  ".* WARN backup - Bad params passed to restore_callback\n",
+                  "INFO vpn - get_config_callback start\n.* WARN vpn - get_config_callback doesn't accept arguments\n"):
+        assert re.search(lines, box.log())
+    assert {member for member, *_ in box.peer("ddm").calls()} <= {"DeviceList", "PartitionList"}
     for call, types, may_be_empty in right:
         answer = box.call(*call)
         assert list(map(type, answer)) == types or may_be_empty and answer == (), call

@@ -1,20 +1,15 @@
 """The README's way from an installed tree to a daemon that serves, done in a bare system."""
-import os
-import re
-
-from box import ROOT, staged, wait_until
-from fresh import FreshRoot
+from box import staged, wait_until
+from fresh import FreshRoot, readme_steps
 
 BUS = ("/org/freedesktop/DBus", "org.freedesktop.DBus", "NameHasOwner")
 
 
 def test_the_steps_of_the_readme(build):
-    with open(os.path.join(ROOT, "README.md")) as page:
-        steps = re.findall(r"^```sh\n(.*?)^```", page.read(), re.M | re.S)
     with FreshRoot() as root:
         root.copy(staged(build))
         root.start_system()
-        for step in steps:
+        for step in readme_steps():
             root.sh(step)
         wait_until(root.serving, "the daemon serves")
         assert not root.exists("/media/nimbrelc.json.refused")
