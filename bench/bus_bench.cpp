@@ -6,6 +6,7 @@
 #include <unordered_map>
 
 #include "common/msg_bus/message_bus.h"
+#include "common/timer.h"
 #include "disks/disks.h"
 #include "figures.h"
 #include "private_bus.h"
@@ -26,6 +27,7 @@ event_base *loop = nullptr;
 // says that it serves.
 [[noreturn]] void respond(bool (*start)(), int stop, int result) {
     loop = event_base_new();
+    timer_use_loop(loop);
     const auto end = [](evutil_socket_t, short, void *) { event_base_loopbreak(loop); };
     event_add(event_new(loop, stop, EV_READ, end, nullptr), nullptr);
     if (!start() || !message_bus_request_name(service) || write(result, "", 1) != 1) {
@@ -85,8 +87,8 @@ std::string record_of(int number) {
 
 bool start_manager() {
     simulated_box::reset();
-    return message_bus_new(loop) && removable_devices_manager_start(loop) &&
-           file_services_manager_start(loop);
+    return message_bus_new(loop) && removable_devices_manager_start() &&
+           file_services_manager_start();
 }
 
 // Plugs so many partitions in and pulls them out again, the last one of every three first.
@@ -127,7 +129,7 @@ DBusHandlerResult take_signal(DBusConnection *, DBusMessage *message, void *) {
     const char *text = "";
     dbus_message_get_args(message, nullptr, DBUS_TYPE_STRING, &text, DBUS_TYPE_INVALID);
     json_ptr record = convert_ddm_respone_data_to_json(text);
-    const char *syspath = nimbrelc_utils_get_json_text(record.get(), "syspath");
+    const char *syspath = json_text(record.get(), "syspath");
     if (came) {
         plain.mounted += disk_record_is_mounted(record.get()) ? 1 : 0;
         plain.by_syspath[syspath] = record.get();
@@ -165,7 +167,7 @@ void bench_burst(const char *name, int count) {
 std::string lists[2];  // of devices, of partitions
 
 bool start_list() {
-    return message_bus_new(loop) && device_request_handler_start(loop);
+    return message_bus_new(loop) && device_request_handler_start();
 }
 
 bus_message_ptr request;

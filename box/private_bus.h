@@ -13,7 +13,7 @@
 #include <fstream>
 #include <string>
 
-#include "common/file_ptr.h"
+#include "common/files.h"
 #include "helpers.h"
 
 class private_bus {

@@ -21,8 +21,8 @@ void fuzz(std::string_view input) {
     disk_lists_set_partitions(json_ptr(cJSON_Duplicate(records.get(), true)));
     const cJSON *record = nullptr;
     cJSON_ArrayForEach(record, records.get()) {
-        const char *syspath = nimbrelc_utils_get_json_text(record, "syspath");
-        const char *disk = nimbrelc_utils_get_json_text(record, "disk_syspath");
+        const char *syspath = json_text(record, "syspath");
+        const char *disk = json_text(record, "disk_syspath");
         must(disk_lists_find_device(syspath) != nullptr, "a listed device is found");
         must(disk_lists_partitions_of(disk).count > 0, "a disk with a partition has one");
         disk_lists_remove_device(syspath);
@@ -34,7 +34,7 @@ void fuzz(std::string_view input) {
     }
     must(count_supported_partitions() == mounted, "mounted partitions are counted");
     cJSON_ArrayForEach(record, records.get()) {
-        disk_lists_remove_partition(nimbrelc_utils_get_json_text(record, "syspath"));
+        disk_lists_remove_partition(json_text(record, "syspath"));
     }
     must(cJSON_GetArraySize(get_partitions_list()) == 0 && count_supported_partitions() == 0,
          "what was named as gone is gone");

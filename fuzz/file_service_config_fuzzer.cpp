@@ -25,7 +25,7 @@ std::string read_paths(const std::string &text, const std::vector<std::string> &
     size_t row = keys.size();
     std::istringstream lines(text);
     for (std::string line; std::getline(lines, line);) {
-        must(nimbrelc_utils_printable(line) == line, "a line has no control character");
+        must(printable(line) == line, "a line has no control character");
         const size_t first = line.find_first_not_of(' ');
         must(first == std::string::npos || line[first] != '=', "a line's key has a name");
         if (first != std::string::npos && line[first] == '[') {

@@ -58,7 +58,7 @@ json_ptr partitions_of(std::span<const std::string> texts) {
 }
 
 std::string text_of(const cJSON *item) {
-    return nimbrelc_utils_print_json_unformatted(item).value_or("nothing");
+    return print_json_unformatted(item).value_or("nothing");
 }
 
 void must_read_back(const cJSON *item) {

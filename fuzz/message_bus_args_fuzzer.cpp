@@ -2,7 +2,6 @@
 // of any bytes comes in.
 #include "common/msg_bus/message_bus_args.h"
 
-#include "common/bus_message_ptr.h"
 #include "fuzz.h"
 
 void fuzz(std::string_view input) {
@@ -11,19 +10,17 @@ void fuzz(std::string_view input) {
     const std::string damaged = text + '\xFF';
     const message_bus_arg sent[] = {mb_string(text), mb_string(damaged)};
     must(message_bus_append_args(signal.get(), sent) == nullptr, "every text can be sent");
-    const message_bus_incoming_args got(signal.get());
-    const std::string_view read = got.data()->string;
+    const message_bus_args got(signal.get());
+    const std::string_view read = got[0].string;
     must(dbus_validate_utf8(read.data(), nullptr), "a text is sent as UTF-8");
     must(read == text || !dbus_validate_utf8(text.c_str(), nullptr), "UTF-8 is sent as it is");
-    must(got.data()[1].string == std::string(read) + "\xEF\xBF\xBD",
-         "wrong bytes alone are replaced");
+    must(got[1].string == std::string(read) + "\xEF\xBF\xBD", "wrong bytes alone are replaced");
 
     const bus_message_ptr message(
         dbus_message_demarshal(input.data(), static_cast<int>(input.size()), nullptr));
     if (message) {
-        const message_bus_incoming_args args(message.get());
-        for (int32_t i = 0; i < std::min(args.count(), message_bus_max_args); ++i) {
-            const message_bus_arg &arg = args.data()[i];
+        const message_bus_args args(message.get());
+        for (const message_bus_arg &arg : args.values()) {
             must((arg.string != nullptr) == (arg.type == MB_ARG_STRING), "texts alone are texts");
         }
     }

@@ -43,7 +43,7 @@ void fuzz(std::string_view input) {
     };
     for (const auto start : {syslog_utils_configure, datamodel_start, ssh_start, vpn_start,
                              segfault_start, lcd_start, dlna_manager_start}) {
-        start(nullptr);
+        start();
     }
     lcd_show_event(said.c_str(), LCD_EVENT_SD_ATTACHED, true);
     vpn_restart();

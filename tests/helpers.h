@@ -9,7 +9,6 @@
 #include <string>
 
 #include "common/json.h"
-#include "common/json_ptr.h"
 #include "common/logger.h"
 #include "config/config.h"
 
@@ -42,7 +41,7 @@ inline json_ptr parse(const std::string &text) {
 }
 
 inline std::string print(const json_ptr &item) {
-    return nimbrelc_utils_print_json_unformatted(item.get()).value_or("nothing");
+    return print_json_unformatted(item.get()).value_or("nothing");
 }
 
 inline std::string content(const std::string &path) {
@@ -68,7 +67,7 @@ public:
     std::string saved(const char *item) const {
         const json_ptr document = parse(content(path_));
         const cJSON *found = nimbrelc_utils_get_json_object(document.get(), item, nullptr);
-        return nimbrelc_utils_print_json_unformatted(found).value_or("nothing");
+        return print_json_unformatted(found).value_or("nothing");
     }
 
     // What a daemon that starts anew finds.

@@ -25,8 +25,7 @@ void pass(int seconds);
 // The timers that run, by their ends; a copy of them and of the time, put back, turns time back.
 struct running_timer {
     time_t end;
-    const event_base *loop;
-    const timer *item;  // null: runs once and belongs to nobody
+    const timer *item;
     std::shared_ptr<unique_function<void()>> expired;
 };
 extern std::vector<running_timer> running_timers;

@@ -7,7 +7,6 @@
 
 class timer {
 public:
-    const event_base *loop;
     std::shared_ptr<unique_function<void()>> expired;
 };
 
@@ -31,33 +30,32 @@ void start(running_timer added, int seconds) {
 
 }  // namespace
 
-void timer_deleter::operator()(timer *item) const {
+void timer_use_loop(event_base *) {}
+
+event_base *timer_loop() {
+    return nullptr;
+}
+
+void timer_release(timer *item) {
     timer_stop(*item);
     std::default_delete<timer>()(item);
 }
 
-timer_ptr timer_new(event_base *loop, unique_function<void()> expired) {
+timer_ptr timer_new(unique_function<void()> expired) {
     auto item = std::make_unique<timer>();
-    item->loop = loop;
     item->expired = std::make_shared<unique_function<void()>>(std::move(expired));
     return timer_ptr(item.release());
 }
 
 bool timer_start(timer &item, int seconds) {
     timer_stop(item);
-    start({0, item.loop, &item, item.expired}, seconds);
+    start({0, &item, item.expired}, seconds);
     return true;
 }
 
 bool timer_stop(timer &item) {
     std::erase_if(running_timers,
                   [&item](const running_timer &other) { return other.item == &item; });
-    return true;
-}
-
-bool timer_once(event_base *loop, int seconds, unique_function<void()> expired) {
-    start({0, loop, nullptr, std::make_shared<unique_function<void()>>(std::move(expired))},
-          seconds);
     return true;
 }
 

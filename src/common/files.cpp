@@ -9,7 +9,6 @@
 #include <cstring>
 #include <utility>
 
-#include "common/file_ptr.h"
 #include "common/logger.h"
 #include "common/texts.h"
 

@@ -10,6 +10,11 @@
 #include <string>
 #include <string_view>
 
+#include "common/handle.h"
+
+// A writer closes by hand (`fclose(file.release())`) to see the flush fail.
+using file_ptr = handle<FILE, fclose>;
+
 // More than any file or output that this daemon handles; a larger one is not read.
 constexpr size_t max_file_size = size_t{64} * 1024 * 1024;
 

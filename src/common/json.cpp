@@ -1,7 +1,5 @@
 #include "common/json.h"
 
-#include <algorithm>
-#include <cctype>
 #include <utility>
 
 #include "common/files.h"
@@ -12,14 +10,13 @@ namespace {
 
 constexpr const char *log_category = "nimbrelc_utils";
 
-// Puts `value` where `member` stands, under the member's key, and gives it back.
-cJSON *replace_member(cJSON *object, cJSON *member, json_ptr value) {
+// Puts `value` where `member` stands, under the member's key.
+void replace_member(cJSON *object, cJSON *member, json_ptr value) {
     // The library sets a key only when it adds to an object.
     const json_ptr naming(cJSON_CreateObject());
     cJSON *named = value.release();
     cJSON_AddItemToObject(naming.get(), member->string, named);
     cJSON_ReplaceItemViaPointer(object, member, cJSON_DetachItemViaPointer(naming.get(), named));
-    return named;
 }
 
 int kind_of(const cJSON *item) {
@@ -29,41 +26,6 @@ int kind_of(const cJSON *item) {
 bool kinds_agree(const cJSON *source, const cJSON *target) {
     return cJSON_IsNull(source) || cJSON_IsNull(target) ||
            (cJSON_IsBool(source) && cJSON_IsBool(target)) || kind_of(source) == kind_of(target);
-}
-
-struct walk_end {
-    cJSON *searched = nullptr;
-    cJSON *item = nullptr;
-};
-
-// Down a dotted path, by `get_member` from an object (or null) to its member of that name.
-template <class Getter>
-walk_end walk(cJSON *root, std::string_view path, Getter get_member) {
-    walk_end end;
-    cJSON *next = root;
-    while (!path.empty()) {
-        const size_t dot = path.find('.');
-        const std::string key(path.substr(0, dot));
-        path.remove_prefix(dot == std::string_view::npos ? path.size() : dot + 1);
-        if (key.empty()) {
-            continue;
-        }
-        end.searched = cJSON_IsObject(next) ? next : nullptr;
-        end.item = get_member(end.searched, key);
-        if (end.item == nullptr) {
-            break;
-        }
-        next = end.item;
-    }
-    return end;
-}
-
-// As lookups compare names.
-std::string small_letters(std::string_view name) {
-    std::string small(name);
-    std::transform(small.begin(), small.end(), small.begin(),
-                   [](unsigned char c) { return static_cast<char>(tolower(c)); });
-    return small;
 }
 
 std::optional<std::string> owned_text(char *printed) {
@@ -90,17 +52,30 @@ json_ptr nimbrelc_utils_read_file_and_parse_json(const char *path) {
 }
 
 cJSON *nimbrelc_utils_get_json_object(cJSON *root, std::string_view path, cJSON **parent) {
-    const auto get_member = [](cJSON *object, const std::string &key) {
-        return cJSON_GetObjectItem(object, key.c_str());
-    };
-    const walk_end end = walk(root, path, get_member);
-    if (parent != nullptr) {
-        *parent = end.searched;
+    cJSON *searched = nullptr;
+    cJSON *item = nullptr;
+    cJSON *next = root;
+    while (!path.empty()) {
+        const size_t dot = path.find('.');
+        const std::string key(path.substr(0, dot));
+        path.remove_prefix(dot == std::string_view::npos ? path.size() : dot + 1);
+        if (key.empty()) {
+            continue;
+        }
+        searched = cJSON_IsObject(next) ? next : nullptr;
+        item = cJSON_GetObjectItem(searched, key.c_str());
+        if (item == nullptr) {
+            break;
+        }
+        next = item;
     }
-    return end.item;
+    if (parent != nullptr) {
+        *parent = searched;
+    }
+    return item;
 }
 
-cJSON *nimbrelc_utils_get_json_section(cJSON *root, std::string_view path) {
+cJSON *json_section(cJSON *root, std::string_view path) {
     cJSON *section = nimbrelc_utils_get_json_object(root, path, nullptr);
     return cJSON_IsObject(section) ? section : nullptr;
 }
@@ -115,7 +90,7 @@ bool nimbrelc_utils_remove_json_object(cJSON *root, std::string_view path) {
     return true;
 }
 
-bool nimbrelc_utils_replace_json_object(cJSON *root, std::string_view path, json_ptr value) {
+bool json_replace(cJSON *root, std::string_view path, json_ptr value) {
     cJSON *parent = nullptr;
     cJSON *item = nimbrelc_utils_get_json_object(root, path, &parent);
     if (item == nullptr || value == nullptr) {
@@ -123,6 +98,14 @@ bool nimbrelc_utils_replace_json_object(cJSON *root, std::string_view path, json
     }
     replace_member(parent, item, std::move(value));
     return true;
+}
+
+void json_set(cJSON *object, const char *name, json_ptr value) {
+    if (cJSON *member = cJSON_GetObjectItem(object, name)) {
+        replace_member(object, member, std::move(value));
+    } else if (cJSON_IsObject(object)) {
+        cJSON_AddItemToObject(object, name, value.release());
+    }
 }
 
 bool nimbrelc_utils_json_is_null_or_empty(const cJSON *item) {
@@ -133,7 +116,7 @@ const char *nimbrelc_utils_empty_if_null_json(const cJSON *item) {
     return nimbrelc_utils_empty_if_null(cJSON_GetStringValue(item));
 }
 
-const char *nimbrelc_utils_get_json_text(const cJSON *object, const char *name) {
+const char *json_text(const cJSON *object, const char *name) {
     return nimbrelc_utils_empty_if_null_json(cJSON_GetObjectItem(object, name));
 }
 
@@ -145,11 +128,10 @@ void nimbrelc_utils_copy_values_to_json(const cJSON *source, cJSON *target, bool
     if (!cJSON_IsObject(source) || !cJSON_IsObject(target)) {
         return;
     }
-    const json_members stored_members(source);
     cJSON *next = nullptr;
     for (cJSON *member = target->child; member != nullptr; member = next) {
         next = member->next;
-        const cJSON *stored = stored_members.find(member->string);
+        const cJSON *stored = cJSON_GetObjectItem(source, member->string);
         if (stored == nullptr || !kinds_agree(stored, member)) {
             continue;
         }
@@ -162,61 +144,15 @@ void nimbrelc_utils_copy_values_to_json(const cJSON *source, cJSON *target, bool
     }
 }
 
-json_members::json_members(const cJSON *object) {
-    cJSON *member = nullptr;
-    cJSON_ArrayForEach(member, object) {
-        members_.try_emplace(small_letters(member->string), member);
-    }
-}
-
-cJSON *json_members::find(std::string_view name) const {
-    const auto found = members_.find(small_letters(name));
-    return found == members_.end() ? nullptr : found->second;
-}
-
-void json_members::replaced(cJSON *member) {
-    members_[small_letters(member->string)] = member;
-}
-
-cJSON *json_index::find(std::string_view path, cJSON *&parent) {
-    const auto get_member = [this](cJSON *object, const std::string &key) -> cJSON * {
-        return object == nullptr ? nullptr
-                                 : objects_.try_emplace(object, object).first->second.find(key);
-    };
-    const walk_end end = walk(root_, path, get_member);
-    parent = end.searched;
-    return end.item;
-}
-
-cJSON *json_index::find(std::string_view path) {
-    cJSON *parent = nullptr;
-    return find(path, parent);
-}
-
-bool json_index::replace(std::string_view path, json_ptr value) {
-    cJSON *parent = nullptr;
-    cJSON *item = find(path, parent);
-    if (item == nullptr || value == nullptr) {
-        return false;
-    }
-    const bool is_tree = item->child != nullptr;
-    cJSON *added = replace_member(parent, item, std::move(value));
-    objects_.find(parent)->second.replaced(added);
-    if (is_tree) {
-        objects_.clear();  // what is known of its objects is known of what is gone
-    }
-    return true;
-}
-
-std::optional<std::string> nimbrelc_utils_print_json(const cJSON *item) {
+std::optional<std::string> print_json(const cJSON *item) {
     return owned_text(cJSON_Print(item));
 }
 
-std::optional<std::string> nimbrelc_utils_print_json_unformatted(const cJSON *item) {
+std::optional<std::string> print_json_unformatted(const cJSON *item) {
     return owned_text(cJSON_PrintUnformatted(item));
 }
 
-int nimbrelc_utils_json_type(const cJSON *item) {
+int json_type(const cJSON *item) {
     static constexpr int library_kinds[] = {cJSON_False,  cJSON_True,  cJSON_NULL,  cJSON_Number,
                                             cJSON_String, cJSON_Array, cJSON_Object};
     int number = 0;

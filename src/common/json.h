@@ -2,12 +2,15 @@
 // borrowed unless stated; key lookups ignore case, as the JSON library's do.
 #pragma once
 
+#include <cjson/cJSON.h>
+
 #include <optional>
 #include <string>
 #include <string_view>
-#include <unordered_map>
 
-#include "common/json_ptr.h"
+#include "common/handle.h"
+
+using json_ptr = handle<cJSON, cJSON_Delete>;
 
 // Reads and parses a file; none when either fails (logged).
 json_ptr nimbrelc_utils_read_file_and_parse_json(const char *path);
@@ -17,14 +20,18 @@ json_ptr nimbrelc_utils_read_file_and_parse_json(const char *path);
 cJSON *nimbrelc_utils_get_json_object(cJSON *root, std::string_view path, cJSON **parent);
 
 // The item at a dotted path if it is an object, else null. Borrowed.
-cJSON *nimbrelc_utils_get_json_section(cJSON *root, std::string_view path);
+cJSON *json_section(cJSON *root, std::string_view path);
 
 // Deletes the item at the path; false if there is none.
 bool nimbrelc_utils_remove_json_object(cJSON *root, std::string_view path);
 
 // Replaces the item at the path, in its place and under its own key; false, with nothing changed,
 // if there is none.
-bool nimbrelc_utils_replace_json_object(cJSON *root, std::string_view path, json_ptr value);
+bool json_replace(cJSON *root, std::string_view path, json_ptr value);
+
+// Gives the object's member this value, in its place under its own key, or adds it; nothing for
+// what is no object.
+void json_set(cJSON *object, const char *name, json_ptr value);
 
 // True for null, for an item without a string value, and for "".
 bool nimbrelc_utils_json_is_null_or_empty(const cJSON *item);
@@ -33,7 +40,7 @@ bool nimbrelc_utils_json_is_null_or_empty(const cJSON *item);
 const char *nimbrelc_utils_empty_if_null_json(const cJSON *item);
 
 // The same for a member of an object. Borrowed.
-const char *nimbrelc_utils_get_json_text(const cJSON *object, const char *name);
+const char *json_text(const cJSON *object, const char *name);
 
 double nimbrelc_utils_zero_if_null(const cJSON *item);
 
@@ -42,38 +49,10 @@ double nimbrelc_utils_zero_if_null(const cJSON *item);
 // Source arrays are taken only with `copy_arrays`.
 void nimbrelc_utils_copy_values_to_json(const cJSON *source, cJSON *target, bool copy_arrays);
 
-// The members of an object, found without a walk: the first one of a name, or null.
-class json_members {
-public:
-    explicit json_members(const cJSON *object);
-    cJSON *find(std::string_view name) const;
-    void replaced(cJSON *member);  // stands now where another of its name did
-
-private:
-    std::unordered_map<std::string, cJSON *> members_;  // by the name in small letters
-};
-
-// A tree in which many paths are looked up: each object is walked once. Nobody else may change it
-// meanwhile.
-class json_index {
-public:
-    explicit json_index(cJSON *root) : root_(root) {}
-    // As nimbrelc_utils_get_json_object(), but for a parent.
-    cJSON *find(std::string_view path);
-    // As nimbrelc_utils_replace_json_object().
-    bool replace(std::string_view path, json_ptr value);
-
-private:
-    cJSON *find(std::string_view path, cJSON *&parent);
-
-    cJSON *root_;
-    std::unordered_map<const cJSON *, json_members> objects_;
-};
-
 // JSON text, indented or without white space; none when there is nothing printable.
-std::optional<std::string> nimbrelc_utils_print_json(const cJSON *item);
-std::optional<std::string> nimbrelc_utils_print_json_unformatted(const cJSON *item);
+std::optional<std::string> print_json(const cJSON *item);
+std::optional<std::string> print_json_unformatted(const cJSON *item);
 
 // The item's type number as it stands in log lines: false 0, true 1, null 2, number 3, string 4,
 // array 5, object 6.
-int nimbrelc_utils_json_type(const cJSON *item);
+int json_type(const cJSON *item);

@@ -52,6 +52,20 @@ void logger_set_file_owner(gid_t group_id, uid_t user_id);
 void _log(const char *category, int level, const char *source_file, size_t line, const char *format,
           ...) __attribute__((format(printf, 5, 6)));
 
+// For whom a line is logged where one module logs for another, and where that one asked for it: its
+// category becomes one in the place where it is passed.
+struct log_source {
+    log_source(const char *of, const char *source_file = __builtin_FILE(),
+               size_t source_line = __builtin_LINE())
+        : category(of), file(source_file), line(source_line) {}
+
+    const char *category;
+    const char *file;
+    size_t line;
+};
+#define LOG_FOR(source, level, ...) \
+    _log((source).category, level, (source).file, (source).line, __VA_ARGS__)
+
 // Each source file names its category in a file-local `log_category`.
 #define LOG_AT(level, ...) _log(log_category, level, __FILE__, __LINE__, __VA_ARGS__)
 #define LOG_TRACE(...) LOG_AT(LOG_LEVEL_TRACE, __VA_ARGS__)

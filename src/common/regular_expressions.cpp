@@ -9,7 +9,7 @@ constexpr const char *log_category = "nimbrelc_utils";
 
 }  // namespace
 
-void nimbrelc_regex_deleter::operator()(regex_t *compiled) const {
+void nimbrelc_regex_release(regex_t *compiled) {
     regfree(compiled);
     std::default_delete<regex_t>()(compiled);
 }

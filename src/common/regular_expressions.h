@@ -3,12 +3,10 @@
 
 #include <regex.h>
 
-#include <memory>
+#include "common/handle.h"
 
-struct nimbrelc_regex_deleter {
-    void operator()(regex_t *compiled) const;
-};
-using nimbrelc_regex = std::unique_ptr<regex_t, nimbrelc_regex_deleter>;
+void nimbrelc_regex_release(regex_t *compiled);
+using nimbrelc_regex = handle<regex_t, nimbrelc_regex_release>;
 
 bool nimbrelc_regex_compile(nimbrelc_regex &regex, const char *pattern);
 // True if `text` matches anywhere; false for an expression that is not compiled.

@@ -9,10 +9,9 @@
 
 #include <algorithm>
 #include <cstring>
-#include <memory>
 #include <utility>
 
-#include "common/logger.h"
+#include "common/handle.h"
 #include "common/texts.h"
 
 namespace {
@@ -22,11 +21,12 @@ constexpr const char *log_category = "nimbrelc_utils";
 constexpr size_t salt_size = 32;
 constexpr size_t iv_size = 16;
 constexpr size_t header_size = salt_size + iv_size;
+constexpr int key_size = 32;
 constexpr int key_iterations = 1000;
 constexpr const char *blanks = " \t\r\n";
 
 struct secret_key {
-    unsigned char bytes[32] = {};
+    unsigned char bytes[EVP_MAX_KEY_LENGTH] = {};
 
     secret_key() = default;
     secret_key(const secret_key &) = delete;
@@ -36,27 +36,7 @@ struct secret_key {
     }
 };
 
-struct cipher_deleter {
-    void operator()(EVP_CIPHER_CTX *context) const {
-        EVP_CIPHER_CTX_free(context);
-    }
-};
-using cipher_ptr = std::unique_ptr<EVP_CIPHER_CTX, cipher_deleter>;
-
-struct bio_deleter {
-    void operator()(BIO *bio) const {
-        BIO_free_all(bio);
-    }
-};
-using bio_ptr = std::unique_ptr<BIO, bio_deleter>;
-
-unsigned char *bytes_of(std::string &text) {
-    return reinterpret_cast<unsigned char *>(text.data());
-}
-
-const unsigned char *bytes_of(std::string_view text) {
-    return reinterpret_cast<const unsigned char *>(text.data());
-}
+using bio_ptr = handle<BIO, BIO_free_all>;
 
 // The library's text for its latest error; forgets it and the earlier ones.
 std::string crypto_error() {
@@ -69,36 +49,28 @@ std::string crypto_error() {
 
 bool derive_key(secret_key &key, std::string_view passphrase, const unsigned char *salt) {
     if (PKCS5_PBKDF2_HMAC_SHA1(passphrase.data(), static_cast<int>(passphrase.size()), salt,
-                               salt_size, key_iterations, sizeof key.bytes, key.bytes) != 1) {
+                               salt_size, key_iterations, key_size, key.bytes) != 1) {
         LOG_ERROR("Keygen failed");
         return false;
     }
     return true;
 }
 
-// The base64 filter, in one-line mode, over `memory`.
-bio_ptr push_base64(bio_ptr filter, bio_ptr memory) {
-    BIO_set_flags(filter.get(), BIO_FLAGS_BASE64_NO_NL);
-    BIO_push(filter.get(), memory.release());
-    return filter;
-}
-
-}  // namespace
-
-std::optional<std::string> nimbrelc_utils_run_cipher(
-    const char *category, cipher_direction direction, const EVP_CIPHER *cipher,
-    const unsigned char *key, const unsigned char *iv, std::string_view data) {
+// Key and iv (null where the cipher has none) are of the cipher's sizes.
+std::optional<std::string> run_cipher(const log_source &caller, cipher_direction direction,
+                                      const EVP_CIPHER *cipher, const unsigned char *key,
+                                      const unsigned char *iv, std::string_view data) {
     const bool encrypt = direction == cipher_direction::encrypt;
-    const auto fail = [category](const char *format) {
-        _log(category, LOG_LEVEL_ERROR, __FILE__, __LINE__, format, crypto_error().c_str());
+    const auto fail = [&caller](const char *format) {
+        LOG_FOR(caller, LOG_LEVEL_ERROR, format, crypto_error().c_str());
         return std::nullopt;
     };
-    const cipher_ptr context(EVP_CIPHER_CTX_new());
+    const handle<EVP_CIPHER_CTX, EVP_CIPHER_CTX_free> context(EVP_CIPHER_CTX_new());
     if (context == nullptr) {
-        _log(category, LOG_LEVEL_ERROR, __FILE__, __LINE__, "EVP_CIPHER_CTX_new failed");
+        LOG_FOR(caller, LOG_LEVEL_ERROR, "EVP_CIPHER_CTX_new failed");
         return std::nullopt;
     }
-    if (EVP_CipherInit_ex(context.get(), cipher, nullptr, key, iv, encrypt ? 1 : 0) != 1) {
+    if (EVP_CipherInit_ex(context.get(), cipher, nullptr, key, iv, encrypt) != 1) {
         return fail(encrypt ? "EVP_EncryptInit_ex failed: %s" : "EVP_DecryptInit_ex failed: %s");
     }
     // Room for the padding, and for the library's right to write one block more than it is given.
@@ -116,6 +88,28 @@ std::optional<std::string> nimbrelc_utils_run_cipher(
     }
     result.resize(static_cast<size_t>(updated) + static_cast<size_t>(finished));
     return result;
+}
+
+// The base64 filter, in one-line mode, over `memory`.
+bio_ptr push_base64(bio_ptr filter, bio_ptr memory) {
+    BIO_set_flags(filter.get(), BIO_FLAGS_BASE64_NO_NL);
+    BIO_push(filter.get(), memory.release());
+    return filter;
+}
+
+}  // namespace
+
+std::optional<std::string> run_cipher(const log_source &caller, cipher_direction direction,
+                                      const bytes_to_key &key, std::string_view data) {
+    secret_key bytes;
+    const int size = EVP_BytesToKey(key.cipher, EVP_sha1(), key.salt, bytes_of(key.passphrase),
+                                    static_cast<int>(key.passphrase.size()), key.iterations,
+                                    bytes.bytes, nullptr);
+    if (size != EVP_CIPHER_key_length(key.cipher)) {
+        LOG_FOR(caller, LOG_LEVEL_ERROR, "Incorrect key size: %d", size);
+        return std::nullopt;
+    }
+    return run_cipher(caller, direction, key.cipher, bytes.bytes, key.iv, data);
 }
 
 std::optional<std::string> nimbrelc_utils_encrypt_data(std::string_view data,
@@ -136,8 +130,8 @@ std::optional<std::string> nimbrelc_utils_encrypt_data(std::string_view data,
         LOG_ERROR("RAND_bytes for iv failed: %s", crypto_error().c_str());
         return std::nullopt;
     }
-    const auto cipher_text = nimbrelc_utils_run_cipher(log_category, cipher_direction::encrypt,
-                                                       EVP_aes_256_cbc(), key.bytes, iv, data);
+    const auto cipher_text =
+        run_cipher(log_category, cipher_direction::encrypt, EVP_aes_256_cbc(), key.bytes, iv, data);
     if (!cipher_text) {
         return std::nullopt;
     }
@@ -156,9 +150,8 @@ std::optional<std::string> nimbrelc_utils_decrypt_data(std::string_view blob,
     if (!derive_key(key, passphrase, bytes_of(blob))) {
         return std::nullopt;
     }
-    return nimbrelc_utils_run_cipher(log_category, cipher_direction::decrypt, EVP_aes_256_cbc(),
-                                     key.bytes, bytes_of(blob.substr(salt_size)),
-                                     blob.substr(header_size));
+    return run_cipher(log_category, cipher_direction::decrypt, EVP_aes_256_cbc(), key.bytes,
+                      bytes_of(blob.substr(salt_size)), blob.substr(header_size));
 }
 
 std::optional<std::string> nimbrelc_utils_base64_encode(std::string_view data) {

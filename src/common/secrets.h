@@ -1,7 +1,7 @@
 // Encryption of stored secrets. A blob is {32-byte salt, 16-byte initialisation vector, AES-256-CBC
 // ciphertext with PKCS#7 padding}; its key is PBKDF2-HMAC-SHA1 of the passphrase and the salt, 1000
 // iterations, 32 bytes. Stored form: the blob as one line of base64.
-// main registers the ciphers before first use. Every failure is logged and gives nothing.
+// Every failure is logged and gives nothing.
 #pragma once
 
 #include <openssl/evp.h>
@@ -9,6 +9,8 @@
 #include <optional>
 #include <string>
 #include <string_view>
+
+#include "common/logger.h"
 
 std::optional<std::string> nimbrelc_utils_encrypt_data(std::string_view data,
                                                        std::string_view passphrase);
@@ -31,8 +33,23 @@ std::optional<std::string> nimbrelc_utils_get_decrypted_string(const char *store
 
 enum class cipher_direction { encrypt, decrypt };
 
-// Runs one cipher over the whole data, with the standard block padding. Key and iv (null where the
-// cipher has none) are of the cipher's sizes. Failures are logged under the caller's category.
-std::optional<std::string> nimbrelc_utils_run_cipher(
-    const char *category, cipher_direction direction, const EVP_CIPHER *cipher,
-    const unsigned char *key, const unsigned char *iv, std::string_view data);
+// A key that is no stored secret's: EVP_BytesToKey with SHA-1. Salt and initialisation vector are
+// null where there are none.
+struct bytes_to_key {
+    const EVP_CIPHER *cipher;
+    std::string_view passphrase;
+    int iterations;
+    const unsigned char *salt = nullptr;
+    const unsigned char *iv = nullptr;
+};
+
+// Runs the cipher over the whole data, with the standard block padding.
+std::optional<std::string> run_cipher(const log_source &caller, cipher_direction direction,
+                                      const bytes_to_key &key, std::string_view data);
+
+inline const unsigned char *bytes_of(std::string_view text) {
+    return reinterpret_cast<const unsigned char *>(text.data());
+}
+inline unsigned char *bytes_of(std::string &text) {
+    return reinterpret_cast<unsigned char *>(text.data());
+}

@@ -19,7 +19,7 @@ const char *nimbrelc_utils_empty_if_null(const char *text) {
     return text == nullptr ? "" : text;
 }
 
-std::string nimbrelc_utils_printable(std::string_view value) {
+std::string printable(std::string_view value) {
     std::string result(value);
     std::replace_if(
         result.begin(), result.end(),

@@ -10,7 +10,7 @@ bool nimbrelc_utils_is_null_or_empty(const char *text);
 const char *nimbrelc_utils_empty_if_null(const char *text);
 
 // The value as it may stand in a generated file: each control character becomes "_".
-std::string nimbrelc_utils_printable(std::string_view value);
+std::string printable(std::string_view value);
 
 // kept: for programs that embed this module; nothing here calls the following five.
 

@@ -1,15 +1,22 @@
 #include "common/timer.h"
 
+#include <event2/event.h>
+
+#include <memory>
 #include <utility>
 
-#include "common/event_ptr.h"
+namespace {
+
+event_base *loop = nullptr;
+
+}  // namespace
 
 class timer {
 public:
     explicit timer(unique_function<void()> expired)
         : expired_(std::make_shared<unique_function<void()>>(std::move(expired))) {}
 
-    bool add_to(event_base *loop) {
+    bool add_to_loop() {
         event_.reset(evtimer_new(loop, fire, this));
         return event_ != nullptr;
     }
@@ -25,17 +32,25 @@ private:
         (*expired)();
     }
 
-    event_ptr event_;
+    handle<event, event_free> event_;
     std::shared_ptr<unique_function<void()>> expired_;
 };
 
-void timer_deleter::operator()(timer *item) const {
+void timer_use_loop(event_base *base) {
+    loop = base;
+}
+
+event_base *timer_loop() {
+    return loop;
+}
+
+void timer_release(timer *item) {
     std::default_delete<timer>()(item);
 }
 
-timer_ptr timer_new(event_base *loop, unique_function<void()> expired) {
+timer_ptr timer_new(unique_function<void()> expired) {
     auto item = std::make_unique<timer>(std::move(expired));
-    return item->add_to(loop) ? timer_ptr(item.release()) : nullptr;
+    return item->add_to_loop() ? timer_ptr(item.release()) : nullptr;
 }
 
 bool timer_start(timer &item, int seconds) {
@@ -45,21 +60,6 @@ bool timer_start(timer &item, int seconds) {
 
 bool timer_stop(timer &item) {
     return evtimer_del(item.get()) == 0;
-}
-
-bool timer_once(event_base *loop, int seconds, unique_function<void()> expired) {
-    const timeval delay = {.tv_sec = seconds, .tv_usec = 0};
-    auto function = std::make_unique<unique_function<void()>>(std::move(expired));
-    const auto fire = [](evutil_socket_t, short, void *data) {
-        const std::unique_ptr<unique_function<void()>> owned(
-            static_cast<unique_function<void()> *>(data));
-        (*owned)();
-    };
-    if (event_base_once(loop, -1, EV_TIMEOUT, fire, function.get(), &delay) != 0) {
-        return false;
-    }
-    static_cast<void>(function.release());  // freed when it fires
-    return true;
 }
 
 time_t timer_now() {

@@ -8,7 +8,6 @@
 
 #include "common/files.h"
 #include "common/json.h"
-#include "common/json_ptr.h"
 #include "common/logger.h"
 #include "common/texts.h"
 
@@ -57,7 +56,7 @@ bool nimbrelc_config_load(const char *path) {
 
 bool nimbrelc_config_save() {
     LOG_INFO("Saving nimbrelc config");
-    const std::optional<std::string> text = nimbrelc_utils_print_json(config_root.get());
+    const std::optional<std::string> text = print_json(config_root.get());
     if (!text) {
         LOG_ERROR("Error printing nimbrelc config");
         return false;
@@ -113,7 +112,7 @@ int get_config_number(const char *path) {
 }
 
 bool set_config_item(const char *path, json_ptr value) {
-    return nimbrelc_utils_replace_json_object(get_config_root(), path, std::move(value));
+    return json_replace(get_config_root(), path, std::move(value));
 }
 
 bool set_config_flag(const char *path, bool value) {
@@ -145,12 +144,12 @@ bool nimbrelc_config_set_software_version() {
     if (!version) {
         return false;
     }
-    cJSON *cpe_device = nimbrelc_utils_get_json_section(config_root.get(), "cpeDevice");
+    cJSON *cpe_device = json_section(config_root.get(), "cpeDevice");
     if (cpe_device == nullptr) {
         LOG_ERROR("Cannot find cpeDevice section in configuration file");
         return false;
     }
-    cJSON *device_info = nimbrelc_utils_get_json_section(cpe_device, "deviceInfo");
+    cJSON *device_info = json_section(cpe_device, "deviceInfo");
     if (device_info == nullptr) {
         LOG_ERROR("Cannot find deviceInfo section in configuration file");
         return false;

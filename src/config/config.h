@@ -7,7 +7,7 @@
 #include <string>
 #include <string_view>
 
-#include "common/json_ptr.h"
+#include "common/json.h"
 
 const char *get_nimbrelc_config_file_location();
 

@@ -2,7 +2,6 @@
 #include <utility>
 
 #include "common/json.h"
-#include "common/json_ptr.h"
 #include "common/msg_bus/message_bus.h"
 #include "daemon/nimbrelc.h"
 
@@ -11,26 +10,24 @@ namespace {
 constexpr const char *log_category = "app_info";
 
 // kept: the status is a text here, unlike the numbers of the other web replies.
-void get_application_status_callback(int32_t /*argc*/, const message_bus_arg * /*args*/,
+void get_application_status_callback(const message_bus_args & /*args*/,
                                      message_bus_request request) {
     const json_ptr status(cJSON_CreateObject());
     cJSON_AddStringToObject(status.get(), "status", "STARTED");
-    if (const auto text = nimbrelc_utils_print_json_unformatted(status.get())) {
+    if (const auto text = print_json_unformatted(status.get())) {
         message_bus_send_string_reply(std::move(request), text->c_str());
     }
 }
 
 constexpr message_bus_method methods[] = {
-    {.path = "/ws/core/info",
-     .interface = "com.kelvanto.nimbrel.app",
-     .member = "getApplicationStatus",
-     .handler = get_application_status_callback},
+    {.member = "getApplicationStatus", .handler = get_application_status_callback},
 };
 
 }  // namespace
 
-bool app_info_start(event_base * /*base*/) {
-    return message_bus_add_methods(log_category, methods);
+bool app_info_start() {
+    return message_bus_add_methods(log_category, "/ws/core/info", "com.kelvanto.nimbrel.app",
+                                   methods);
 }
 
 bool app_info_stop() {

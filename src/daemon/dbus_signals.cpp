@@ -1,8 +1,5 @@
 // Reacts to signals of other services of the box: a new WAN address, and the begin and end of a
 // firmware upgrade.
-#include <algorithm>
-#include <iterator>
-
 #include "common/logger.h"
 #include "common/msg_bus/message_bus.h"
 #include "daemon/nimbrelc.h"
@@ -15,11 +12,7 @@ constexpr const char *log_category = "dbus_signals";
 
 constexpr const char *upgrade_message_key = "FW_UPGRADE";
 
-void ip_address_changed_callback(int32_t argc, const message_bus_arg * /*args*/) {
-    if (argc != 0) {
-        LOG_WARN("ip_address_changed_callback doesn't accept arguments");
-        return;
-    }
+void ip_address_changed_callback(const message_bus_args & /*args*/) {
     if (!vpn_restart()) {
         LOG_ERROR("Failed to restart VPN");
     }
@@ -28,33 +21,31 @@ void ip_address_changed_callback(int32_t argc, const message_bus_arg * /*args*/)
     }
 }
 
-void show_upgrade_message_callback(int32_t /*argc*/, const message_bus_arg * /*args*/) {
+void show_upgrade_message_callback(const message_bus_args & /*args*/) {
     lcd_show_event(upgrade_message_key, LCD_EVENT_FIRMWARE_UPGRADE, false);
 }
 
-void hide_upgrade_message_callback(int32_t /*argc*/, const message_bus_arg * /*args*/) {
+void hide_upgrade_message_callback(const message_bus_args & /*args*/) {
     lcd_dismiss_event(upgrade_message_key);
 }
 
-struct signal_listener {
-    const char *interface;
-    const char *signal;
-    message_bus_signal_handler handler;
+constexpr message_bus_signal network_signals[] = {
+    {.member = "IPAddressChanged",
+     .handler = ip_address_changed_callback,
+     .args = "",
+     .refusal_text = "ip_address_changed_callback doesn't accept arguments"},
 };
-
-constexpr signal_listener listeners[] = {
-    {"com.kelvanto.systemcalls", "IPAddressChanged", ip_address_changed_callback},
-    {"com.kelvanto.nimbrel.upgrade", "ShowUpgradeMessage", show_upgrade_message_callback},
-    {"com.kelvanto.nimbrel.upgrade", "HideUpgradeMessage", hide_upgrade_message_callback},
+constexpr message_bus_signal upgrade_signals[] = {
+    {.member = "ShowUpgradeMessage", .handler = show_upgrade_message_callback},
+    {.member = "HideUpgradeMessage", .handler = hide_upgrade_message_callback},
 };
 
 }  // namespace
 
-bool dbus_signals_start(event_base * /*base*/) {
+bool dbus_signals_start() {
     const bool added =
-        std::all_of(std::begin(listeners), std::end(listeners), [](const signal_listener &row) {
-            return message_bus_add_signal_listener(row.interface, row.signal, row.handler);
-        });
+        message_bus_add_signals(log_category, "com.kelvanto.systemcalls", network_signals) &&
+        message_bus_add_signals(log_category, "com.kelvanto.nimbrel.upgrade", upgrade_signals);
     if (!added) {
         LOG_ERROR("Couldn't register DBus signal handler");
     }

@@ -11,6 +11,7 @@
 
 #include "common/logger.h"
 #include "common/msg_bus/message_bus.h"
+#include "common/timer.h"
 #include "config/config.h"
 #include "datamodel/datamodel.h"
 #include "disks/disks.h"
@@ -25,7 +26,7 @@ constexpr const char *log_category = "nimbrelc";
 
 struct service {
     const char *name;
-    bool (*start)(event_base *loop);
+    bool (*start)();
     bool (*stop)();
 };
 
@@ -94,6 +95,7 @@ bool nimbrelc_start(event_base *loop) {
         LOG_INFO("Event loop is null");
         return false;
     }
+    timer_use_loop(loop);
     LOG_INFO("Connecting to dbus");
     if (!message_bus_new(loop)) {
         LOG_INFO("Cannot connect to dbus");  // kept: not an error
@@ -120,14 +122,14 @@ bool nimbrelc_start(event_base *loop) {
         return false;
     }
     LOG_INFO("Configuring syslogd");
-    if (!syslog_utils_configure(loop)) {
+    if (!syslog_utils_configure()) {
         LOG_INFO("Failed to configure syslogd");  // kept: not an error
         return false;
     }
     LOG_INFO("Starting services..");
     for (const service &row : services) {
         LOG_INFO("Starting %s", row.name);
-        if (row.start(loop)) {
+        if (row.start()) {
             LOG_INFO("Service [%s] successfully started", row.name);
         } else {
             LOG_ERROR("Cannot start service [%s]", row.name);

@@ -13,7 +13,7 @@ bool nimbrelc_stop();
 // Two small services of the table, which need no header of their own: the sign of life on the bus,
 // and what the daemon does on other services' signals. Starting fails when a listener cannot be
 // added; stopping leaves the listeners as they are.
-bool app_info_start(event_base *loop);
+bool app_info_start();
 bool app_info_stop();
-bool dbus_signals_start(event_base *loop);
+bool dbus_signals_start();
 bool dbus_signals_stop();

@@ -7,7 +7,6 @@
 #include <utility>
 
 #include "common/json.h"
-#include "common/json_ptr.h"
 #include "common/logger.h"
 #include "config/config.h"
 #include "datamodel/datamodel_device.h"
@@ -22,8 +21,6 @@ namespace {
 
 constexpr const char *log_category = "datamodel";
 constexpr const char *provisioning_state_key = " deviceManagement provisioningState";
-
-event_base *loop = nullptr;
 
 // --- Values in the configuration
 
@@ -254,8 +251,7 @@ constexpr datamodel_handler handlers[] = {
 
 // --- The three methods
 
-void get_value_callback(int32_t /*argc*/, const message_bus_arg *args,
-                        message_bus_request request) {
+void get_value_callback(const message_bus_args &args, message_bus_request request) {
     const char *key = args[0].string;
     const datamodel_handler *handler = find_handler(key, nullptr);
     if (handler == nullptr) {
@@ -272,10 +268,10 @@ void get_value_callback(int32_t /*argc*/, const message_bus_arg *args,
 }
 
 // kept: its failures to set are logged as failures to get.
-void set_value_callback(int32_t argc, const message_bus_arg *args, message_bus_request request) {
+void set_value_callback(const message_bus_args &args, message_bus_request request) {
     // kept: checked here, since the value may be of any type, and the log does not say what is
     // wrong.
-    if (argc != 2 || args[0].type != MB_ARG_STRING) {
+    if (args.count() != 2 || args[0].type != MB_ARG_STRING) {
         LOG_WARN("Bad args passed to set_value_callback");
         message_bus_send_bool_reply(std::move(request), false);
         return;
@@ -301,17 +297,17 @@ void set_value_callback(int32_t argc, const message_bus_arg *args, message_bus_r
         return;
     }
     // kept: also after a value that was refused.
-    if (handler->after_set != nullptr && !handler->after_set(loop)) {
+    if (handler->after_set != nullptr && !handler->after_set()) {
         LOG_ERROR("Failed to apply value for key %s", key);
     }
 }
 
-void get_object_callback(int32_t argc, const message_bus_arg *args, message_bus_request request) {
+void get_object_callback(const message_bus_args &args, message_bus_request request) {
     const char *key = "";
     uint32_t index = 0;
     const datamodel_handler *handler = nullptr;
     // kept: checked here, since a refusal is logged a second time below, as an empty key.
-    if (message_bus_validate_params(request, argc, args, {MB_ARG_STRING})) {
+    if (message_bus_validate_params(request, args, "s")) {
         key = args[0].string;
         handler = find_handler(key, &index);
     } else {
@@ -327,25 +323,22 @@ void get_object_callback(int32_t argc, const message_bus_arg *args, message_bus_
     }
 }
 
-constexpr const char *path = "/com/kelvanto/nimbrel";
-constexpr const char *interface = "com.kelvanto.nimbrel.datamodel";
 constexpr message_bus_method methods[] = {
-    {.path = path,
-     .interface = interface,
-     .member = "GetValue",
+    {.member = "GetValue",
      .handler = get_value_callback,
      .args = "s",
      .refusal_text = "Bad args passed to get_value_callback",
      .refusal = message_bus_refusal::empty_reply},
-    {.path = path, .interface = interface, .member = "SetValue", .handler = set_value_callback},
-    {.path = path, .interface = interface, .member = "GetObject", .handler = get_object_callback},
+    {.member = "SetValue", .handler = set_value_callback},
+    {.member = "GetObject", .handler = get_object_callback},
 };
 
 }  // namespace
 
-bool datamodel_start(event_base *base) {
-    loop = base;
-    return message_bus_add_methods(log_category, methods) && push_provisioning_state();
+bool datamodel_start() {
+    return message_bus_add_methods(log_category, "/com/kelvanto/nimbrel",
+                                   "com.kelvanto.nimbrel.datamodel", methods) &&
+           push_provisioning_state();
 }
 
 bool datamodel_stop() {
@@ -386,7 +379,7 @@ bool send_value_from_config(const char *config_key, int32_t reply_type,
     if (cJSON_IsString(item)) {
         return message_bus_send_string_reply(std::move(request), item->valuestring);
     }
-    LOG_WARN("Cannot handle config type %d in request for config value at key %s",
-             nimbrelc_utils_json_type(item), config_key);
+    LOG_WARN("Cannot handle config type %d in request for config value at key %s", json_type(item),
+             config_key);
     return message_bus_send_no_reply(std::move(request));
 }

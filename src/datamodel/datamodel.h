@@ -2,9 +2,7 @@
 // and GetObject on /com/kelvanto/nimbrel.
 #pragma once
 
-#include <event2/event.h>
-
 // Fails when a method cannot be served, and when the provisioning state could not be handed to the
 // box's agent service; the methods stay served then. `base` goes to the rows' after-set hooks.
-bool datamodel_start(event_base *base);
+bool datamodel_start();
 bool datamodel_stop();

@@ -34,17 +34,16 @@ std::optional<ifreq> ask_interface(unsigned long question) {
     return answered ? std::optional(data) : std::nullopt;
 }
 
-void bootloader_version_callback(int32_t argc, const message_bus_arg *args,
-                                 message_bus_request request) {
-    if (argc == 3 && args[2].type == MB_ARG_STRING) {
+void bootloader_version_callback(const message_bus_args &args, message_bus_request request) {
+    if (args.count() == 3 && args[2].type == MB_ARG_STRING) {
         message_bus_send_string_reply(std::move(request), args[2].string);
     } else {
         message_bus_send_no_reply(std::move(request));
     }
 }
 
-void disk_sleep_callback(int32_t argc, const message_bus_arg *args, message_bus_request request) {
-    if (argc == 1 && args[0].type == MB_ARG_BOOLEAN) {
+void disk_sleep_callback(const message_bus_args &args, message_bus_request request) {
+    if (args.are("b")) {
         message_bus_send_bool_reply(std::move(request), args[0].boolean());
     } else {
         message_bus_send_no_reply(std::move(request));

@@ -3,8 +3,6 @@
 // request themselves, some of them later.
 #pragma once
 
-#include <event2/event.h>
-
 #include <cstdint>
 
 #include "common/msg_bus/message_bus.h"
@@ -18,7 +16,7 @@ using datamodel_setter = bool (*)(const message_bus_arg &value, message_bus_requ
 using datamodel_indexed_setter = bool (*)(const message_bus_arg &value, message_bus_request request,
                                           uint32_t index, const char *key);
 // Runs after every SetValue of its row; false means failure.
-using datamodel_after_set = bool (*)(event_base *base);
+using datamodel_after_set = bool (*)();
 
 struct datamodel_handler {
     const char *name = nullptr;

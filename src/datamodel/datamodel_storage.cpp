@@ -7,7 +7,6 @@
 #include <utility>
 
 #include "common/json.h"
-#include "common/json_ptr.h"
 #include "common/logger.h"
 #include "disks/disks.h"
 
@@ -29,9 +28,9 @@ constexpr list_source partition_list = {removable_partitions_list,
                                         "removable_partitions_list wrong out arg"};
 
 // The array in a reply, or none, logged with `text_format`.
-json_ptr read_list(const list_source &source, const char *text_format, int32_t argc,
-                   const message_bus_arg *args) {
-    if (argc != 1 || args[0].type != MB_ARG_STRING) {
+json_ptr read_list(const list_source &source, const char *text_format,
+                   const message_bus_args &args) {
+    if (!args.are("s")) {
         LOG_ERROR(text_format, source.bad_reply);
         return nullptr;
     }
@@ -48,7 +47,7 @@ double number_of(const cJSON *record, const char *member) {
 }
 
 bool is_text(const cJSON *record, const char *member, std::string_view text) {
-    return text == nimbrelc_utils_get_json_text(record, member);
+    return text == json_text(record, member);
 }
 
 // --- Counts and summaries
@@ -84,9 +83,8 @@ constexpr counter usb_counter = {"usb_storage_devices_count_getter: %s",
 constexpr counter sd_counter = {"sd_card_present_getter: %s", "sd_card_present_getter: %d",
                                 device_list, is_sd_storage, MB_ARG_BOOLEAN};
 
-void answer_count(const counter &row, int32_t argc, const message_bus_arg *args,
-                  message_bus_request request) {
-    const json_ptr list = read_list(row.source, row.text_format, argc, args);
+void answer_count(const counter &row, const message_bus_args &args, message_bus_request request) {
+    const json_ptr list = read_list(row.source, row.text_format, args);
     if (!list) {
         message_bus_send_no_reply(std::move(request));
         return;
@@ -104,9 +102,9 @@ void answer_count(const counter &row, int32_t argc, const message_bus_arg *args,
 
 void get_count(const counter &row, message_bus_request request) {
     LOG_INFO(row.text_format, "start");
-    const bool asked = row.source.ask(
-        request, [&row](int32_t argc, const message_bus_arg *args, message_bus_request waiting) {
-            answer_count(row, argc, args, std::move(waiting));
+    const bool asked =
+        row.source.ask(request, [&row](const message_bus_args &args, message_bus_request waiting) {
+            answer_count(row, args, std::move(waiting));
         });
     if (!asked) {
         LOG_ERROR(row.text_format, row.source.not_asked);
@@ -151,10 +149,10 @@ void answer_object(const object_row &row, uint32_t index, const cJSON *devices,
 // The second question, once the devices are known.
 void ask_partitions(const object_row &row, uint32_t index, json_ptr devices,
                     message_bus_request request) {
-    const bool asked = partition_list.ask(
-        request, [&row, index, devices = std::move(devices)](
-                     int32_t argc, const message_bus_arg *args, message_bus_request waiting) {
-            const json_ptr partitions = read_list(partition_list, reading_format, argc, args);
+    const bool asked =
+        partition_list.ask(request, [&row, index, devices = std::move(devices)](
+                                        const message_bus_args &args, message_bus_request waiting) {
+            const json_ptr partitions = read_list(partition_list, reading_format, args);
             if (partitions) {
                 answer_object(row, index, devices.get(), partitions.get(), std::move(waiting));
             } else {
@@ -169,9 +167,8 @@ void ask_partitions(const object_row &row, uint32_t index, json_ptr devices,
 void get_object(const object_row &row, uint32_t index, message_bus_request request) {
     LOG_INFO(row.text_format, "start");
     const bool asked = device_list.ask(
-        request,
-        [&row, index](int32_t argc, const message_bus_arg *args, message_bus_request waiting) {
-            json_ptr devices = read_list(device_list, reading_format, argc, args);
+        request, [&row, index](const message_bus_args &args, message_bus_request waiting) {
+            json_ptr devices = read_list(device_list, reading_format, args);
             if (devices) {
                 ask_partitions(row, index, std::move(devices), std::move(waiting));
             } else {
@@ -191,7 +188,7 @@ void add_capacity(cJSON *object, const char *name, double number) {
 }
 
 std::optional<std::string> print_entry(const cJSON *entry, const char *text_format) {
-    std::optional<std::string> text = nimbrelc_utils_print_json_unformatted(entry);
+    std::optional<std::string> text = print_json_unformatted(entry);
     if (!text) {
         LOG_ERROR(text_format, "cannot print entry");
     }
@@ -280,7 +277,7 @@ std::optional<std::string> build_physical_medium(const cJSON *devices, const cJS
         return std::nullopt;
     }
     const cJSON *device = cJSON_GetArrayItem(devices, i);
-    const char *syspath = nimbrelc_utils_get_json_text(device, "syspath");
+    const char *syspath = json_text(device, "syspath");
     double capacity = 0;
     const cJSON *partition = nullptr;
     cJSON_ArrayForEach(partition, partitions) {
@@ -288,16 +285,14 @@ std::optional<std::string> build_physical_medium(const cJSON *devices, const cJS
             capacity += number_of(partition, "capacity");
         }
     }
-    const std::string name = std::string(nimbrelc_utils_get_json_text(device, "vendor")) + " " +
-                             nimbrelc_utils_get_json_text(device, "model");
+    const std::string name =
+        std::string(json_text(device, "vendor")) + " " + json_text(device, "model");
     const json_ptr entry(cJSON_CreateObject());
     cJSON_AddStringToObject(entry.get(), "Name", name.c_str());
-    cJSON_AddStringToObject(entry.get(), "Vendor", nimbrelc_utils_get_json_text(device, "vendor"));
-    cJSON_AddStringToObject(entry.get(), "Model", nimbrelc_utils_get_json_text(device, "model"));
-    cJSON_AddStringToObject(entry.get(), "SerialNumber",
-                            nimbrelc_utils_get_json_text(device, "serial"));
-    cJSON_AddStringToObject(entry.get(), "ConnectionType",
-                            nimbrelc_utils_get_json_text(device, "connection_type"));
+    cJSON_AddStringToObject(entry.get(), "Vendor", json_text(device, "vendor"));
+    cJSON_AddStringToObject(entry.get(), "Model", json_text(device, "model"));
+    cJSON_AddStringToObject(entry.get(), "SerialNumber", json_text(device, "serial"));
+    cJSON_AddStringToObject(entry.get(), "ConnectionType", json_text(device, "connection_type"));
     cJSON_AddTrueToObject(entry.get(), "Removable");
     cJSON_AddStringToObject(entry.get(), "Status", "Online");
     add_capacity(entry.get(), "Capacity", capacity);
@@ -311,7 +306,7 @@ std::optional<std::string> build_logical_volume(const cJSON *devices, const cJSO
         LOG_ERROR("logical_volume_getter: invalid index %d", static_cast<int32_t>(index - 1));
         return std::nullopt;
     }
-    const char *disk_syspath = nimbrelc_utils_get_json_text(partition, "disk_syspath");
+    const char *disk_syspath = json_text(partition, "disk_syspath");
     if (disk_syspath[0] == '\0') {
         LOG_ERROR(logical_volume.text_format, "undefined disk syspath");
         return std::nullopt;
@@ -325,13 +320,12 @@ std::optional<std::string> build_logical_volume(const cJSON *devices, const cJSO
     const std::string reference =
         "Device.StorageService.1.PhysicalMedium." + std::to_string(device) + ".";
     const json_ptr entry(cJSON_CreateObject());
-    cJSON_AddStringToObject(entry.get(), "Name", nimbrelc_utils_get_json_text(partition, "label"));
+    cJSON_AddStringToObject(entry.get(), "Name", json_text(partition, "label"));
     cJSON_AddStringToObject(entry.get(), "Status", "Online");
     cJSON_AddTrueToObject(entry.get(), "Enable");
     cJSON_AddStringToObject(entry.get(), "PhysicalReference", reference.c_str());
-    cJSON_AddStringToObject(
-        entry.get(), "FileSystem",
-        file_system_name(nimbrelc_utils_get_json_text(partition, "type")).c_str());
+    cJSON_AddStringToObject(entry.get(), "FileSystem",
+                            file_system_name(json_text(partition, "type")).c_str());
     add_capacity(entry.get(), "Capacity", capacity);
     add_capacity(entry.get(), "UsedSpace", capacity - number_of(partition, "free"));
     return print_entry(entry.get(), logical_volume.text_format);

@@ -7,7 +7,6 @@
 #include <vector>
 
 #include "common/json.h"
-#include "common/json_ptr.h"
 #include "common/logger.h"
 #include "common/msg_bus/message_bus.h"
 #include "disks/disks.h"
@@ -54,7 +53,7 @@ const char *storage_type(const cJSON *device) {
 // What is not plain is still printed by the library.
 
 void append_printed(std::string &json, json_ptr value) {
-    json += nimbrelc_utils_print_json_unformatted(value.get()).value_or("null");
+    json += print_json_unformatted(value.get()).value_or("null");
 }
 
 void append_text(std::string &json, std::string_view text) {
@@ -86,13 +85,13 @@ void append_number_field(std::string &json, const cJSON *record, const char *key
 void append_partition_entry(std::string &data, const cJSON *device, const cJSON *partition) {
     const bool mounted = disk_record_is_mounted(partition);
     data += data.empty() ? R"({"id":)" : R"(,{"id":)";
-    append_text(data, nimbrelc_utils_get_json_text(partition, mounted ? "uuid" : "syspath"));
+    append_text(data, json_text(partition, mounted ? "uuid" : "syspath"));
     data += R"(,"type":)";
     append_text(data, storage_type(device));
     data += R"(,"label":)";
-    append_text(data, nimbrelc_utils_get_json_text(partition, "label"));
+    append_text(data, json_text(partition, "label"));
     data += R"(,"fsType":)";
-    append_text(data, nimbrelc_utils_get_json_text(partition, "type"));
+    append_text(data, json_text(partition, "type"));
     if (!mounted) {
         data += R"(,"capacity":null,"freeSpace":null,"supported":false})";
         return;
@@ -107,10 +106,9 @@ void append_partition_entry(std::string &data, const cJSON *device, const cJSON 
 // kept: here the label comes first.
 void append_device_entry(std::string &data, const cJSON *device) {
     data += data.empty() ? R"({"label":)" : R"(,{"label":)";
-    append_text(data, std::string(nimbrelc_utils_get_json_text(device, "vendor")) + " " +
-                          nimbrelc_utils_get_json_text(device, "model"));
+    append_text(data, std::string(json_text(device, "vendor")) + " " + json_text(device, "model"));
     data += R"(,"id":)";
-    append_text(data, nimbrelc_utils_get_json_text(device, "syspath"));
+    append_text(data, json_text(device, "syspath"));
     data += R"(,"type":)";
     append_text(data, storage_type(device));
     data += R"(,"fsType":null,"capacity":null,"freeSpace":null,"supported":false})";
@@ -118,7 +116,7 @@ void append_device_entry(std::string &data, const cJSON *device) {
 
 void append_partition_entries(std::string &data, const cJSON *device,
                               const std::vector<partition_record> &partitions) {
-    const std::string_view syspath = nimbrelc_utils_get_json_text(device, "syspath");
+    const std::string_view syspath = json_text(device, "syspath");
     if (syspath.empty()) {
         LOG_WARN("Unidentified syspath for device");
         return;
@@ -136,12 +134,12 @@ json_ptr build_document(const cJSON *devices, const cJSON *partition_list) {
     std::vector<partition_record> partitions;
     const cJSON *partition = nullptr;
     cJSON_ArrayForEach(partition, partition_list) {
-        partitions.push_back({nimbrelc_utils_get_json_text(partition, "disk_syspath"), partition});
+        partitions.push_back({json_text(partition, "disk_syspath"), partition});
     }
     std::string data;
     const cJSON *device = nullptr;
     cJSON_ArrayForEach(device, devices) {
-        if (std::string_view(nimbrelc_utils_get_json_text(device, "device_type")) == "STORAGE") {
+        if (std::string_view(json_text(device, "device_type")) == "STORAGE") {
             append_partition_entries(data, device, partitions);
         } else {
             append_device_entry(data, device);
@@ -159,10 +157,9 @@ json_ptr convert_list(const char *text) {
     return cJSON_IsArray(list.get()) ? std::move(list) : nullptr;
 }
 
-void removable_partitions_list_callback(int32_t argc, const message_bus_arg *args,
-                                        message_bus_request request) {
+void removable_partitions_list_callback(const message_bus_args &args, message_bus_request request) {
     LOG_INFO("Partitions list received");
-    if (!message_bus_validate_params({}, argc, args, {MB_ARG_STRING})) {
+    if (!message_bus_validate_params({}, args, "s")) {
         LOG_WARN("Bad params passed to removable_partitions_list_callback");
         return;
     }
@@ -172,8 +169,8 @@ void removable_partitions_list_callback(int32_t argc, const message_bus_arg *arg
         LOG_ERROR("convert_ddm_respone_data_to_json failed");
         return;
     }
-    const auto text = nimbrelc_utils_print_json_unformatted(
-        build_document(cached_devices.get(), partitions.get()).get());
+    const auto text =
+        print_json_unformatted(build_document(cached_devices.get(), partitions.get()).get());
     if (!text) {
         LOG_ERROR("cJSON_PrintUnformatted failed");
         message_bus_send_string_reply(std::move(request), partitions_failed);
@@ -182,9 +179,8 @@ void removable_partitions_list_callback(int32_t argc, const message_bus_arg *arg
     message_bus_send_string_reply(std::move(request), text->c_str());
 }
 
-void removable_devices_list_callback(int32_t argc, const message_bus_arg *args,
-                                     message_bus_request request) {
-    if (!message_bus_validate_params({}, argc, args, {MB_ARG_STRING})) {
+void removable_devices_list_callback(const message_bus_args &args, message_bus_request request) {
+    if (!message_bus_validate_params({}, args, "s")) {
         LOG_WARN("Bad params passed to removable_devices_list_callback");
         return;
     }
@@ -199,15 +195,13 @@ void removable_devices_list_callback(int32_t argc, const message_bus_arg *args,
     }
 }
 
-void request_list_callback(int32_t /*argc*/, const message_bus_arg * /*args*/,
-                           message_bus_request request) {
+void request_list_callback(const message_bus_args & /*args*/, message_bus_request request) {
     if (!removable_devices_list(request, removable_devices_list_callback)) {
         message_bus_send_string_reply(std::move(request), executing_failed);
     }
 }
 
-void request_unmount_callback(int32_t /*argc*/, const message_bus_arg *args,
-                              message_bus_request request) {
+void request_unmount_callback(const message_bus_args &args, message_bus_request request) {
     if (!removable_devices_unmount_device(args[0].string)) {
         LOG_ERROR("removable_devices_unmount_device failed");
         return;
@@ -215,8 +209,7 @@ void request_unmount_callback(int32_t /*argc*/, const message_bus_arg *args,
     message_bus_send_string_reply(std::move(request), done_reply);
 }
 
-void request_rename_callback(int32_t /*argc*/, const message_bus_arg *args,
-                             message_bus_request request) {
+void request_rename_callback(const message_bus_args &args, message_bus_request request) {
     if (!removable_devices_change_label(args[0].string, args[1].string)) {
         LOG_ERROR("removable_devices_change_label failed");
         return;
@@ -224,20 +217,23 @@ void request_rename_callback(int32_t /*argc*/, const message_bus_arg *args,
     message_bus_send_string_reply(std::move(request), done_reply);
 }
 
-constexpr const char *object = "/ws/nas/devices";
-constexpr const char *interface = "com.kelvanto.nimbrel.nas.devices";
 constexpr message_bus_method methods[] = {
-    {object, interface, "list", request_list_callback},
-    {object, interface, "unmount", request_unmount_callback, "s",
-     "Bad params passed to request_unmount_callback"},
-    {object, interface, "rename", request_rename_callback, "ss",
-     "Bad params passed to request_rename_callback"},
+    {.member = "list", .handler = request_list_callback},
+    {.member = "unmount",
+     .handler = request_unmount_callback,
+     .args = "s",
+     .refusal_text = "Bad params passed to request_unmount_callback"},
+    {.member = "rename",
+     .handler = request_rename_callback,
+     .args = "ss",
+     .refusal_text = "Bad params passed to request_rename_callback"},
 };
 
 }  // namespace
 
-bool device_request_handler_start(event_base * /*base*/) {
-    if (!message_bus_add_methods(log_category, methods)) {
+bool device_request_handler_start() {
+    if (!message_bus_add_methods(log_category, "/ws/nas/devices",
+                                 "com.kelvanto.nimbrel.nas.devices", methods)) {
         LOG_ERROR("Failed to add a method listener");
         return false;
     }

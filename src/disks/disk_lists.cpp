@@ -11,7 +11,7 @@
 namespace {
 
 std::string text_of(const cJSON *record, const char *key) {
-    return nimbrelc_utils_get_json_text(record, key);
+    return json_text(record, key);
 }
 
 // Records in the order of their arrival, and found by their path without a walk.

@@ -3,7 +3,7 @@
 
 #include <cjson/cJSON.h>
 
-#include "common/json_ptr.h"
+#include "common/json.h"
 
 // Both lists empty, or none.
 void disk_lists_reset();

@@ -85,7 +85,7 @@ std::string convert_ddm_respone_data_to_json_str(std::string_view text) {
 }
 
 bool disk_record_is_mounted(const cJSON *partition) {
-    return *nimbrelc_utils_get_json_text(partition, "mount_point") != '\0';
+    return *json_text(partition, "mount_point") != '\0';
 }
 
 json_ptr convert_ddm_respone_data_to_json(const char *text) {

@@ -4,19 +4,18 @@
 #pragma once
 
 #include <cjson/cJSON.h>
-#include <event2/event.h>
 
-#include "common/json_ptr.h"
+#include "common/json.h"
 #include "common/msg_bus/message_bus.h"
 
 // Asks for both lists and listens to what changes. Fails when a listener cannot be registered or a
 // list cannot be asked for.
-bool removable_devices_manager_start(event_base *base);
+bool removable_devices_manager_start();
 bool removable_devices_manager_stop();
 
 // The web interface's view, object /ws/nas/devices: lists devices and partitions, asked afresh from
 // the disk daemon for every request, unmounts and renames partitions.
-bool device_request_handler_start(event_base *base);
+bool device_request_handler_start();
 bool device_request_handler_stop();
 
 // Replaces the one listener; each callback may be null. `list_received` runs after a partition list

@@ -5,7 +5,6 @@
 #include <utility>
 
 #include "common/json.h"
-#include "common/json_ptr.h"
 #include "common/logger.h"
 #include "disks/disk_lists.h"
 #include "disks/disks.h"
@@ -22,53 +21,36 @@ struct {
     removable_devices_callback disconnected = nullptr;
 } listener;
 
-// What is logged about one kind of message from the disk daemon.
-struct message_texts {
-    const char *bad_params;
+// What is logged about one kind of record.
+struct record_texts {
     const char *arrival;
     const char *not_convertible;
-    const char *empty_syspath;  // null for a list, which has no syspath of its own
+    const char *empty_syspath;
 };
 
-constexpr message_texts device_list = {
-    "Bad params passed to device_list_callback",
-    "Device list received",
-    "Cannot parse device list",
-    nullptr,
+constexpr record_texts partition_connected = {
+    .arrival = "Partition connected signal received",
+    .not_convertible = "Cannot parse partition connected",
+    .empty_syspath = "Syspath is empty",
 };
-constexpr message_texts partition_list = {
-    "Bad params passed to partition_list_callback",
-    "Partition list received",
-    "Cannot parse partition list",
-    nullptr,
+constexpr record_texts partition_disconnected = {
+    .arrival = "Partition disconnected signal received",
+    .not_convertible = "Cannot parse partition disconnected",
+    .empty_syspath = "Syspath is empty",
 };
-constexpr message_texts partition_connected = {
-    "Bad params passed to partition_connected_callback",
-    "Partition connected signal received",
-    "Cannot parse partition connected",
-    "Syspath is empty",
+constexpr record_texts device_attached = {
+    .arrival = "Device attached signal received",
+    .not_convertible = "Cannot parse device attached",
+    .empty_syspath = "Device syspath is empty",
 };
-constexpr message_texts partition_disconnected = {
-    "Bad params passed to partition_disconnected_callback",
-    "Partition disconnected signal received",
-    "Cannot parse partition disconnected",
-    "Syspath is empty",
-};
-constexpr message_texts device_attached = {
-    "Bad params passed to device_attached_callback",
-    "Device attached signal received",
-    "Cannot parse device attached",
-    "Device syspath is empty",
-};
-constexpr message_texts device_detached = {
-    "Bad params passed to device_detached_callback",
-    "Device detached signal received",
-    "Cannot parse device detached",
-    "Device syspath is empty",
+constexpr record_texts device_detached = {
+    .arrival = "Device detached signal received",
+    .not_convertible = "Cannot parse device detached",
+    .empty_syspath = "Device syspath is empty",
 };
 
 bool field_is(const cJSON *record, const char *key, const char *value) {
-    return strcmp(nimbrelc_utils_get_json_text(record, key), value) == 0;
+    return strcmp(json_text(record, key), value) == 0;
 }
 
 void notify(removable_devices_callback callback) {
@@ -77,28 +59,42 @@ void notify(removable_devices_callback callback) {
     }
 }
 
-// The list, or the record with a syspath, that the message carries; otherwise logs why there is
-// none.
-json_ptr take_message(int32_t argc, const message_bus_arg *args, const message_texts &texts) {
-    if (!message_bus_validate_params({}, argc, args, {MB_ARG_STRING})) {
+// The record with a syspath that a signal carries; otherwise logs why there is none.
+json_ptr take_record(const message_bus_args &args, const record_texts &texts) {
+    LOG_INFO("%s", texts.arrival);
+    json_ptr record = convert_ddm_respone_data_to_json(args[0].string);
+    if (!record) {
+        LOG_ERROR("%s", texts.not_convertible);
+        LOG_ERROR("%s", args[0].string);
+        return nullptr;
+    }
+    if (*json_text(record.get(), "syspath") == '\0') {
+        LOG_ERROR("%s", texts.empty_syspath);
+        return nullptr;
+    }
+    return record;
+}
+
+// What is logged about a list.
+struct list_texts {
+    const char *bad_params;
+    const char *arrival;
+    const char *not_convertible;
+};
+
+// The list that a reply carries; otherwise logs why there is none.
+json_ptr take_list(const message_bus_args &args, const list_texts &texts) {
+    if (!message_bus_validate_params({}, args, "s")) {
         LOG_WARN("%s", texts.bad_params);
         return nullptr;
     }
     LOG_INFO("%s", texts.arrival);
-    json_ptr value = convert_ddm_respone_data_to_json(args[0].string);
-    const bool is_list = texts.empty_syspath == nullptr;
-    if (!value || (is_list && !cJSON_IsArray(value.get()))) {
+    json_ptr list = convert_ddm_respone_data_to_json(args[0].string);
+    if (!cJSON_IsArray(list.get())) {
         LOG_ERROR("%s", texts.not_convertible);
-        if (!is_list) {
-            LOG_ERROR("%s", args[0].string);
-        }
         return nullptr;
     }
-    if (!is_list && *nimbrelc_utils_get_json_text(value.get(), "syspath") == '\0') {
-        LOG_ERROR("%s", texts.empty_syspath);
-        return nullptr;
-    }
-    return value;
+    return list;
 }
 
 // Shows what became of a disk; connection types without a row are not shown.
@@ -113,8 +109,8 @@ void show_disk_event(const cJSON *device, bool mounted) {
     };
     for (const auto &row : rows) {
         if (field_is(device, "connection_type", row.connection_type)) {
-            lcd_show_event(nimbrelc_utils_get_json_text(device, "syspath"),
-                           mounted ? row.mounted : row.unsupported, false);
+            lcd_show_event(json_text(device, "syspath"), mounted ? row.mounted : row.unsupported,
+                           false);
         }
     }
 }
@@ -133,25 +129,32 @@ void show_disk_when_complete(const char *disk_syspath) {
 }
 
 // What signals brought before a list reply arrives is lost on purpose: the list replaces it.
-void device_list_callback(int32_t argc, const message_bus_arg *args) {
-    if (json_ptr list = take_message(argc, args, device_list); list) {
+void device_list_callback(const message_bus_args &args) {
+    if (json_ptr list = take_list(args, {.bad_params = "Bad params passed to device_list_callback",
+                                         .arrival = "Device list received",
+                                         .not_convertible = "Cannot parse device list"});
+        list) {
         disk_lists_set_devices(std::move(list));
     }
 }
 
-void partition_list_callback(int32_t argc, const message_bus_arg *args) {
-    if (json_ptr list = take_message(argc, args, partition_list); list) {
+void partition_list_callback(const message_bus_args &args) {
+    if (json_ptr list =
+            take_list(args, {.bad_params = "Bad params passed to partition_list_callback",
+                             .arrival = "Partition list received",
+                             .not_convertible = "Cannot parse partition list"});
+        list) {
         disk_lists_set_partitions(std::move(list));
         notify(listener.list_received);
     }
 }
 
-void partition_connected_callback(int32_t argc, const message_bus_arg *args) {
-    json_ptr record = take_message(argc, args, partition_connected);
+void partition_connected_callback(const message_bus_args &args) {
+    json_ptr record = take_record(args, partition_connected);
     if (!record) {
         return;
     }
-    const std::string disk_syspath = nimbrelc_utils_get_json_text(record.get(), "disk_syspath");
+    const std::string disk_syspath = json_text(record.get(), "disk_syspath");
     disk_lists_add_partition(std::move(record));
     notify(listener.connected);
     if (!disk_syspath.empty()) {
@@ -159,17 +162,17 @@ void partition_connected_callback(int32_t argc, const message_bus_arg *args) {
     }
 }
 
-void partition_disconnected_callback(int32_t argc, const message_bus_arg *args) {
-    const json_ptr record = take_message(argc, args, partition_disconnected);
+void partition_disconnected_callback(const message_bus_args &args) {
+    const json_ptr record = take_record(args, partition_disconnected);
     if (!record) {
         return;
     }
-    disk_lists_remove_partition(nimbrelc_utils_get_json_text(record.get(), "syspath"));
+    disk_lists_remove_partition(json_text(record.get(), "syspath"));
     notify(listener.disconnected);
 }
 
-void device_attached_callback(int32_t argc, const message_bus_arg *args) {
-    json_ptr record = take_message(argc, args, device_attached);
+void device_attached_callback(const message_bus_args &args) {
+    json_ptr record = take_record(args, device_attached);
     if (!record) {
         return;
     }
@@ -177,19 +180,18 @@ void device_attached_callback(int32_t argc, const message_bus_arg *args) {
     disk_lists_add_device(std::move(record));
     // Storage disks get their message when their partitions are in.
     if (field_is(device, "device_type", "LTE")) {
-        lcd_show_event(nimbrelc_utils_get_json_text(device, "syspath"),
-                       LCD_EVENT_STICK_IN_WRONG_PORT, true);
+        lcd_show_event(json_text(device, "syspath"), LCD_EVENT_STICK_IN_WRONG_PORT, true);
     } else if (field_is(device, "device_type", "UNRECOGNIZED")) {
         show_disk_event(device, false);
     }
 }
 
-void device_detached_callback(int32_t argc, const message_bus_arg *args) {
-    const json_ptr record = take_message(argc, args, device_detached);
+void device_detached_callback(const message_bus_args &args) {
+    const json_ptr record = take_record(args, device_detached);
     if (!record) {
         return;
     }
-    const char *syspath = nimbrelc_utils_get_json_text(record.get(), "syspath");
+    const char *syspath = json_text(record.get(), "syspath");
     disk_lists_remove_device(syspath);
     // kept: the message of a storage disk stays on the display.
     if (!field_is(record.get(), "device_type", "STORAGE")) {
@@ -197,14 +199,23 @@ void device_detached_callback(int32_t argc, const message_bus_arg *args) {
     }
 }
 
-constexpr struct {
-    const char *member;
-    message_bus_signal_handler handler;
-} signals[] = {
-    {"PartitionConnected", partition_connected_callback},
-    {"PartitionDisconnected", partition_disconnected_callback},
-    {"DeviceAttached", device_attached_callback},
-    {"DeviceDetached", device_detached_callback},
+constexpr message_bus_signal signals[] = {
+    {.member = "PartitionConnected",
+     .handler = partition_connected_callback,
+     .args = "s",
+     .refusal_text = "Bad params passed to partition_connected_callback"},
+    {.member = "PartitionDisconnected",
+     .handler = partition_disconnected_callback,
+     .args = "s",
+     .refusal_text = "Bad params passed to partition_disconnected_callback"},
+    {.member = "DeviceAttached",
+     .handler = device_attached_callback,
+     .args = "s",
+     .refusal_text = "Bad params passed to device_attached_callback"},
+    {.member = "DeviceDetached",
+     .handler = device_detached_callback,
+     .args = "s",
+     .refusal_text = "Bad params passed to device_detached_callback"},
 };
 
 bool ask_for_list(const char *method, message_bus_reply_ctx_cb reply) {
@@ -218,13 +229,11 @@ bool ask_for_list(const char *method, message_bus_request &request, message_bus_
 
 }  // namespace
 
-bool removable_devices_manager_start(event_base * /*base*/) {
+bool removable_devices_manager_start() {
     LOG_INFO("Adding listeners for devices and partitions");
-    for (const auto &signal : signals) {
-        if (!message_bus_add_signal_listener(ddm, signal.member, signal.handler)) {
-            LOG_ERROR("Failed to add a signal listener");
-            return false;
-        }
+    if (!message_bus_add_signals(log_category, ddm, signals)) {
+        LOG_ERROR("Failed to add a signal listener");
+        return false;
     }
     LOG_INFO("Calling devices list method on startup");
     if (!removable_devices_list(device_list_callback)) {

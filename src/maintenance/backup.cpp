@@ -3,7 +3,7 @@
 #include <cerrno>
 #include <cstring>
 
-#include <openssl/crypto.h>
+#include <event2/event.h>
 #include <openssl/evp.h>
 
 #include "common/files.h"
@@ -11,6 +11,7 @@
 #include "common/logger.h"
 #include "common/msg_bus/message_bus.h"
 #include "common/secrets.h"
+#include "common/timer.h"
 #include "config/config.h"
 #include "config/stored_secrets.h"
 #include "maintenance/maintenance.h"
@@ -35,10 +36,7 @@ const std::array<const char *, 13> FIELDS_TO_BACKUP = {
 namespace {
 
 constexpr const char *log_category = "backup";
-constexpr int key_size = 16;
 constexpr timeval restart_delay = {.tv_sec = 3, .tv_usec = 0};
-
-event_base *loop = nullptr;
 
 // A secret of the VPN: stored encrypted, backed up in plain text beside it.
 struct vpn_secret {
@@ -90,25 +88,14 @@ std::string plain_vpn_secret(cJSON *root, const vpn_secret &secret) {
 }
 
 std::optional<std::string> apply_cipher(cipher_direction direction, std::string_view data) {
-    std::array<unsigned char, EVP_MAX_KEY_LENGTH> key = {};
-    const int size = EVP_BytesToKey(EVP_aes_128_ecb(), EVP_sha1(), nullptr,
-                                    reinterpret_cast<const unsigned char *>(PASS), PASS_LEN, 1,
-                                    key.data(), nullptr);
-    std::optional<std::string> result;
-    if (size != key_size) {
-        LOG_ERROR("Incorrect key size: %d", size);
-    } else {
-        result = nimbrelc_utils_run_cipher(log_category, direction, EVP_aes_128_ecb(), key.data(),
-                                           nullptr, data);
-    }
-    OPENSSL_cleanse(key.data(), key.size());
-    return result;
+    return run_cipher(
+        log_category, direction,
+        {.cipher = EVP_aes_128_ecb(), .passphrase = {PASS, PASS_LEN}, .iterations = 1}, data);
 }
 
 // What restores one secret of a backup that has it in plain text only.
 void replace_secret(cJSON *root, const char *path, const std::optional<std::string> &encrypted) {
-    nimbrelc_utils_replace_json_object(
-        root, path, json_ptr(cJSON_CreateString(encrypted.value_or("").c_str())));
+    json_replace(root, path, json_ptr(cJSON_CreateString(encrypted.value_or("").c_str())));
 }
 
 void restore_plain_storage_password(cJSON *root, const cJSON *values) {
@@ -145,22 +132,15 @@ void restore_plain_vpn_secret(cJSON *root, const cJSON *values, const vpn_secret
     replace_secret(root, secret.stored.path, encrypted);
 }
 
-void restore_value(json_index &root, const cJSON *member) {
-    const cJSON *field = root.find(member->string);
-    if (field == nullptr) {
+void restore_value(cJSON *root, const cJSON *member) {
+    if (nimbrelc_utils_get_json_object(root, member->string, nullptr) == nullptr) {
         LOG_WARN("No field %s in nimbrelc configuration", member->string);
-        return;
-    }
-    // One value never replaces a section or a list, which are many settings.
-    if (cJSON_IsObject(field) || cJSON_IsArray(field)) {
-        return;
-    }
-    if (json_ptr value = copy_value(member)) {
-        root.replace(member->string, std::move(value));
+    } else if (json_ptr value = copy_value(member)) {
+        json_replace(root, member->string, std::move(value));
     }
 }
 
-void store_callback(int32_t /*argc*/, const message_bus_arg *args, message_bus_request request) {
+void store_callback(const message_bus_args &args, message_bus_request request) {
     const json_ptr document = backup_create(get_config_root());
     if (!document) {
         LOG_ERROR("Failed to create backup");
@@ -172,14 +152,13 @@ void store_callback(int32_t /*argc*/, const message_bus_arg *args, message_bus_r
 
 bool restore_from(const char *path) {
     const json_ptr document = backup_load(path);
-    if (!document ||
-        !nimbrelc_config_has_room_for(nimbrelc_utils_print_json(document.get()).value_or(""))) {
+    if (!document || !nimbrelc_config_has_room_for(print_json(document.get()).value_or(""))) {
         LOG_ERROR("Failed to load backup from file:");
         return false;
     }
     if (!backup_restore(get_config_root(), document.get())) {
         LOG_ERROR("Failed to restore from the backup");
-        if (event_base_loopbreak(loop) != 0) {
+        if (event_base_loopbreak(timer_loop()) != 0) {
             LOG_ERROR("event_base_loopbreak failed");
         }
         return false;
@@ -190,24 +169,29 @@ bool restore_from(const char *path) {
         LOG_INFO("Nimbrelc backup has been successfully restored");
     }
     // kept: the restart comes, and the answer is true, even when the save failed.
-    if (event_base_loopexit(loop, &restart_delay) != 0) {
+    if (event_base_loopexit(timer_loop(), &restart_delay) != 0) {
         LOG_ERROR("event_base_loopexit failed");
     }
     return true;
 }
 
-void restore_callback(int32_t /*argc*/, const message_bus_arg *args, message_bus_request request) {
+void restore_callback(const message_bus_args &args, message_bus_request request) {
     const bool restored = restore_from(args[0].string);
     message_bus_send_bool_reply(std::move(request), restored);
 }
 
-constexpr const char *object = "/backup";
-constexpr const char *interface = "com.kelvanto.nimbrel.backup";
 constexpr message_bus_method methods[] = {
-    {object, interface, "store", store_callback, "s", "Bad params passed to store_callback",
-     message_bus_refusal::silence, "Storing backup requested"},
-    {object, interface, "restore", restore_callback, "s", "Bad params passed to restore_callback",
-     message_bus_refusal::false_reply, "Restoring backup requested"},
+    {.member = "store",
+     .handler = store_callback,
+     .args = "s",
+     .refusal_text = "Bad params passed to store_callback",
+     .arrival_text = "Storing backup requested"},
+    {.member = "restore",
+     .handler = restore_callback,
+     .args = "s",
+     .refusal_text = "Bad params passed to restore_callback",
+     .refusal = message_bus_refusal::false_reply,
+     .arrival_text = "Restoring backup requested"},
 };
 
 }  // namespace
@@ -237,7 +221,7 @@ json_ptr backup_create(cJSON *root) {
 }
 
 bool backup_save(const char *path, const cJSON *document) {
-    const std::optional<std::string> text = nimbrelc_utils_print_json(document);
+    const std::optional<std::string> text = print_json(document);
     if (!text) {
         LOG_ERROR("Error printing nimbrelc backup config");
         return false;
@@ -286,10 +270,9 @@ bool backup_restore(cJSON *root, const cJSON *document) {
         LOG_ERROR("Bad backup file format");
         return false;
     }
-    json_index settings(root);
     const cJSON *member = nullptr;
     cJSON_ArrayForEach(member, values) {
-        restore_value(settings, member);
+        restore_value(root, member);
     }
     restore_plain_storage_password(root, values);
     for (const vpn_secret &secret : vpn_secrets) {
@@ -298,9 +281,8 @@ bool backup_restore(cJSON *root, const cJSON *document) {
     return true;
 }
 
-bool backup_start(event_base *base) {
-    loop = base;
-    if (!message_bus_add_methods(log_category, methods)) {
+bool backup_start() {
+    if (!message_bus_add_methods(log_category, "/backup", "com.kelvanto.nimbrel.backup", methods)) {
         LOG_ERROR("Failed to add method listener");
         return false;
     }

@@ -12,7 +12,7 @@
 #include <string>
 #include <string_view>
 
-#include "common/json_ptr.h"
+#include "common/json.h"
 
 // Dotted paths of the configuration that are copied as they are, in the order of the document.
 extern const std::array<const char *, 13> FIELDS_TO_BACKUP;
@@ -33,6 +33,6 @@ std::optional<std::string> backup_decrypt(std::string_view data);
 json_ptr backup_load(const char *path);
 
 // Writes the document's values into the configuration; false, with nothing changed, when the
-// document is no backup. Members that are lists or objects, and paths that are no single value, are
-// skipped.
+// document is no backup. Members that are lists or objects are skipped; any other takes the place
+// of what its path finds, a whole section too.
 bool backup_restore(cJSON *root, const cJSON *document);

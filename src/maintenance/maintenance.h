@@ -2,30 +2,28 @@
 // crashed processes, and the upgrade policy.
 #pragma once
 
-#include <event2/event.h>
-
 #include <cstdint>
 
 #include "common/msg_bus/message_bus.h"
 
 // Serves storing and restoring of backups; `base` is the loop that a restore ends. False when a
 // method cannot be served; stopping is always true.
-bool backup_start(event_base *base);
+bool backup_start();
 bool backup_stop();
 
 // Serves the method that reports a crash and resets the record of another firmware version. Fails
 // only when the method cannot be served.
-bool segfault_start(event_base *base);
+bool segfault_start();
 bool segfault_stop();
 
 // Serves the firmware-upgrade component's questions about the upgrade policy; false when one of
 // them cannot be served. Stopping is always true.
-bool upgrade_config_start(event_base *base);
+bool upgrade_config_start();
 bool upgrade_config_stop();
 
 // Applies the configuration's section "syslog"; the log service is restarted only when its options
 // change. False (logged) on bad values, or when saving, writing or restarting fails.
-bool syslog_utils_configure(event_base *base);
+bool syslog_utils_configure();
 
 // Data model rows; each answers its request. The number of crash slots counts empty ones too; slots
 // are numbered from 1, and one that does not exist gives an empty reply.

@@ -7,7 +7,6 @@
 
 #include "common/dates.h"
 #include "common/json.h"
-#include "common/json_ptr.h"
 #include "common/logger.h"
 #include "common/timer.h"
 #include "config/config.h"
@@ -24,26 +23,18 @@ cJSON *get_dumps() {
 }
 
 cJSON *get_record() {
-    return nimbrelc_utils_get_json_section(get_config_root(), "segfault");
+    return json_section(get_config_root(), "segfault");
 }
 
-// Also where the member is missing: without the version the record would be reset at every start.
-void set_member(cJSON *object, const char *name, json_ptr value) {
-    if (cJSON_HasObjectItem(object, name)) {
-        nimbrelc_utils_replace_json_object(object, name, std::move(value));
-    } else if (cJSON_IsObject(object)) {
-        cJSON_AddItemToObject(object, name, value.release());
-    }
-}
-
+// Also where a member is missing: without the version the record would be reset at every start.
 void reset_record(const char *software_version) {
-    set_member(get_record(), "count", json_ptr(cJSON_CreateNumber(0)));
-    set_member(get_record(), "lastTimestamp", json_ptr(cJSON_CreateNull()));
-    set_member(get_record(), "firmwareVersion", json_ptr(cJSON_CreateString(software_version)));
+    json_set(get_record(), "count", json_ptr(cJSON_CreateNumber(0)));
+    json_set(get_record(), "lastTimestamp", json_ptr(cJSON_CreateNull()));
+    json_set(get_record(), "firmwareVersion", json_ptr(cJSON_CreateString(software_version)));
     cJSON *slot = nullptr;
     cJSON_ArrayForEach(slot, get_dumps()) {
-        set_member(slot, "time", json_ptr(cJSON_CreateNull()));
-        set_member(slot, "processName", json_ptr(cJSON_CreateNull()));
+        json_set(slot, "time", json_ptr(cJSON_CreateNull()));
+        json_set(slot, "processName", json_ptr(cJSON_CreateNull()));
     }
 }
 
@@ -73,13 +64,13 @@ void add_dump(const char *process_name) {
     push_dump(stamp->c_str(), process_name);
     const double count = nimbrelc_utils_zero_if_null(get_config_item("segfault.count"));
     set_config_item("segfault.count", json_ptr(cJSON_CreateNumber(count + 1)));
-    set_member(get_record(), "lastTimestamp", json_ptr(cJSON_CreateString(stamp->c_str())));
+    json_set(get_record(), "lastTimestamp", json_ptr(cJSON_CreateString(stamp->c_str())));
     nimbrelc_config_save();
 }
 
-void add_dump_callback(int32_t argc, const message_bus_arg *args, message_bus_request request) {
+void add_dump_callback(const message_bus_args &args, message_bus_request request) {
     // kept: checked here, for what is refused is an error without a reason.
-    if (argc == 1 && args[0].type == MB_ARG_STRING) {
+    if (args.are("s")) {
         add_dump(args[0].string);
     } else {
         LOG_ERROR("add_dump_callback wrong out arg");
@@ -88,13 +79,14 @@ void add_dump_callback(int32_t argc, const message_bus_arg *args, message_bus_re
 }
 
 constexpr message_bus_method methods[] = {
-    {"/debug/segfault", "com.kelvanto.nimbrel.debug.segfault", "AddDump", add_dump_callback},
+    {.member = "AddDump", .handler = add_dump_callback},
 };
 
 }  // namespace
 
-bool segfault_start(event_base * /*base*/) {
-    if (!message_bus_add_methods(log_category, methods)) {
+bool segfault_start() {
+    if (!message_bus_add_methods(log_category, "/debug/segfault",
+                                 "com.kelvanto.nimbrel.debug.segfault", methods)) {
         LOG_ERROR("message_bus_add_method_listener failed");
         return false;
     }
@@ -133,7 +125,7 @@ void segfault_dump_getter(message_bus_request request, uint32_t index, const cha
     };
     copy_text("Time", "time");
     copy_text("ProcessName", "processName");
-    const std::optional<std::string> text = nimbrelc_utils_print_json_unformatted(entry.get());
+    const std::optional<std::string> text = print_json_unformatted(entry.get());
     if (!text) {
         LOG_ERROR("segfault_dump_getter: cannot print entry");
         message_bus_send_no_reply(std::move(request));

@@ -15,7 +15,6 @@
 #include "common/dates.h"
 #include "common/files.h"
 #include "common/json.h"
-#include "common/json_ptr.h"
 #include "common/logger.h"
 #include "common/msg_bus/message_bus.h"
 #include "common/timer.h"
@@ -150,10 +149,10 @@ int timer_seconds(int64_t seconds) {
 }
 
 // kept: an earlier timer is forgotten, not cancelled; it still fires.
-bool start_stop_timer(event_base *base, int seconds) {
+bool start_stop_timer(int seconds) {
     LOG_INFO("Starting timer to stop persistent logging in %d sec.", seconds);
     stop_timer &timer = stop_timers.emplace_back();
-    timer.handle = timer_new(base, [&timer] { stop_persistent_logging(&timer); });
+    timer.handle = timer_new([&timer] { stop_persistent_logging(&timer); });
     if (timer.handle == nullptr) {
         LOG_ERROR("evtimer_new failed");
         stop_timers.pop_back();
@@ -168,18 +167,18 @@ bool start_stop_timer(event_base *base, int seconds) {
     return true;
 }
 
-bool start_period(event_base *base, int64_t duration) {
+bool start_period(int64_t duration) {
     const auto now = print_datetime(timer_now());
     if (!now) {
         LOG_ERROR("strftime failed: %d %s", 4, strerror(errno));  // kept: no error number
         return false;
     }
     set_config_text(activation_date_path, now->c_str());
-    return nimbrelc_config_save() && start_stop_timer(base, timer_seconds(duration));
+    return nimbrelc_config_save() && start_stop_timer(timer_seconds(duration));
 }
 
 // kept: whether summer time applies is taken from today, not from the stored date.
-bool continue_period(event_base *base, int64_t duration) {
+bool continue_period(int64_t duration) {
     const time_t now = timer_now();
     const auto date = parse_datetime_as_of(get_config_text(activation_date_path), now);
     if (!date) {
@@ -197,33 +196,30 @@ bool continue_period(event_base *base, int64_t duration) {
     }
     const int seconds = timer_seconds(remaining);
     LOG_INFO("Continuing persistent logging for next %d sec", seconds);
-    return start_stop_timer(base, seconds);
+    return start_stop_timer(seconds);
 }
 
-bool setup_persistent_logging(event_base *base) {
+bool setup_persistent_logging() {
     if (!is_persistent()) {
         return clear_persistent_state();
     }
     const int64_t duration = int64_t{get_config_number(activation_duration_path)} * 60;
-    return is_activation_date_set() ? continue_period(base, duration)
-                                    : start_period(base, duration);
+    return is_activation_date_set() ? continue_period(duration) : start_period(duration);
 }
 
-void get_current_log_path_callback(int32_t /*argc*/, const message_bus_arg * /*args*/,
-                                   message_bus_request request) {
+void get_current_log_path_callback(const message_bus_args & /*args*/, message_bus_request request) {
     const char *path = log_directory();
     LOG_INFO("Returning current log path: %s", path);
     message_bus_send_string_reply(std::move(request), path);
 }
 
 constexpr message_bus_method methods[] = {
-    {"/com/kelvanto/nimbrel", "com.kelvanto.nimbrel.syslog", "GetCurrentLogPath",
-     get_current_log_path_callback},
+    {.member = "GetCurrentLogPath", .handler = get_current_log_path_callback},
 };
 
 }  // namespace
 
-bool syslog_utils_configure(event_base *base) {
+bool syslog_utils_configure() {
     if (!std::all_of(std::begin(required_paths), std::end(required_paths), get_config_item)) {
         LOG_ERROR("Bad configuration. One of the fields is not present");
         return false;
@@ -234,7 +230,7 @@ bool syslog_utils_configure(event_base *base) {
         LOG_ERROR("Bad configuration. Some fields have bad values.");
         return false;
     }
-    if (!setup_persistent_logging(base)) {
+    if (!setup_persistent_logging()) {
         LOG_ERROR("Failed to setup persistent logging");
         return false;
     }
@@ -242,7 +238,8 @@ bool syslog_utils_configure(event_base *base) {
         LOG_ERROR("Failed to reconfigure syslogd-log");
         return false;
     }
-    if (!message_bus_add_methods(log_category, methods)) {
+    if (!message_bus_add_methods(log_category, "/com/kelvanto/nimbrel",
+                                 "com.kelvanto.nimbrel.syslog", methods)) {
         LOG_WARN("Failed to registed GetCurrentLogPath dbus method handler");
         return false;
     }

@@ -15,34 +15,31 @@ void reply_flag(const char *path, message_bus_request request) {
     message_bus_send_bool_reply(std::move(request), get_config_flag(path));
 }
 
-void validation_enabled_callback(int32_t /*argc*/, const message_bus_arg * /*args*/,
-                                 message_bus_request request) {
+void validation_enabled_callback(const message_bus_args & /*args*/, message_bus_request request) {
     reply_flag("upgradeConfig.firmwareValidationEnabled", std::move(request));
 }
 
-void development_builds_allowed_callback(int32_t /*argc*/, const message_bus_arg * /*args*/,
+void development_builds_allowed_callback(const message_bus_args & /*args*/,
                                          message_bus_request request) {
     reply_flag("upgradeConfig.developmentBuildsAllowed", std::move(request));
 }
 
-void minimum_version_callback(int32_t /*argc*/, const message_bus_arg * /*args*/,
-                              message_bus_request request) {
+void minimum_version_callback(const message_bus_args & /*args*/, message_bus_request request) {
     message_bus_send_string_reply(std::move(request),
                                   get_config_text("upgradeConfig.minimumFirmwareVersion"));
 }
 
-constexpr const char *object = "/signature";
-constexpr const char *interface = "com.kelvanto.firmware.upgrade";
 constexpr message_bus_method methods[] = {
-    {object, interface, "ValidationEnabled", validation_enabled_callback},
-    {object, interface, "DevelopmentBuildsAllowed", development_builds_allowed_callback},
-    {object, interface, "MinimumVersion", minimum_version_callback},
+    {.member = "ValidationEnabled", .handler = validation_enabled_callback},
+    {.member = "DevelopmentBuildsAllowed", .handler = development_builds_allowed_callback},
+    {.member = "MinimumVersion", .handler = minimum_version_callback},
 };
 
 }  // namespace
 
-bool upgrade_config_start(event_base * /*base*/) {
-    if (!message_bus_add_methods(log_category, methods)) {
+bool upgrade_config_start() {
+    if (!message_bus_add_methods(log_category, "/signature", "com.kelvanto.firmware.upgrade",
+                                 methods)) {
         LOG_ERROR("message_bus_add_method_listener failed");
         return false;
     }

@@ -27,7 +27,7 @@ constexpr datetime_field datetime_fields[] = {
 }  // namespace
 
 void convert_datetime_field_to_valid_format(cJSON *root, const char *section, const char *name) {
-    cJSON *parent = nimbrelc_utils_get_json_section(root, section);
+    cJSON *parent = json_section(root, section);
     const cJSON *member = cJSON_GetObjectItem(parent, name);
     if (nimbrelc_utils_json_is_null_or_empty(member)) {
         return;
@@ -37,8 +37,8 @@ void convert_datetime_field_to_valid_format(cJSON *root, const char *section, co
         text.back() = 'Z';
     }
     const bool valid = parse_datetime(text.c_str()) != -1;
-    nimbrelc_utils_replace_json_object(
-        parent, name, json_ptr(valid ? cJSON_CreateString(text.c_str()) : cJSON_CreateNull()));
+    json_replace(parent, name,
+                 json_ptr(valid ? cJSON_CreateString(text.c_str()) : cJSON_CreateNull()));
 }
 
 void convert_datetime_fields_to_valid_format(cJSON *root) {
@@ -50,7 +50,7 @@ void convert_datetime_fields_to_valid_format(cJSON *root) {
 }
 
 void reset_segfault_section(cJSON *root) {
-    cJSON *segfault = nimbrelc_utils_get_json_section(root, "segfault");
+    cJSON *segfault = json_section(root, "segfault");
     if (segfault == nullptr) {
         return;
     }
@@ -58,8 +58,8 @@ void reset_segfault_section(cJSON *root) {
     if (count != nullptr) {
         cJSON_SetNumberValue(count, 0);
     }
-    nimbrelc_utils_replace_json_object(segfault, "lastTimestamp", json_ptr(cJSON_CreateNull()));
-    nimbrelc_utils_replace_json_object(segfault, "firmwareVersion", json_ptr(cJSON_CreateNull()));
+    json_replace(segfault, "lastTimestamp", json_ptr(cJSON_CreateNull()));
+    json_replace(segfault, "firmwareVersion", json_ptr(cJSON_CreateNull()));
 }
 
 bool kq3_upgrade_from_08_04_99_to_08_05_01(cJSON *root) {

@@ -40,8 +40,8 @@ void migrate_encrypted_field(cJSON *object, const char *legacy_key, const char *
 
 bool kq3_upgrade_from_08_05_08_to_08_05_09(cJSON *root) {
     LOG_INFO("Upgrading from %s to %s", "08.05.08", "08.05.09");
-    cJSON *storage = nimbrelc_utils_get_json_section(root, "storage");
-    cJSON *vpn = nimbrelc_utils_get_json_section(root, "vpn");
+    cJSON *storage = json_section(root, "storage");
+    cJSON *vpn = json_section(root, "vpn");
     migrate_encrypted_field(storage, "password_legacy", "password3", "password4",
                             stored_storage_password.passphrase);
     migrate_encrypted_field(vpn, "password_legacy", "password3", "password4",

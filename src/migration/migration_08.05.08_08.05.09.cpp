@@ -31,7 +31,7 @@ void reencrypt_password(cJSON *storage) {
 
 bool upgrade_from_08_05_08_to_08_05_09(cJSON *root) {
     LOG_INFO("Upgrading from %s to %s", "08.05.08", "08.05.09");
-    cJSON *storage = nimbrelc_utils_get_json_section(root, "storage");
+    cJSON *storage = json_section(root, "storage");
     if (storage == nullptr) {
         return true;
     }

@@ -3,9 +3,7 @@
 #include <cstring>
 
 #include <algorithm>
-#include <array>
 
-#include <openssl/crypto.h>
 #include <openssl/evp.h>
 
 #include "common/json.h"
@@ -20,34 +18,19 @@ constexpr const char *log_category = "migration_utils";
 constexpr size_t salt_size = 8;
 constexpr size_t iv_size = 16;
 constexpr size_t header_size = salt_size + iv_size;
-constexpr int key_size = 32;
 constexpr int iterations = 1000;
-
-const unsigned char *bytes_of(std::string_view text) {
-    return reinterpret_cast<const unsigned char *>(text.data());
-}
 
 std::optional<std::string> decrypt_blob(std::string_view blob, std::string_view passphrase) {
     // A blob without a whole header leaves nothing to decrypt, which fails as cut cipher text does.
     std::string header(blob.substr(0, header_size));
     header.resize(header_size);
-    const std::string_view salt = std::string_view(header).substr(0, salt_size);
-    const std::string_view iv = std::string_view(header).substr(salt_size);
-    std::array<unsigned char, EVP_MAX_KEY_LENGTH> key = {};
-    std::array<unsigned char, EVP_MAX_IV_LENGTH> unused_iv = {};
-    const int size = EVP_BytesToKey(EVP_aes_256_cbc(), EVP_sha1(), bytes_of(salt),
-                                    bytes_of(passphrase), static_cast<int>(passphrase.size()),
-                                    iterations, key.data(), unused_iv.data());
-    std::optional<std::string> plain;
-    if (size != key_size) {
-        LOG_ERROR("Incorrect key size: %d", size);
-    } else {
-        plain = nimbrelc_utils_run_cipher(log_category, cipher_direction::decrypt,
-                                          EVP_aes_256_cbc(), key.data(), bytes_of(iv),
-                                          blob.substr(std::min(blob.size(), header_size)));
-    }
-    OPENSSL_cleanse(key.data(), key.size());
-    return plain;
+    return run_cipher(log_category, cipher_direction::decrypt,
+                      {.cipher = EVP_aes_256_cbc(),
+                       .passphrase = passphrase,
+                       .iterations = iterations,
+                       .salt = bytes_of(header),
+                       .iv = bytes_of(header) + salt_size},
+                      blob.substr(std::min(blob.size(), header_size)));
 }
 
 }  // namespace
@@ -57,17 +40,17 @@ void migration_utils_delete(cJSON *section, const char *name) {
 }
 
 void migration_utils_replace_text(cJSON *section, const char *name, const char *text) {
-    nimbrelc_utils_replace_json_object(section, name, json_ptr(cJSON_CreateString(text)));
+    json_replace(section, name, json_ptr(cJSON_CreateString(text)));
 }
 
 void migration_utils_reset_storage_protection(cJSON *root, const char *old_password,
                                               const char *new_password) {
-    cJSON *storage = nimbrelc_utils_get_json_section(root, "storage");
+    cJSON *storage = json_section(root, "storage");
     if (storage == nullptr) {
         return;
     }
     migration_utils_delete(storage, old_password);
-    nimbrelc_utils_replace_json_object(storage, "enabled", json_ptr(cJSON_CreateFalse()));
+    json_replace(storage, "enabled", json_ptr(cJSON_CreateFalse()));
     migration_utils_replace_text(storage, "username", "");
     cJSON_AddStringToObject(storage, new_password, "");
 }

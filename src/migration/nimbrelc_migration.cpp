@@ -32,13 +32,13 @@ constexpr migration kq3_migrations[] = {
 };
 
 cJSON *get_device_info(cJSON *config) {
-    return nimbrelc_utils_get_json_section(config, "cpeDevice.deviceInfo");
+    return json_section(config, "cpeDevice.deviceInfo");
 }
 
 void set_software_version(cJSON *device_info, const char *version) {
     json_ptr value(cJSON_CreateString(version));
     if (cJSON_GetObjectItem(device_info, "softwareVersion") != nullptr) {
-        nimbrelc_utils_replace_json_object(device_info, "softwareVersion", std::move(value));
+        json_replace(device_info, "softwareVersion", std::move(value));
     } else {
         cJSON_AddItemToObject(device_info, "softwareVersion", value.release());
     }
@@ -157,7 +157,7 @@ bool save(cJSON *config, const char *installed) {
         return false;
     }
     set_software_version(device_info, installed);
-    const std::optional<std::string> text = nimbrelc_utils_print_json(config);
+    const std::optional<std::string> text = print_json(config);
     if (!text) {
         LOG_ERROR("Error printing modified config");
         return false;

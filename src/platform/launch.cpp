@@ -15,7 +15,6 @@
 #include <utility>
 #include <vector>
 
-#include "common/file_ptr.h"
 #include "common/files.h"
 #include "common/logger.h"
 #include "common/texts.h"

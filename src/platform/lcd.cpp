@@ -8,7 +8,6 @@
 
 #include "common/files.h"
 #include "common/json.h"
-#include "common/json_ptr.h"
 #include "common/logger.h"
 #include "common/msg_bus/message_bus.h"
 #include "common/texts.h"
@@ -17,18 +16,6 @@ namespace {
 
 constexpr const char *log_category = "lcd";
 constexpr const char *locale_path = "/opt/app/locales.json";
-
-// Indexed by event number.
-constexpr const char *event_texts[] = {
-    "SD card attached",
-    "USB device attached",
-    "Unsupported USB device attached",
-    "Unsupported SD device attached",
-    "Internet backup stick in wrong port",
-    "Unsupported filesystem on USB device",
-    "Unsupported filesystem on SD device",
-    "Firmware upgrade is in process",
-};
 
 json_ptr locale_root;
 std::vector<lcd_message> stored_message_ids;
@@ -46,8 +33,7 @@ bool call_display(const char *method, message_bus_reply_ctx_cb reply,
         "com.softathome.dm", "/AP/LCD", "com.softathome.dm.AP.LCD", method, std::move(reply), args);
 }
 
-void display_reply(int32_t argc, const message_bus_arg *args,
-                   const std::optional<std::string> &key) {
+void display_reply(const message_bus_args &args, const std::optional<std::string> &key) {
     if (!key) {
         LOG_ERROR("context is invalid");
         return;
@@ -56,7 +42,7 @@ void display_reply(int32_t argc, const message_bus_arg *args,
         LOG_INFO("Message with registration key: \"%s\" already exists in list", key->c_str());
     }
     lcd_message message = {.key = *key};
-    if (argc == 1 && args[0].type == MB_ARG_UINT32) {
+    if (args.are("u")) {
         message.id = args[0].word;
     } else {
         LOG_ERROR("DBus call to addEvent failed, we didn't get a valid ID in callback");
@@ -65,7 +51,7 @@ void display_reply(int32_t argc, const message_bus_arg *args,
     stored_message_ids.push_back(std::move(message));
 }
 
-void delete_reply(int32_t argc, const std::string &key) {
+void delete_reply(const message_bus_args &args, const std::string &key) {
     const auto message = find_message(key.c_str());
     if (message == stored_message_ids.end()) {
         LOG_ERROR("Requested to delete a non-existent message with key: \"%s\"", key.c_str());
@@ -73,12 +59,12 @@ void delete_reply(int32_t argc, const std::string &key) {
     }
     // kept: forgotten whatever the display service answered.
     stored_message_ids.erase(message);
-    LOG_INFO("Message with key: \"%s\" removed, dbus argc: %d", key.c_str(), argc);
+    LOG_INFO("Message with key: \"%s\" removed, dbus argc: %d", key.c_str(), args.count());
 }
 
 }  // namespace
 
-bool lcd_start(event_base * /*base*/) {
+bool lcd_start() {
     const auto text = nimbrelc_utils_read_file(locale_path);
     if (!text) {
         LOG_ERROR("Can't load json LCD locale from: \"%s\"", locale_path);
@@ -100,7 +86,7 @@ bool lcd_stop() {
     return true;
 }
 
-void lcd_show_event(const char *key, int event, bool flag) {
+void lcd_show_event(const char *key, lcd_event event, bool flag) {
     const char *text = lcd_event_get(event);
     LOG_INFO("LCD show event \"%s\" (%s)", text != nullptr ? text : "(null)",
              nimbrelc_utils_empty_if_null(key));
@@ -112,7 +98,7 @@ void lcd_dismiss_event(const char *key) {
     lcd_delete_message(key);
 }
 
-bool lcd_display_message(const char *key, int event, uint32_t number, bool first_flag,
+bool lcd_display_message(const char *key, lcd_event event, uint32_t number, bool first_flag,
                          bool second_flag) {
     if (!locale_root) {
         LOG_ERROR("Locale not parsed or invalid, won't send message");
@@ -132,15 +118,15 @@ bool lcd_display_message(const char *key, int event, uint32_t number, bool first
         cJSON_AddStringToObject(item, "Description", nimbrelc_utils_empty_if_null_json(language));
         cJSON_AddItemToArray(list.get(), item);
     }
-    const auto text = nimbrelc_utils_print_json_unformatted(list.get());
+    const auto text = print_json_unformatted(list.get());
     if (!text) {
         return false;
     }
     auto context = key != nullptr ? std::optional<std::string>(key) : std::nullopt;
     return call_display(
         "addEvent",
-        [context = std::move(context)](int32_t argc, const message_bus_arg *args) {
-            display_reply(argc, args, context);
+        [context = std::move(context)](const message_bus_args &args) {
+            display_reply(args, context);
         },
         {mb_string(*text), mb_uint32(number), mb_boolean(first_flag), mb_boolean(second_flag)});
 }
@@ -152,18 +138,32 @@ bool lcd_delete_message(const char *key) {
                  nimbrelc_utils_empty_if_null(key));
         return false;
     }
-    return call_display("clearEvent",
-                        [context = message->key](int32_t argc, const message_bus_arg * /*args*/) {
-                            delete_reply(argc, context);
-                        },
-                        {mb_uint32(message->id)});
+    return call_display(
+        "clearEvent",
+        [context = message->key](const message_bus_args &args) { delete_reply(args, context); },
+        {mb_uint32(message->id)});
 }
 
-const char *lcd_event_get(int event) {
-    if (event < 0 || event >= static_cast<int>(std::size(event_texts))) {
-        return nullptr;
+const char *lcd_event_get(lcd_event event) {
+    switch (event) {
+        case LCD_EVENT_SD_ATTACHED:
+            return "SD card attached";
+        case LCD_EVENT_USB_ATTACHED:
+            return "USB device attached";
+        case LCD_EVENT_USB_UNSUPPORTED:
+            return "Unsupported USB device attached";
+        case LCD_EVENT_SD_UNSUPPORTED:
+            return "Unsupported SD device attached";
+        case LCD_EVENT_STICK_IN_WRONG_PORT:
+            return "Internet backup stick in wrong port";
+        case LCD_EVENT_USB_FILESYSTEM_UNSUPPORTED:
+            return "Unsupported filesystem on USB device";
+        case LCD_EVENT_SD_FILESYSTEM_UNSUPPORTED:
+            return "Unsupported filesystem on SD device";
+        case LCD_EVENT_FIRMWARE_UPGRADE:
+            return "Firmware upgrade is in process";
     }
-    return event_texts[event];
+    return nullptr;
 }
 
 int lcd_message_cmp(const lcd_message &a, const lcd_message &b) {

@@ -3,8 +3,6 @@
 // message is cleared again.
 #pragma once
 
-#include <event2/event.h>
-
 #include <cstdint>
 #include <string>
 
@@ -20,24 +18,24 @@ enum lcd_event : int {
 };
 
 // Fails, and nothing will be shown, when the texts cannot be read or parsed.
-bool lcd_start(event_base *base);
+bool lcd_start();
 bool lcd_stop();
 
-// Shows `event` (an lcd_event; unknown numbers show nothing) under `key`. `flag` is handed to the
-// display service.
-void lcd_show_event(const char *key, int event, bool flag);
+// Shows `event` (unknown numbers show nothing) under `key`. `flag` is handed to the display
+// service.
+void lcd_show_event(const char *key, lcd_event event, bool flag);
 // Clears the first message shown under `key`.
 void lcd_dismiss_event(const char *key);
 
 // True when the bus call was sent. A key may be used more than once; what is shown without one
 // (null) cannot be cleared. The meaning of `number` and of the two flags is the display service's.
-bool lcd_display_message(const char *key, int event, uint32_t number, bool first_flag,
+bool lcd_display_message(const char *key, lcd_event event, uint32_t number, bool first_flag,
                          bool second_flag);
 // True when the bus call was sent; false also for a key that is not stored.
 bool lcd_delete_message(const char *key);
 
 // The event's text, which also names it in the locale file; null for an unknown event.
-const char *lcd_event_get(int event);
+const char *lcd_event_get(lcd_event event);
 
 // A shown message: the display service's identifier (0 when it gave none) and the caller's key.
 struct lcd_message {

@@ -14,7 +14,6 @@
 #include "common/build_flavour.h"
 #include "common/dates.h"
 #include "common/json.h"
-#include "common/json_ptr.h"
 #include "common/logger.h"
 #include "common/timer.h"
 #include "config/config.h"
@@ -43,7 +42,6 @@ constexpr const char *firewall_slot = "100";
 constexpr char endless_activation_text[] =
     "On devel builds activationDuration=0 means infinite ssh activation. No timer set up.";
 
-event_base *loop = nullptr;
 timer_ptr stop_timer;
 
 bool is_enabled() {
@@ -177,7 +175,7 @@ bool restart_timer(int32_t seconds) {
         LOG_INFO(endless_activation_text);
         return true;
     }
-    stop_timer = timer_new(loop, end_session);
+    stop_timer = timer_new(end_session);
     if (!stop_timer) {
         LOG_ERROR("evtimer_new failed");
         return false;
@@ -276,8 +274,7 @@ bool continue_activation() {
 
 }  // namespace
 
-bool ssh_start(event_base *base) {
-    loop = base;
+bool ssh_start() {
     if (!is_configuration_valid()) {
         LOG_ERROR("SSH configuration invalid");
         return false;
@@ -308,9 +305,9 @@ bool ssh_stop() {
     return stopped;
 }
 
-bool ssh_configure(event_base *base) {
+bool ssh_configure() {
     LOG_INFO("Applying ssh configuration");
-    if (!ssh_start(base)) {
+    if (!ssh_start()) {
         LOG_ERROR("Failed to configure SSH");
         return false;
     }
@@ -326,7 +323,7 @@ bool ssh_set_activation_duration(const message_bus_arg &value, message_bus_reque
     const uint32_t minutes =
         is_release() ? std::min(value.word, ssh_max_release_minutes) : value.word;
     set_config_item(activation_duration_path, json_ptr(cJSON_CreateNumber(minutes)));
-    const bool applied = ssh_configure(loop) && nimbrelc_config_save();
+    const bool applied = ssh_configure() && nimbrelc_config_save();
     return message_bus_send_bool_reply(std::move(request), applied);
 }
 

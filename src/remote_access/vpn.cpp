@@ -42,7 +42,7 @@ bool is_configuration_valid() {
 
 }  // namespace
 
-bool vpn_start(event_base * /*base*/) {
+bool vpn_start() {
     return is_configuration_valid() && vpn_request_handler_start() && vpn_restart();
 }
 
@@ -59,10 +59,10 @@ bool vpn_restart() {
     return vpn_is_switched_on() ? vpn_start_daemons() : true;
 }
 
-bool vpn_after_set_enable(event_base * /*base*/) {
+bool vpn_after_set_enable() {
     return vpn_is_switched_on() ? vpn_start_daemons() : vpn_stop_daemons();
 }
 
-bool vpn_after_set_voip_calls_block_enable(event_base * /*base*/) {
+bool vpn_after_set_voip_calls_block_enable() {
     return vpn_apply_firewall_mode();
 }

@@ -3,7 +3,7 @@
 
 #include <string_view>
 
-#include "common/json_ptr.h"
+#include "common/json.h"
 
 // The JSON array for `output`, whose tokens, split at ";", come three at a time: count, format and
 // address. As with strtok() there are no empty tokens, and every other character, a line's end too,

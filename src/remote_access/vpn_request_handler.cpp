@@ -76,7 +76,7 @@ json_ptr restricted_config() {
 }
 
 void reply_json(message_bus_request request, const cJSON *item) {
-    const std::optional<std::string> text = nimbrelc_utils_print_json_unformatted(item);
+    const std::optional<std::string> text = print_json_unformatted(item);
     if (!text) {
         message_bus_send_no_reply(std::move(request));
         return;
@@ -89,7 +89,7 @@ bool is_passphrase(const char *given, const char *passphrase) {
     return strncmp(given, passphrase, strlen(passphrase)) == 0;
 }
 
-void reply_decrypted(const message_bus_arg *args, message_bus_request request,
+void reply_decrypted(const message_bus_args &args, message_bus_request request,
                      const char *passphrase, const char *bad_key_text) {
     if (!is_passphrase(args[1].string, passphrase)) {
         LOG_WARN("%s", bad_key_text);
@@ -108,14 +108,12 @@ void reply_decrypted(const message_bus_arg *args, message_bus_request request,
     message_bus_send_string_reply(std::move(request), secret->c_str());
 }
 
-void get_password_callback(int32_t /*argc*/, const message_bus_arg *args,
-                           message_bus_request request) {
+void get_password_callback(const message_bus_args &args, message_bus_request request) {
     reply_decrypted(args, std::move(request), stored_vpn_password.passphrase,
                     "Bad key passed to get_password_callback");
 }
 
-void get_preshared_key_callback(int32_t /*argc*/, const message_bus_arg *args,
-                                message_bus_request request) {
+void get_preshared_key_callback(const message_bus_args &args, message_bus_request request) {
     reply_decrypted(args, std::move(request), stored_vpn_preshared_key.passphrase,
                     "Bad key passed to get_preshared_key_callback");
 }
@@ -179,8 +177,7 @@ void update_configuration(bool enable, const char *username, const char *passwor
     }
 }
 
-void update_configuration_callback(int32_t /*argc*/, const message_bus_arg *args,
-                                   message_bus_request request) {
+void update_configuration_callback(const message_bus_args &args, message_bus_request request) {
     update_configuration(args[0].boolean(), args[1].string, args[2].string, args[3].string);
     message_bus_send_no_reply(std::move(request));
 }
@@ -201,14 +198,12 @@ void set_enabled(bool enable) {
     }
 }
 
-void set_enabled_callback(int32_t /*argc*/, const message_bus_arg *args,
-                          message_bus_request request) {
+void set_enabled_callback(const message_bus_args &args, message_bus_request request) {
     set_enabled(args[0].boolean());
     message_bus_send_no_reply(std::move(request));
 }
 
-void get_config_callback(int32_t /*argc*/, const message_bus_arg * /*args*/,
-                         message_bus_request request) {
+void get_config_callback(const message_bus_args & /*args*/, message_bus_request request) {
     const std::optional<std::string> password =
         stored_secret_decrypt(get_config_root(), stored_vpn_password);
     if (!password) {
@@ -230,14 +225,13 @@ void get_config_callback(int32_t /*argc*/, const message_bus_arg * /*args*/,
     reply_json(std::move(request), config.get());
 }
 
-void get_config_restricted_callback(int32_t /*argc*/, const message_bus_arg * /*args*/,
+void get_config_restricted_callback(const message_bus_args & /*args*/,
                                     message_bus_request request) {
     reply_json(std::move(request), restricted_config().get());
 }
 
-void get_global_status_callback(int32_t argc, const message_bus_arg * /*args*/,
-                                message_bus_request request) {
-    if (argc != 0) {
+void get_global_status_callback(const message_bus_args &args, message_bus_request request) {
+    if (args.count() != 0) {
         LOG_WARN("get_global_status_callback doesn't accept arguments");
         // kept: such a call is answered twice, first empty and then as any other.
         message_bus_send_no_reply(request.share());
@@ -261,13 +255,13 @@ void set_last_connection_details(const char *end_date, uint32_t seconds) {
     }
 }
 
-void set_last_connection_details_callback(int32_t /*argc*/, const message_bus_arg *args,
+void set_last_connection_details_callback(const message_bus_args &args,
                                           message_bus_request request) {
     set_last_connection_details(args[0].string, args[1].word);
     message_bus_send_no_reply(std::move(request));
 }
 
-void get_last_connection_details_callback(int32_t /*argc*/, const message_bus_arg * /*args*/,
+void get_last_connection_details_callback(const message_bus_args & /*args*/,
                                           message_bus_request request) {
     const cJSON *timestamp = get_config_item(vpn_last_connect_timestamp_path);
     const cJSON *duration = get_config_item(vpn_last_connection_duration_path);
@@ -295,8 +289,7 @@ std::optional<std::string> read_devices() {
     return output;
 }
 
-void get_devices_callback(int32_t /*argc*/, const message_bus_arg * /*args*/,
-                          message_bus_request request) {
+void get_devices_callback(const message_bus_args & /*args*/, message_bus_request request) {
     const std::optional<std::string> output = read_devices();
     if (!output) {
         LOG_ERROR("get_devices() failed");
@@ -308,47 +301,71 @@ void get_devices_callback(int32_t /*argc*/, const message_bus_arg * /*args*/,
     reply_json(std::move(request), devices.get());
 }
 
-constexpr const char *object = "/ws/vpn";
-constexpr const char *interface = "com.kelvanto.nimbrel.vpn";
-constexpr auto silence = message_bus_refusal::silence;
 constexpr auto empty_reply = message_bus_refusal::empty_reply;
 constexpr message_bus_method methods[] = {
     // kept: wrong arguments get no answer from these two.
-    {object, interface, "getPassword", get_password_callback, "ss",
-     "Bad params passed to get_password_callback", silence, "get_password_callback start"},
-    {object, interface, "getPresharedKey", get_preshared_key_callback, "ss",
-     "Bad params passed to get_preshared_key_callback", silence,
-     "get_preshared_key_callback start"},
+    {.member = "getPassword",
+     .handler = get_password_callback,
+     .args = "ss",
+     .refusal_text = "Bad params passed to get_password_callback",
+     .arrival_text = "get_password_callback start"},
+    {.member = "getPresharedKey",
+     .handler = get_preshared_key_callback,
+     .args = "ss",
+     .refusal_text = "Bad params passed to get_preshared_key_callback",
+     .arrival_text = "get_preshared_key_callback start"},
     // kept: the refusal names another handler.
-    {object, interface, "updateConfig", update_configuration_callback, "bsss",
-     "Bad params passed to get_preshared_key_callback", empty_reply,
-     "update_configuration_callback start"},
-    {object, interface, "updateConfigRestricted", set_enabled_callback, "b",
-     "Bad params passed to set_enabled_callback", empty_reply, "set_enabled_callback start"},
-    {object, interface, "getConfig", get_config_callback, "",
-     "get_config_callback doesn't accept arguments", empty_reply, "get_config_callback start"},
-    {object, interface, "getConfigRestricted", get_config_restricted_callback, "",
-     "get_config_restricted_callback doesn't accept arguments", empty_reply,
-     "get_config_restricted_callback start"},
-    {.path = object,
-     .interface = interface,
-     .member = "getGlobalStatus",
+    {.member = "updateConfig",
+     .handler = update_configuration_callback,
+     .args = "bsss",
+     .refusal_text = "Bad params passed to get_preshared_key_callback",
+     .refusal = empty_reply,
+     .arrival_text = "update_configuration_callback start"},
+    {.member = "updateConfigRestricted",
+     .handler = set_enabled_callback,
+     .args = "b",
+     .refusal_text = "Bad params passed to set_enabled_callback",
+     .refusal = empty_reply,
+     .arrival_text = "set_enabled_callback start"},
+    {.member = "getConfig",
+     .handler = get_config_callback,
+     .args = "",
+     .refusal_text = "get_config_callback doesn't accept arguments",
+     .refusal = empty_reply,
+     .arrival_text = "get_config_callback start"},
+    {.member = "getConfigRestricted",
+     .handler = get_config_restricted_callback,
+     .args = "",
+     .refusal_text = "get_config_restricted_callback doesn't accept arguments",
+     .refusal = empty_reply,
+     .arrival_text = "get_config_restricted_callback start"},
+    {.member = "getGlobalStatus",
      .handler = get_global_status_callback,
      .arrival_text = "get_global_status_callback start"},
-    {object, interface, "setLastConnectionDetails", set_last_connection_details_callback, "su",
-     "Bad params passed to set_last_connection_details_callback", empty_reply,
-     "set_last_connection_details_callback start"},
-    {object, interface, "getLastConnectionDetails", get_last_connection_details_callback, "",
-     "get_last_connection_details_callback doesn't accept arguments", empty_reply,
-     "get_last_connection_details_callback start"},
-    {object, interface, "getDevices", get_devices_callback, "",
-     "get_devices_callback doesn't accept arguments", empty_reply, "get_devices_callback start"},
+    {.member = "setLastConnectionDetails",
+     .handler = set_last_connection_details_callback,
+     .args = "su",
+     .refusal_text = "Bad params passed to set_last_connection_details_callback",
+     .refusal = empty_reply,
+     .arrival_text = "set_last_connection_details_callback start"},
+    {.member = "getLastConnectionDetails",
+     .handler = get_last_connection_details_callback,
+     .args = "",
+     .refusal_text = "get_last_connection_details_callback doesn't accept arguments",
+     .refusal = empty_reply,
+     .arrival_text = "get_last_connection_details_callback start"},
+    {.member = "getDevices",
+     .handler = get_devices_callback,
+     .args = "",
+     .refusal_text = "get_devices_callback doesn't accept arguments",
+     .refusal = empty_reply,
+     .arrival_text = "get_devices_callback start"},
 };
 
 }  // namespace
 
 bool vpn_request_handler_start() {
-    if (!message_bus_add_methods(log_category, methods)) {
+    if (!message_bus_add_methods(log_category, "/ws/vpn", "com.kelvanto.nimbrel.vpn", methods)) {
         LOG_ERROR("message_bus_add_method_listener failed");
         return false;
     }

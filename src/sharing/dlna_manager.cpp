@@ -22,12 +22,12 @@ constexpr const char *failure_reply = R"({"status":500,"error":"Error saving con
 constexpr int retry_seconds = 5;
 
 struct {
-    event_base *base = nullptr;
     bool desired = false;
     bool last_sent = false;
     bool in_flight = false;        // a call awaits its reply
     bool retry = false;            // an unchanged state is to be sent again
     bool retry_scheduled = false;  // the retry timer runs
+    timer_ptr retry_timer;         // made on first use
 } dms;
 
 void send_state(bool state);
@@ -50,14 +50,17 @@ void retry_timer_callback() {
 // A timer that runs already serves a later failure too: timers of their own, one for each change
 // that an absent server missed, would go on asking it in turns.
 void schedule_retry() {
+    if (!dms.retry_timer) {
+        dms.retry_timer = timer_new(retry_timer_callback);
+    }
     if (!dms.retry_scheduled) {
-        dms.retry_scheduled = timer_once(dms.base, retry_seconds, retry_timer_callback);
+        dms.retry_scheduled = timer_start(*dms.retry_timer, retry_seconds);
     }
 }
 
-void dms_streaming_state_reply(int32_t argc, const message_bus_arg *args) {
+void dms_streaming_state_reply(const message_bus_args &args) {
     dms.in_flight = false;
-    if (argc != 1 || args[0].type != MB_ARG_BOOLEAN || !args[0].boolean()) {
+    if (!args.are("b") || !args[0].boolean()) {
         LOG_WARN("DMS manager not ready, scheduling reconfiguration");
         schedule_retry();
         return;
@@ -80,12 +83,11 @@ void send_state(bool state) {
                                            "com.kelvanto.dlna", "DmsStreamingState",
                                            dms_streaming_state_reply, {mb_boolean(state)})) {
         // No reply will come, and one that is waited for would hold back every later state.
-        dms_streaming_state_reply(-1, nullptr);
+        dms_streaming_state_reply({});
     }
 }
 
-void set_media_streaming_state_callback(int32_t /*argc*/, const message_bus_arg *args,
-                                        message_bus_request request) {
+void set_media_streaming_state_callback(const message_bus_args &args, message_bus_request request) {
     const bool enabled = args[0].boolean();
     if (enabled == is_media_streaming_enabled()) {
         LOG_INFO("Media streaming configuration has not been changed");
@@ -106,7 +108,7 @@ void set_media_streaming_state_callback(int32_t /*argc*/, const message_bus_arg 
     message_bus_send_string_reply(std::move(request), done_reply);
 }
 
-void get_media_streaming_state_callback(int32_t /*argc*/, const message_bus_arg * /*args*/,
+void get_media_streaming_state_callback(const message_bus_args & /*args*/,
                                         message_bus_request request) {
     message_bus_send_string_reply(std::move(request),
                                   is_media_streaming_enabled()
@@ -114,21 +116,21 @@ void get_media_streaming_state_callback(int32_t /*argc*/, const message_bus_arg 
                                       : R"({"status":200,"data":{"mediaStreamingEnabled":false}})");
 }
 
-constexpr const char *object = "/ws/dlna";
-constexpr const char *interface = "com.kelvanto.nimbrel.dlna";
 constexpr message_bus_method methods[] = {
     // kept: the refusal names another handler.
-    {object, interface, "setMediaStreamingState", set_media_streaming_state_callback, "b",
-     "Bad params passed to pam_auth_request_callback", message_bus_refusal::silence,
-     "Change of media streaming state requested"},
-    {object, interface, "getMediaStreamingState", get_media_streaming_state_callback},
+    {.member = "setMediaStreamingState",
+     .handler = set_media_streaming_state_callback,
+     .args = "b",
+     .refusal_text = "Bad params passed to pam_auth_request_callback",
+     .arrival_text = "Change of media streaming state requested"},
+    {.member = "getMediaStreamingState", .handler = get_media_streaming_state_callback},
 };
 
 }  // namespace
 
-bool dlna_manager_start(event_base *base) {
-    dms.base = base;
-    const bool served = message_bus_add_methods(log_category, methods);
+bool dlna_manager_start() {
+    const bool served =
+        message_bus_add_methods(log_category, "/ws/dlna", "com.kelvanto.nimbrel.dlna", methods);
     if (!served) {
         LOG_ERROR("Failed to add method listener");
     }

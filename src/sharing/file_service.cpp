@@ -1,7 +1,6 @@
 #include "sharing/file_service.h"
 
 #include "common/json.h"
-#include "common/json_ptr.h"
 #include "config/config.h"
 #include "platform/service_manager.h"
 
@@ -49,8 +48,7 @@ bool file_service_save_state(const char *section_path, bool enabled) {
     if (stored == nullptr) {
         cJSON_AddBoolToObject(section, switch_key, enabled ? 1 : 0);
     } else {
-        nimbrelc_utils_replace_json_object(section, switch_key,
-                                           json_ptr(cJSON_CreateBool(enabled ? 1 : 0)));
+        json_replace(section, switch_key, json_ptr(cJSON_CreateBool(enabled ? 1 : 0)));
     }
     return nimbrelc_config_save();
 }

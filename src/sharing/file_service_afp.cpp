@@ -68,7 +68,7 @@ void remove_cnid_directory(const char *name) {
 std::set<std::string> cnid_directories_of(const cJSON *partitions) {
     std::set<std::string> names;
     for (const auto &[partition, name] : share_names_of(partitions)) {
-        if (nimbrelc_utils_get_json_text(partition, "label")[0] != '\0') {
+        if (json_text(partition, "label")[0] != '\0') {
             names.insert(name);
         }
     }
@@ -114,8 +114,7 @@ bool generate_config() {
     const std::string text =
         afp_config_text(daemon_config, get_partitions_list(),
                         file_services_request_handler_is_storage_protection_enabled());
-    if (!safe_dump_string_to_file(
-            nimbrelc_utils_get_json_text(daemon_config, "serverConfigLocation"), text.c_str())) {
+    if (!safe_dump_string_to_file(json_text(daemon_config, "serverConfigLocation"), text.c_str())) {
         LOG_ERROR("Error saving afp config");
         return false;
     }
@@ -147,20 +146,18 @@ bool start_or_reload() {
 
 std::string afp_config_text(const cJSON *daemon_config, const cJSON *partitions,
                             bool is_protected) {
-    std::string methods = nimbrelc_utils_get_json_text(daemon_config, "defaultUAMsList");
+    std::string methods = json_text(daemon_config, "defaultUAMsList");
     if (!is_protected) {
         methods += ",uams_guest.so";
     }
     // Never quoted, unlike the lines below.
     std::string text = "[Global]\n  uam list = " + file_service_written_value(methods) + "\n";
-    file_service_write_line(text, "guest account",
-                            nimbrelc_utils_get_json_text(daemon_config, "anonymousUserLogin"));
+    file_service_write_line(text, "guest account", json_text(daemon_config, "anonymousUserLogin"));
     file_service_write_directives(text, cJSON_GetObjectItem(daemon_config, "defaultServerOptions"));
     text += '\n';
     file_service_write_shares(text, partitions, nullptr, [&text](const cJSON *partition) {
         const bool read_only = cJSON_IsTrue(cJSON_GetObjectItem(partition, "read_only"));
-        file_service_write_line(text, "path",
-                                nimbrelc_utils_get_json_text(partition, "mount_point"));
+        file_service_write_line(text, "path", json_text(partition, "mount_point"));
         file_service_write_line(text, "time machine", "yes");
         file_service_write_line(text, "unix priv", "no");
         file_service_write_line(text, "read only", read_only ? "yes" : "no");

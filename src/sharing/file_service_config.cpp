@@ -18,8 +18,7 @@ void end_without_backslash(std::string &text, size_t length) {
 // The text before the "=" of a line, "" for one that makes no line: a bracket at its start would
 // open a section, and for a line without a name servers refuse the whole file.
 std::string written_directive(const cJSON *directive) {
-    std::string written =
-        file_service_written_value(nimbrelc_utils_get_json_text(directive, "directive"));
+    std::string written = file_service_written_value(json_text(directive, "directive"));
     const size_t first = written.find_first_not_of(' ');
     if (first == std::string::npos) {
         return {};
@@ -45,14 +44,14 @@ std::string joined_texts(const cJSON *texts) {
 }  // namespace
 
 std::string file_service_written_value(std::string_view value) {
-    std::string written = nimbrelc_utils_printable(value);
+    std::string written = printable(value);
     // Without quotes, blanks after a backslash do not save the next line.
     end_without_backslash(written, written.find_last_not_of(' ') + 1);
     return written;
 }
 
 void file_service_write_line(std::string &text, const char *key, std::string_view value) {
-    std::string written = nimbrelc_utils_printable(value);
+    std::string written = printable(value);
     end_without_backslash(written, written.size());
     const char *quote = written.find(' ') != std::string::npos ? "\"" : "";
     text.append("  ").append(key).append(" = ");

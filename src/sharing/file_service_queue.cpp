@@ -48,23 +48,21 @@ struct follow_up {
     int seconds = 0;
 };
 
-void end_verification(file_service_queue &queue) {
-    queue.busy = 0;
-    queue.restarting = false;
+void start_timer(file_service_queue &queue, int seconds,
+                 void (*expired)(file_service_queue &queue)) {
+    if (!queue.timer) {
+        queue.timer = timer_new([&queue] {
+            queue.busy = 0;
+            queue.expired(queue);
+        });
+    }
+    queue.expired = expired;
+    timer_start(*queue.timer, seconds);
 }
-
-void continue_restart(file_service_queue &queue);
 
 void schedule_verification(file_service_queue &queue, const follow_up &next) {
     queue.busy = next.seconds;
-    queue.restarting = next.callback == continue_restart;
-    const auto look = [&queue, callback = next.callback] {
-        end_verification(queue);
-        callback(queue);
-    };
-    if (!timer_once(queue.loop, next.seconds, look)) {
-        end_verification(queue);  // nothing else ever would
-    }
+    start_timer(queue, next.seconds, next.callback);
 }
 
 void handle_pending_events(file_service_queue &queue);
@@ -236,10 +234,7 @@ void process_queue(file_service_queue &queue) {
 
 // A pending run is pushed back: a burst is handled three seconds after its last request.
 void arm_timer(file_service_queue &queue) {
-    if (!queue.debounce) {
-        queue.debounce = timer_new(queue.loop, [&queue] { process_queue(queue); });
-    }
-    timer_start(*queue.debounce, debounce_seconds);
+    start_timer(queue, debounce_seconds, process_queue);
     LOG_INFO("Event for [%s] scheduled for 3 seconds", queue.service.name);
 }
 
@@ -278,7 +273,8 @@ file_service_event file_service_queue_newest(const file_service_queue &queue) {
 }
 
 bool file_service_queue_starts_soon(const file_service_queue &queue) {
-    return queue.restarting || file_service_queue_newest(queue) == FILE_SERVICE_EVENT_START;
+    const bool restarting = queue.busy != 0 && queue.expired == continue_restart;
+    return restarting || file_service_queue_newest(queue) == FILE_SERVICE_EVENT_START;
 }
 
 bool file_service_queue_stop_service(const file_service_queue &queue) {

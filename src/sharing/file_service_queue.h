@@ -2,8 +2,6 @@
 // single action, and after that action the daemon is watched for as long as it needs.
 #pragma once
 
-#include <event2/event.h>
-
 #include <array>
 #include <tuple>
 #include <vector>
@@ -12,15 +10,14 @@
 #include "sharing/file_service.h"
 #include "sharing/file_service_events.h"
 
-// Idle: nothing pending. Waiting: the timer runs. Verifying: `busy` holds the seconds of the
-// verification that is pending, and requests only queue up.
+// Idle: nothing pending. Waiting: the timer runs. Verifying: the timer runs for the verification,
+// of which `busy` holds the seconds, and requests only queue up.
 struct file_service_queue {
     const file_service &service;
-    event_base *loop = nullptr;
-    timer_ptr debounce = nullptr;  // made on first use
+    timer_ptr timer = nullptr;                             // made on first use
+    void (*expired)(file_service_queue &queue) = nullptr;  // what it runs down for
     std::vector<file_service_event> events = {};
     int busy = 0;
-    bool restarting = false;  // the pending verification is the second half of a restart
 };
 
 // One for each row of the table of services, in its order.

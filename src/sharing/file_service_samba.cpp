@@ -51,7 +51,7 @@ bool write_aliases(const storage_config &protection) {
         LOG_ERROR("Username and password are required to enable samba shares protection");
         return false;
     }
-    const std::string alias = "default=" + nimbrelc_utils_printable(protection.username);
+    const std::string alias = "default=" + printable(protection.username);
     if (!safe_dump_string_to_file(users_map, alias.c_str(), file_mode_secret)) {
         LOG_ERROR("Failed to save sambausers.map");
         return false;
@@ -93,7 +93,7 @@ bool disable_protection() {
 // Whether the server takes the mount point as it stands. There is no way to write a variable that
 // is none, or two blanks, which the server reads as one: what these stand for is another place.
 bool has_literal_path(const cJSON *partition) {
-    const char *mount_point = nimbrelc_utils_get_json_text(partition, "mount_point");
+    const char *mount_point = json_text(partition, "mount_point");
     for (const char *sign = strchr(mount_point, '%'); sign != nullptr;
          sign = strchr(sign + 1, '%')) {
         if ((sign[1] != '\0' && strchr("adghijmtuvwDGHIJLMNPRSTUV", sign[1]) != nullptr) ||
@@ -119,8 +119,7 @@ bool generate_config() {
     const std::string text =
         samba_config_text(daemon_config, get_partitions_list(),
                           file_services_request_handler_is_storage_protection_enabled());
-    if (!safe_dump_string_to_file(nimbrelc_utils_get_json_text(daemon_config, "configFileLocation"),
-                                  text.c_str())) {
+    if (!safe_dump_string_to_file(json_text(daemon_config, "configFileLocation"), text.c_str())) {
         LOG_ERROR("Error saving samba config");
         return false;
     }
@@ -177,16 +176,13 @@ bool stop(const char *daemon) {
 std::string samba_config_text(const cJSON *daemon_config, const cJSON *partitions,
                               bool is_protected) {
     std::string text = "[global]\n";
-    file_service_write_line(text, "server string",
-                            nimbrelc_utils_get_json_text(daemon_config, "serverName"));
-    file_service_write_line(text, "workgroup",
-                            nimbrelc_utils_get_json_text(daemon_config, "workgroup"));
+    file_service_write_line(text, "server string", json_text(daemon_config, "serverName"));
+    file_service_write_line(text, "workgroup", json_text(daemon_config, "workgroup"));
     const cJSON *max_connections = cJSON_GetObjectItem(daemon_config, "maxConnections");
     file_service_write_line(
         text, "max connections",
         std::to_string(cJSON_IsNumber(max_connections) ? max_connections->valueint : 0));
-    file_service_write_line(text, "guest account",
-                            nimbrelc_utils_get_json_text(daemon_config, "anonymousUserLogin"));
+    file_service_write_line(text, "guest account", json_text(daemon_config, "anonymousUserLogin"));
     file_service_write_directives(text,
                                   cJSON_GetObjectItem(daemon_config, "defaultGlobalSettings"));
     if (is_protected) {
@@ -196,8 +192,7 @@ std::string samba_config_text(const cJSON *daemon_config, const cJSON *partition
     file_service_write_shares(
         text, partitions, has_literal_path, [&text, is_protected](const cJSON *partition) {
             const bool read_only = cJSON_IsTrue(cJSON_GetObjectItem(partition, "read_only"));
-            file_service_write_line(text, "path",
-                                    nimbrelc_utils_get_json_text(partition, "mount_point"));
+            file_service_write_line(text, "path", json_text(partition, "mount_point"));
             file_service_write_line(text, "guest ok", is_protected ? "no" : "yes");
             file_service_write_line(text, "guest only", "no");
             file_service_write_line(text, "writeable", read_only ? "no" : "yes");

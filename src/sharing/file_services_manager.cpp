@@ -74,10 +74,7 @@ void partition_disconnected() {
 
 }  // namespace
 
-bool file_services_manager_start(event_base *base) {
-    for (file_service_queue &queue : file_service_queues) {
-        queue.loop = base;
-    }
+bool file_services_manager_start() {
     removable_devices_set_listener(partition_list_received, partition_connected,
                                    partition_disconnected);
     return true;

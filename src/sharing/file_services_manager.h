@@ -1,7 +1,7 @@
 // Decides what is requested of Samba, AFP and Avahi when disks, switches or central storage change.
 #pragma once
 
-#include "common/json_ptr.h"
+#include "common/json.h"
 
 // Saves the switch of the service with exactly this display name ("Samba", "AFP", "Avahi") and
 // requests what follows from it. False, with nothing requested, for null, an unknown name, or when

@@ -19,21 +19,17 @@ constexpr const char *log_category = "file_services_request_handler";
 constexpr const char *success_reply = R"({"success":true})";
 constexpr const char *failure_reply = R"({"success":false,"failure":"INTERNAL_ERROR"})";
 
-event_base *loop = nullptr;
-
-void fileservices_list_callback(int32_t /*argc*/, const message_bus_arg * /*args*/,
-                                message_bus_request request) {
+void fileservices_list_callback(const message_bus_args & /*args*/, message_bus_request request) {
     const json_ptr status = file_services_manager_get_services_status();
     std::optional<std::string> text;
     if (status) {
         cJSON_AddTrueToObject(status.get(), "success");
-        text = nimbrelc_utils_print_json_unformatted(status.get());
+        text = print_json_unformatted(status.get());
     }
     message_bus_send_string_reply(std::move(request), text ? text->c_str() : failure_reply);
 }
 
-void fileservices_set_state_callback(int32_t /*argc*/, const message_bus_arg *args,
-                                     message_bus_request request) {
+void fileservices_set_state_callback(const message_bus_args &args, message_bus_request request) {
     const json_ptr wanted(cJSON_Parse(args[0].string));
     if (!wanted) {
         LOG_ERROR("Bad JSON string");
@@ -54,12 +50,12 @@ void change_protection_and_reply(bool wanted, const char *username, const char *
     message_bus_send_no_reply(std::move(request));
 }
 
-void fileservices_change_credentials_state_callback(int32_t /*argc*/, const message_bus_arg *args,
+void fileservices_change_credentials_state_callback(const message_bus_args &args,
                                                     message_bus_request request) {
     change_protection_and_reply(args[0].boolean(), "", "", std::move(request));
 }
 
-void fileservices_update_credentials_callback(int32_t /*argc*/, const message_bus_arg *args,
+void fileservices_update_credentials_callback(const message_bus_args &args,
                                               message_bus_request request) {
     change_protection_and_reply(args[0].boolean(), args[1].string, args[2].string,
                                 std::move(request));
@@ -68,14 +64,14 @@ void fileservices_update_credentials_callback(int32_t /*argc*/, const message_bu
 // kept: the reply is not the object's text but that text as one JSON string value, in double
 // quotes.
 void reply_settings(const cJSON *settings, message_bus_request request) {
-    const std::string text = nimbrelc_utils_print_json_unformatted(settings).value_or("");
+    const std::string text = print_json_unformatted(settings).value_or("");
     const json_ptr value(cJSON_CreateString(text.c_str()));
-    if (const auto reply = nimbrelc_utils_print_json_unformatted(value.get())) {
+    if (const auto reply = print_json_unformatted(value.get())) {
         message_bus_send_string_reply(std::move(request), reply->c_str());
     }
 }
 
-void fileservices_get_credentials_callback(int32_t /*argc*/, const message_bus_arg * /*args*/,
+void fileservices_get_credentials_callback(const message_bus_args & /*args*/,
                                            message_bus_request request) {
     storage_config stored;
     file_services_request_handler_get_storage_config(stored);
@@ -86,16 +82,14 @@ void fileservices_get_credentials_callback(int32_t /*argc*/, const message_bus_a
     reply_settings(settings.get(), std::move(request));
 }
 
-void fileservices_get_restricted_credentials_callback(int32_t /*argc*/,
-                                                      const message_bus_arg * /*args*/,
+void fileservices_get_restricted_credentials_callback(const message_bus_args & /*args*/,
                                                       message_bus_request request) {
     const json_ptr settings(cJSON_CreateObject());
     cJSON_AddBoolToObject(settings.get(), "enabled", share_settings_is_protection_wanted() ? 1 : 0);
     reply_settings(settings.get(), std::move(request));
 }
 
-void pam_auth_request_callback(int32_t /*argc*/, const message_bus_arg *args,
-                               message_bus_request request) {
+void pam_auth_request_callback(const message_bus_args &args, message_bus_request request) {
     const std::string_view username = args[0].string;
     const std::string_view password = args[1].string;
     LOG_INFO("PAM auth request for user %s", args[0].string);
@@ -114,8 +108,7 @@ void pam_auth_request_callback(int32_t /*argc*/, const message_bus_arg *args,
 
 // Every user of the shares is the box's one account "default". The two numbers are the NSS
 // module's.
-void nss_password_request_callback(int32_t /*argc*/, const message_bus_arg *args,
-                                   message_bus_request request) {
+void nss_password_request_callback(const message_bus_args &args, message_bus_request request) {
     LOG_INFO("Validating NSS request");
     const std::string_view username = args[2].string;
     const bool allowed = share_settings_is_protection_wanted() && !username.empty() &&
@@ -130,19 +123,18 @@ void nss_password_request_callback(int32_t /*argc*/, const message_bus_arg *args
                             mb_uint32(getuid()), mb_uint32(getgid())});
 }
 
-void central_storage_get_state_callback(int32_t /*argc*/, const message_bus_arg * /*args*/,
+void central_storage_get_state_callback(const message_bus_args & /*args*/,
                                         message_bus_request request) {
     message_bus_send_bool_reply(std::move(request),
                                 file_services_request_handler_is_central_storage_enabled());
 }
 
-void central_storage_set_state_callback(int32_t /*argc*/, const message_bus_arg *args,
-                                        message_bus_request request) {
+void central_storage_set_state_callback(const message_bus_args &args, message_bus_request request) {
     const bool enabled = args[0].boolean();
     if (share_settings_change_central_storage(enabled)) {
         if (enabled) {
             file_services_manager_update_file_services();
-            dlna_manager_start(loop);
+            dlna_manager_start();
         } else {
             file_services_manager_stop_file_services();
             dlna_manager_stop();
@@ -151,43 +143,61 @@ void central_storage_set_state_callback(int32_t /*argc*/, const message_bus_arg 
     message_bus_send_no_reply(std::move(request));
 }
 
-constexpr const char *files_object = "/ws/nas/fileservices";
-constexpr const char *files_interface = "com.kelvanto.nimbrel.nas.fileservices";
-constexpr const char *central_object = "/ws/centralstorage";
-constexpr const char *central_interface = "com.kelvanto.nimbrel.centralstorage";
-constexpr message_bus_method methods[] = {
-    {files_object, files_interface, "list", fileservices_list_callback},
-    {files_object, files_interface, "setState", fileservices_set_state_callback, "s",
-     "Bad params passed to fileservices_set_state_callback"},
-    {files_object, files_interface, "changeStateCredentialsForUserShares",
-     fileservices_change_credentials_state_callback, "b",
-     "Bad params passed to fileservices_change_credentials_state_callback",
-     message_bus_refusal::silence, "Change of shares protection requested - state"},
-    {files_object, files_interface, "updateCredentialsForUserShares",
-     fileservices_update_credentials_callback, "bss",
-     "Bad params passed to fileservices_update_credentials_callback", message_bus_refusal::silence,
-     "Change of shares protection requested - state and credentials"},
-    {files_object, files_interface, "getCredentialsForUserShares",
-     fileservices_get_credentials_callback},
-    {files_object, files_interface, "getRestrictedCredentialsForUserShares",
-     fileservices_get_restricted_credentials_callback},
-    // kept: the spelling of the interface.
-    {"/com/kelvanto/pam", "com.kelvanto.authentification", "AuthRequest", pam_auth_request_callback,
-     "ss", "Bad params passed to pam_auth_request_callback"},
-    {"/com/kelvanto/nss", "com.kelvanto.passwd", "PwRequest", nss_password_request_callback, "uus",
-     "Bad params passed to nss_password_request_callback"},
-    {central_object, central_interface, "GetState", central_storage_get_state_callback},
+constexpr message_bus_method file_services_methods[] = {
+    {.member = "list", .handler = fileservices_list_callback},
+    {.member = "setState",
+     .handler = fileservices_set_state_callback,
+     .args = "s",
+     .refusal_text = "Bad params passed to fileservices_set_state_callback"},
+    {.member = "changeStateCredentialsForUserShares",
+     .handler = fileservices_change_credentials_state_callback,
+     .args = "b",
+     .refusal_text = "Bad params passed to fileservices_change_credentials_state_callback",
+     .arrival_text = "Change of shares protection requested - state"},
+    {.member = "updateCredentialsForUserShares",
+     .handler = fileservices_update_credentials_callback,
+     .args = "bss",
+     .refusal_text = "Bad params passed to fileservices_update_credentials_callback",
+     .arrival_text = "Change of shares protection requested - state and credentials"},
+    {.member = "getCredentialsForUserShares", .handler = fileservices_get_credentials_callback},
+    {.member = "getRestrictedCredentialsForUserShares",
+     .handler = fileservices_get_restricted_credentials_callback},
+};
+constexpr message_bus_method pam_methods[] = {
+    {.member = "AuthRequest",
+     .handler = pam_auth_request_callback,
+     .args = "ss",
+     .refusal_text = "Bad params passed to pam_auth_request_callback"},
+};
+constexpr message_bus_method nss_methods[] = {
+    {.member = "PwRequest",
+     .handler = nss_password_request_callback,
+     .args = "uus",
+     .refusal_text = "Bad params passed to nss_password_request_callback"},
+};
+constexpr message_bus_method central_storage_methods[] = {
+    {.member = "GetState", .handler = central_storage_get_state_callback},
     // kept: alone among the methods here it answers bad parameters too.
-    {central_object, central_interface, "SetState", central_storage_set_state_callback, "b",
-     "Bad params passed to central_storage_set_state callback", message_bus_refusal::empty_reply,
-     "Change of central storage state requested"},
+    {.member = "SetState",
+     .handler = central_storage_set_state_callback,
+     .args = "b",
+     .refusal_text = "Bad params passed to central_storage_set_state callback",
+     .refusal = message_bus_refusal::empty_reply,
+     .arrival_text = "Change of central storage state requested"},
 };
 
 }  // namespace
 
-bool file_services_request_handler_start(event_base *base) {
-    loop = base;
-    if (!message_bus_add_methods(log_category, methods)) {
+bool file_services_request_handler_start() {
+    // kept: the spelling of the second interface.
+    if (!message_bus_add_methods(log_category, "/ws/nas/fileservices",
+                                 "com.kelvanto.nimbrel.nas.fileservices", file_services_methods) ||
+        !message_bus_add_methods(log_category, "/com/kelvanto/pam", "com.kelvanto.authentification",
+                                 pam_methods) ||
+        !message_bus_add_methods(log_category, "/com/kelvanto/nss", "com.kelvanto.passwd",
+                                 nss_methods) ||
+        !message_bus_add_methods(log_category, "/ws/centralstorage",
+                                 "com.kelvanto.nimbrel.centralstorage", central_storage_methods)) {
         LOG_ERROR("message_bus_add_method_listener failed");
         return false;
     }

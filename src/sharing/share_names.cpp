@@ -51,7 +51,7 @@ std::string compared_form(std::string_view name) {
 }
 
 std::string written_label(const cJSON *partition) {
-    std::string label = nimbrelc_utils_printable(nimbrelc_utils_get_json_text(partition, "label"));
+    std::string label = printable(json_text(partition, "label"));
     std::replace(label.begin(), label.end(), ']', replacement);
     const std::string form = compared_form(label);
     // For a section without a name servers refuse the whole file, with every other share.
@@ -76,7 +76,7 @@ std::vector<named_share> share_names_of(const cJSON *partitions,
         if (!disk_record_is_mounted(partition) || (can_serve != nullptr && !can_serve(partition))) {
             continue;
         }
-        const std::string_view mount_point = nimbrelc_utils_get_json_text(partition, "mount_point");
+        const std::string_view mount_point = json_text(partition, "mount_point");
         std::string name = written_label(partition);
         std::string form = compared_form(name);
         // A partition that is announced twice is one share, written twice.

@@ -19,7 +19,7 @@ TEST(texts, cuts_and_replaces_text) {
     EXPECT_EQ(copy_trim_str("\t a b\r\n"), "a b");
     EXPECT_EQ(copy_replace_str("a-b-c", "-", "++"), "a++b-c");
     EXPECT_EQ(nimbrelc_utils_escape_quotes("say \"\\\""), "say \\\"\\\\\"");
-    EXPECT_EQ(nimbrelc_utils_printable("a\nb\x7F\x1F \xC3\xA9"), "a_b__ \xC3\xA9");
+    EXPECT_EQ(printable("a\nb\x7F\x1F \xC3\xA9"), "a_b__ \xC3\xA9");
 }
 
 }  // namespace

@@ -22,17 +22,19 @@ TEST(backup, restores_values_by_the_backups_kind) {
     const json_ptr config =
         parse(R"({"dlna":{"mediaStreamingEnabled":false},"devices":{"usbMode":"host"},)"
               R"("storage":{"enabled":false,"username":"old","password4":"p"},)"
-              R"("vpn":{"password4":"","presharedkey4":"","enable":true}})");
+              R"("vpn":{"password4":"","presharedkey4":"","enable":true},)"
+              R"("nas":{"afp":true},"list":[2]})");
     EXPECT_TRUE(backup_restore(
         config.get(),
         parse(R"({"config":{"dlna.mediaStreamingEnabled":true,"devices.usbMode":2.7,)"
               R"("storage.username":"new","storage.password4":"q","storage.password":"plain",)"
               R"("vpn.password4":"v","vpn.presharedkey4":null,"no.such.field":1,)"
-              R"("storage":1,"":1,"vpn.enable":[1],"storage.enabled":{"a":1}}})")
+              R"("list":1,"nas":null,"nas.afp":1,"":1,"vpn.enable":[1],"storage.enabled":{"a":1}}})")
             .get()));
     EXPECT_EQ(print(config), R"({"dlna":{"mediaStreamingEnabled":true},"devices":{"usbMode":2},)"
                              R"("storage":{"enabled":false,"username":"new","password4":"q"},)"
-                             R"("vpn":{"password4":"v","presharedkey4":null,"enable":true}})");
+                             R"("vpn":{"password4":"v","presharedkey4":null,"enable":true},)"
+                             R"("nas":null,"list":1})");
 }
 
 }  // namespace

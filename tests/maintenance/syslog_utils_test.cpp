@@ -34,12 +34,12 @@ protected:
 };
 
 TEST_F(syslog_utils, fires_every_timer_and_ends_with_the_first) {
-    ASSERT_TRUE(syslog_utils_configure(nullptr));
+    ASSERT_TRUE(syslog_utils_configure());
     EXPECT_EQ(document.saved("syslog.activationDate"), '"' + *print_datetime(now) + '"');
     pass(10);
     for (int files : {6, 7}) {
         set_config_item("syslog.numberOfFiles", json_ptr(cJSON_CreateNumber(files)));
-        ASSERT_TRUE(syslog_utils_configure(nullptr));
+        ASSERT_TRUE(syslog_utils_configure());
         pass(10);
     }
     EXPECT_EQ(simulated_box::timers(), 3U);
@@ -58,7 +58,7 @@ TEST_F(syslog_utils, fires_every_timer_and_ends_with_the_first) {
 
 TEST_F(syslog_utils, continues_a_period_for_what_is_left_of_it) {
     set_config_text("syslog.activationDate", print_datetime(now - 40)->c_str());
-    ASSERT_TRUE(syslog_utils_configure(nullptr));
+    ASSERT_TRUE(syslog_utils_configure());
     pass(19);
     EXPECT_TRUE(get_config_flag("syslog.persistent"));
     pass(1);
@@ -66,7 +66,7 @@ TEST_F(syslog_utils, continues_a_period_for_what_is_left_of_it) {
     // A period that ended while the daemon was down.
     set_config_flag("syslog.persistent", true);
     set_config_text("syslog.activationDate", print_datetime(now - 40)->c_str());
-    ASSERT_TRUE(syslog_utils_configure(nullptr));
+    ASSERT_TRUE(syslog_utils_configure());
     EXPECT_EQ(simulated_box::timers(), 0U);
     EXPECT_EQ(document.saved("syslog.persistent"), "false");
     EXPECT_EQ(content("/media/s6log.opts"), "s524288 n5 /var/log/syslog");

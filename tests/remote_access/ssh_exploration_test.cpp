@@ -43,7 +43,7 @@ int obey(const std::string &command, std::string &) {
 void enable(bool on) {  // as the data model does it
     set_config_flag("ssh.enable", on);
     nimbrelc_config_save();
-    ssh_configure(nullptr);
+    ssh_configure();
 }
 
 void set_minutes(uint32_t minutes) {
@@ -56,7 +56,7 @@ void restart() {
     const time_t before = end();
     simulated_box::reset_timers(simulated_box::now);
     box.document->load();
-    ssh_start(nullptr);
+    ssh_start();
     EXPECT_TRUE(before == 0 || end() == 0 || end() == before || box.clock_set);
 }
 
@@ -104,13 +104,13 @@ protected:
         set_config_item("ssh", parse(R"({"authorizedKey": "k", "enable": false,
             "externalNPPort": 2222, "activationDuration": 1, "activationDate": null})"));
         nimbrelc_config_save();
-        ssh_start(nullptr);
+        ssh_start();
     }
 
     // What holds whenever no command has failed.
     void check() {
         EXPECT_EQ(document.saved("ssh"),
-                  nimbrelc_utils_print_json_unformatted(get_config_item("ssh")).value_or(""));
+                  print_json_unformatted(get_config_item("ssh")).value_or(""));
         EXPECT_LE(running_timers.size(), 1U);
         const bool enabled = get_config_flag("ssh.enable");
         const bool ends = !running_timers.empty();

@@ -32,7 +32,7 @@ protected:
     // A daemon that starts, `age` seconds after an activation of one minute began.
     static bool start_after(int age) {
         set_config_text("ssh.activationDate", print_datetime(now - age)->c_str());
-        return ssh_start(nullptr);
+        return ssh_start();
     }
     void expect_end_after(int seconds) {
         simulated_box::take_commands();
@@ -50,7 +50,7 @@ protected:
 };
 
 TEST_F(ssh, ends_an_activation_in_time) {
-    ASSERT_TRUE(ssh_start(nullptr));
+    ASSERT_TRUE(ssh_start());
     EXPECT_EQ(simulated_box::take_commands(), (commands{key, set, start}));
     EXPECT_EQ(document.saved("ssh.activationDate"), '"' + *print_datetime(now) + '"');
     expect_end_after(60);
@@ -77,7 +77,7 @@ TEST_F(ssh, ends_what_is_past_its_deadline) {
 }
 
 TEST_F(ssh, re_times_a_running_activation) {
-    ASSERT_TRUE(ssh_start(nullptr));
+    ASSERT_TRUE(ssh_start());
     pass(30);
     ssh_set_activation_duration(mb_uint32(20000), {});
     EXPECT_EQ(document.saved("ssh.activationDuration"), is_release() ? "14400" : "20000");
@@ -105,15 +105,15 @@ TEST_F(ssh, does_nothing_for_a_bad_section) {
     for (const auto &[member, value] : rows) {
         const stored_document bad{document.saved("ssh").insert(0, "{\"ssh\":") + "}"};
         set_config_item((std::string("ssh.") + member).c_str(), parse(value));
-        EXPECT_FALSE(ssh_start(nullptr)) << member << value;
+        EXPECT_FALSE(ssh_start()) << member << value;
         EXPECT_EQ(simulated_box::take_commands(), commands{});
     }
     const stored_document none{R"({"ssh": {"authorizedKey": "k"}})"};
-    EXPECT_FALSE(ssh_start(nullptr));
+    EXPECT_FALSE(ssh_start());
     const stored_document odd{document.saved("ssh").insert(0, "{\"ssh\":") + "}"};
     for (const char *date : {"yesterday", "9999-01-01T00:00:00Z"}) {
         set_config_text("ssh.activationDate", date);
-        EXPECT_FALSE(ssh_start(nullptr));
+        EXPECT_FALSE(ssh_start());
         EXPECT_EQ(simulated_box::take_commands(), commands{key});
     }
 }
@@ -131,7 +131,7 @@ TEST_F(ssh, undoes_what_a_failing_step_leaves) {
         };
         for (const bool continued : {false, true}) {
             set_config_item("ssh.activationDate", json_ptr(cJSON_CreateNull()));
-            EXPECT_FALSE(continued ? start_after(0) : ssh_start(nullptr));
+            EXPECT_FALSE(continued ? start_after(0) : ssh_start());
             EXPECT_EQ(simulated_box::take_commands(), expected) << failing;
         }
     }
@@ -149,11 +149,11 @@ TEST_F(ssh, undoes_what_a_failing_step_leaves) {
 }
 
 TEST_F(ssh, lets_a_timer_outlive_a_disable) {
-    ASSERT_TRUE(ssh_start(nullptr));
+    ASSERT_TRUE(ssh_start());
     pass(30);
     simulated_box::take_commands();
     set_config_flag("ssh.enable", false);
-    EXPECT_TRUE(ssh_configure(nullptr));
+    EXPECT_TRUE(ssh_configure());
     EXPECT_EQ(simulated_box::take_commands(),
               is_release() ? (commands{key, stop, unset}) : (commands{key, unset, start}));
     EXPECT_EQ(simulated_box::timers(), 1U);

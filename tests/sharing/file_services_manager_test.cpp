@@ -18,7 +18,7 @@ protected:
     void SetUp() override {
         simulated_box::reset();
         disk_lists_reset();
-        file_services_manager_start(nullptr);
+        file_services_manager_start();
     }
     // Nothing is pending for ever.
     void TearDown() override {

@@ -17,45 +17,41 @@ namespace {
 constexpr const char *log_category = "message_bus";
 
 struct method_listener {
+    const char *path;
+    const char *interface;
     message_bus_method method;
-    const char *category;  // of the log lines that the method brings along
+    log_source module;
 };
 
 struct signal_listener {
     const char *interface;
-    const char *member;
-    message_bus_signal_handler handler;
+    message_bus_signal signal;
+    log_source module;
 };
 
 std::vector<method_listener> method_listeners;
 std::vector<signal_listener> signal_listeners;
 
-// --- Arguments
-
-// Signals and replies come without a message, and a call may come without an interface.
-bool check_args(const message_bus_request &request, int32_t argc, const message_bus_arg *args,
-                std::string_view signature) {
-    const char *reason = message_bus_args_mismatch(argc, args, signature);
-    if (reason == nullptr) {
-        return true;
-    }
-    DBusMessage *message = request.message();
-    const char *interface = message != nullptr ? dbus_message_get_interface(message) : nullptr;
-    const char *member = message != nullptr ? dbus_message_get_member(message) : nullptr;
-    LOG_WARN("Error validating dbus message params for %s.%s: %s",
-             interface != nullptr ? interface : "(null)", member != nullptr ? member : "(null)",
-             reason);
-    return false;
-}
-
 // --- Delivery
 
-void refuse(const method_listener &listener, message_bus_request request) {
-    const message_bus_method &method = listener.method;
-    if (method.refusal_text != nullptr) {
-        _log(listener.category, LOG_LEVEL_WARN, __FILE__, __LINE__, "%s", method.refusal_text);
+// Whether a row's handler gets to see the arguments.
+template <class Row>
+bool accepts(const Row &row, const log_source &module, const message_bus_args &args,
+             const message_bus_request &request) {
+    if (row.args == nullptr) {
+        return true;
     }
-    switch (method.refusal) {
+    // kept: where none are taken the log does not say what is wrong.
+    const bool accepted = *row.args == '\0' ? args.count() == 0
+                                            : message_bus_validate_params(request, args, row.args);
+    if (!accepted && row.refusal_text != nullptr) {
+        LOG_FOR(module, LOG_LEVEL_WARN, "%s", row.refusal_text);
+    }
+    return accepted;
+}
+
+void refuse(message_bus_refusal refusal, message_bus_request request) {
+    switch (refusal) {
         case message_bus_refusal::silence:
             break;
         case message_bus_refusal::empty_reply:
@@ -69,21 +65,15 @@ void refuse(const method_listener &listener, message_bus_request request) {
 
 void call_handler(const method_listener &listener, DBusMessage *message) {
     const message_bus_method &method = listener.method;
-    const message_bus_incoming_args args(message);
+    const message_bus_args args(message);
     message_bus_request request(message);
     if (method.arrival_text != nullptr) {
-        _log(listener.category, LOG_LEVEL_INFO, __FILE__, __LINE__, "%s", method.arrival_text);
+        LOG_FOR(listener.module, LOG_LEVEL_INFO, "%s", method.arrival_text);
     }
-    bool accepted = true;
-    if (method.args != nullptr && *method.args == '\0') {
-        accepted = args.count() == 0;  // kept: without the reason in the log
-    } else if (method.args != nullptr) {
-        accepted = check_args(request, args.count(), args.data(), method.args);
-    }
-    if (accepted) {
-        method.handler(args.count(), args.data(), std::move(request));
+    if (accepts(method, listener.module, args, request)) {
+        method.handler(args, std::move(request));
     } else {
-        refuse(listener, std::move(request));
+        refuse(method.refusal, std::move(request));
     }
 }
 
@@ -93,10 +83,10 @@ void introspect(DBusConnection *connection, DBusMessage *message) {
     for (const method_listener &listener : method_listeners) {
         const bool known =
             std::any_of(interfaces.begin(), interfaces.end(), [&listener](const char *interface) {
-                return strcmp(interface, listener.method.interface) == 0;
+                return strcmp(interface, listener.interface) == 0;
             });
-        if (!known && strcmp(listener.method.path, path) == 0) {
-            interfaces.push_back(listener.method.interface);
+        if (!known && strcmp(listener.path, path) == 0) {
+            interfaces.push_back(listener.interface);
         }
     }
     const std::string text = message_bus_describe_object(connection, path, interfaces);
@@ -107,7 +97,7 @@ void introspect(DBusConnection *connection, DBusMessage *message) {
 DBusHandlerResult dispatch_method(DBusConnection *connection, DBusMessage *message, void *) {
     const auto listener = std::find_if(
         method_listeners.begin(), method_listeners.end(), [message](const method_listener &row) {
-            return dbus_message_is_method_call(message, row.method.interface, row.method.member);
+            return dbus_message_is_method_call(message, row.interface, row.method.member);
         });
     if (listener != method_listeners.end()) {
         call_handler(*listener, message);
@@ -132,13 +122,15 @@ DBusHandlerResult filter_message(DBusConnection *, DBusMessage *message, void *)
     }
     const auto listener = std::find_if(
         signal_listeners.begin(), signal_listeners.end(), [message](const signal_listener &row) {
-            return dbus_message_is_signal(message, row.interface, row.member);
+            return dbus_message_is_signal(message, row.interface, row.signal.member);
         });
     if (listener == signal_listeners.end()) {
         return DBUS_HANDLER_RESULT_NOT_YET_HANDLED;
     }
-    const message_bus_incoming_args args(message);
-    listener->handler(args.count(), args.data());
+    const message_bus_args args(message);
+    if (accepts(listener->signal, listener->module, args, {})) {
+        listener->signal.handler(args);
+    }
     return DBUS_HANDLER_RESULT_HANDLED;
 }
 
@@ -172,25 +164,38 @@ bool register_path(const char *path) {
 }
 
 bool add_method(const method_listener &added) {
-    const message_bus_method &method = added.method;
-    const bool known = std::any_of(
-        method_listeners.begin(), method_listeners.end(), [&method](const auto &listener) {
-            return listener.method.handler == method.handler &&
-                   strcmp(listener.method.path, method.path) == 0 &&
-                   strcmp(listener.method.interface, method.interface) == 0 &&
-                   strcmp(listener.method.member, method.member) == 0;
+    const bool known =
+        std::any_of(method_listeners.begin(), method_listeners.end(), [&added](const auto &row) {
+            return row.method.handler == added.method.handler &&
+                   strcmp(row.path, added.path) == 0 &&
+                   strcmp(row.interface, added.interface) == 0 &&
+                   strcmp(row.method.member, added.method.member) == 0;
         });
     // kept: a served method gets a signal's match rule too, and where the bus refuses it the method
     // is silently not served.
-    if (known || !add_match_rule(method.interface, method.member)) {
+    if (known || !add_match_rule(added.interface, added.method.member)) {
         return true;
     }
-    if (!register_path(method.path)) {
-        LOG_WARN("failed to register dbus object path: %s %s.%s", method.path, method.interface,
-                 method.member);
+    if (!register_path(added.path)) {
+        LOG_WARN("failed to register dbus object path: %s %s.%s", added.path, added.interface,
+                 added.method.member);
         return false;
     }
     method_listeners.push_back(added);
+    return true;
+}
+
+// kept: a refused match rule counts as success, as for methods.
+bool add_signal(const signal_listener &added) {
+    const bool known =
+        std::any_of(signal_listeners.begin(), signal_listeners.end(), [&added](const auto &row) {
+            return row.signal.handler == added.signal.handler &&
+                   strcmp(row.interface, added.interface) == 0 &&
+                   strcmp(row.signal.member, added.signal.member) == 0;
+        });
+    if (!known && add_match_rule(added.interface, added.signal.member)) {
+        signal_listeners.push_back(added);
+    }
     return true;
 }
 
@@ -239,27 +244,26 @@ bool message_bus_new(event_base *base) {
 
 bool message_bus_add_method_listener(const char *path, const char *interface, const char *member,
                                      message_bus_method_handler handler) {
-    return add_method({{path, interface, member, handler}, log_category});
-}
-
-bool message_bus_add_methods(const char *category, std::span<const message_bus_method> methods) {
-    return std::all_of(methods.begin(), methods.end(), [category](const auto &method) {
-        return add_method({method, category});
-    });
+    return add_method({path, interface, {.member = member, .handler = handler}, log_category});
 }
 
 bool message_bus_add_signal_listener(const char *interface, const char *member,
                                      message_bus_signal_handler handler) {
-    const bool known =
-        std::any_of(signal_listeners.begin(), signal_listeners.end(), [&](const auto &listener) {
-            return listener.handler == handler && strcmp(listener.interface, interface) == 0 &&
-                   strcmp(listener.member, member) == 0;
-        });
-    // kept: a refused match rule counts as success, as for methods.
-    if (!known && add_match_rule(interface, member)) {
-        signal_listeners.push_back({interface, member, handler});
-    }
-    return true;
+    return add_signal({interface, {.member = member, .handler = handler}, log_category});
+}
+
+bool message_bus_add_methods(const log_source &module, const char *path, const char *interface,
+                             std::span<const message_bus_method> methods) {
+    return std::all_of(methods.begin(), methods.end(), [&](const message_bus_method &row) {
+        return add_method({path, interface, row, module});
+    });
+}
+
+bool message_bus_add_signals(const log_source &module, const char *interface,
+                             std::span<const message_bus_signal> signals) {
+    return std::all_of(signals.begin(), signals.end(), [&](const message_bus_signal &row) {
+        return add_signal({interface, row, module});
+    });
 }
 
 bool message_bus_send_no_reply(message_bus_request request) {
@@ -310,12 +314,18 @@ bool message_bus_send_signal_with_args(const char *path, const char *interface, 
     return true;
 }
 
-bool message_bus_validate_params(const message_bus_request &request, int32_t argc,
-                                 const message_bus_arg *args,
-                                 std::initializer_list<int32_t> codes) {
-    std::string signature;
-    for (const int32_t code : codes) {
-        signature += message_bus_type_letter(code);
+bool message_bus_validate_params(const message_bus_request &request, const message_bus_args &args,
+                                 const char *signature) {
+    const char *reason = args.mismatch(signature);
+    if (reason == nullptr) {
+        return true;
     }
-    return check_args(request, argc, args, signature);
+    // Signals and replies come without a message, and a call may come without an interface.
+    DBusMessage *message = request.message();
+    const char *interface = message != nullptr ? dbus_message_get_interface(message) : nullptr;
+    const char *member = message != nullptr ? dbus_message_get_member(message) : nullptr;
+    LOG_WARN("Error validating dbus message params for %s.%s: %s",
+             interface != nullptr ? interface : "(null)", member != nullptr ? member : "(null)",
+             reason);
+    return false;
 }

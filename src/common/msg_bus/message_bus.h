@@ -3,16 +3,16 @@
 // lists of four basic types. Everything runs on the loop's thread.
 #pragma once
 
-#include <event2/event.h>
-
 #include <cstdint>
 #include <initializer_list>
 #include <span>
 
-#include "common/bus_message_ptr.h"
+#include "common/logger.h"
 #include "common/msg_bus/message_bus_args.h"
 #include "common/msg_bus/message_bus_connection.h"
 #include "common/unique_function.h"
+
+struct event_base;
 
 // An incoming method call that waits for its answer. Each reply operation consumes it; one that
 // goes out of scope unanswered leaves the caller to its time-out.
@@ -42,25 +42,23 @@ private:
     bus_message_ptr message_;
 };
 
-// `args` holds the first min(argc, message_bus_max_args) arguments.
-using message_bus_method_handler = void (*)(int32_t argc, const message_bus_arg *args,
+using message_bus_method_handler = void (*)(const message_bus_args &args,
                                             message_bus_request request);
-using message_bus_signal_handler = void (*)(int32_t argc, const message_bus_arg *args);
-// argc is -1 and args null when the call failed.
-using message_bus_reply_cb = void (*)(int32_t argc, const message_bus_arg *args);
+using message_bus_signal_handler = void (*)(const message_bus_args &args);
+// The arguments' count is -1 when the call failed.
+using message_bus_reply_cb = void (*)(const message_bus_args &args);
 // The same with context, held as captured state and released after the reply.
-using message_bus_reply_ctx_cb = unique_function<void(int32_t argc, const message_bus_arg *args)>;
+using message_bus_reply_ctx_cb = unique_function<void(const message_bus_args &args)>;
 // The same for a call that is made to answer a request, which comes back with the reply.
 using message_bus_answer =
-    unique_function<void(int32_t argc, const message_bus_arg *args, message_bus_request request)>;
+    unique_function<void(const message_bus_args &args, message_bus_request request)>;
 
 // What a caller gets whose arguments are refused.
 enum class message_bus_refusal { silence, empty_reply, false_reply };
 
-// One served method. All texts are kept by pointer and must outlive the process.
+// One served method of an object, one signal that is listened to. All texts are kept by pointer and
+// must outlive the process.
 struct message_bus_method {
-    const char *path;
-    const char *interface;
     const char *member;
     message_bus_method_handler handler;
     // The arguments that the handler gets to see, as a D-Bus signature ("" for none); null lets it
@@ -69,6 +67,12 @@ struct message_bus_method {
     const char *refusal_text = nullptr;  // logged at WARN when others come
     message_bus_refusal refusal = message_bus_refusal::silence;
     const char *arrival_text = nullptr;  // logged at INFO for every call, before a refusal
+};
+struct message_bus_signal {
+    const char *member;
+    message_bus_signal_handler handler;
+    const char *args = nullptr;
+    const char *refusal_text = nullptr;
 };
 
 // Binds the module to the loop and connects to the system bus. A second call with the same loop
@@ -81,13 +85,16 @@ bool message_bus_new(event_base *base);
 bool message_bus_add_method_listener(const char *path, const char *interface, const char *member,
                                      message_bus_method_handler handler);
 
-// The same for the rows of a module's table, up to the first failure. What the rows have logged
-// goes under its category.
-bool message_bus_add_methods(const char *category, std::span<const message_bus_method> methods);
-
 // Delivers the signal to `handler`, whoever sent it; otherwise as above.
 bool message_bus_add_signal_listener(const char *interface, const char *member,
                                      message_bus_signal_handler handler);
+
+// The same for the rows of a table, up to the first failure. What the rows have logged is logged
+// for the module.
+bool message_bus_add_methods(const log_source &module, const char *path, const char *interface,
+                             std::span<const message_bus_method> methods);
+bool message_bus_add_signals(const log_source &module, const char *interface,
+                             std::span<const message_bus_signal> signals);
 
 // Asynchronous calls. True when the call was queued; the callback (may be null) then runs once, on
 // the reply, on an error or on the library's default time-out. On false it never runs.
@@ -127,7 +134,8 @@ bool message_bus_send_signal(const char *path, const char *interface, const char
 bool message_bus_send_signal_with_args(const char *path, const char *interface, const char *name,
                                        std::initializer_list<message_bus_arg> args);
 
-// True when the arguments have exactly the types `codes`; otherwise logs the reason. The request is
-// neither answered nor released. Signals and replies have no request: they pass an empty one.
-bool message_bus_validate_params(const message_bus_request &request, int32_t argc,
-                                 const message_bus_arg *args, std::initializer_list<int32_t> codes);
+// True when the arguments have exactly the types of `signature`; otherwise logs the reason. The
+// request is neither answered nor released. Signals and replies have no request: they pass an empty
+// one.
+bool message_bus_validate_params(const message_bus_request &request, const message_bus_args &args,
+                                 const char *signature);

@@ -21,6 +21,11 @@ constexpr struct {
     {MB_ARG_BOOLEAN, DBUS_TYPE_BOOLEAN},
 };
 
+// The letter of a type in a signature; "?", which nothing matches, for an unknown type.
+char type_letter(int32_t type) {
+    return message_bus_is_known_type(type) ? static_cast<char>(types[type - 1].bus_type) : '?';
+}
+
 message_bus_arg read_arg(DBusMessageIter &iterator, int bus_type) {
     message_bus_arg arg;
     const auto row =
@@ -81,24 +86,42 @@ bool append_arg(DBusMessageIter &iterator, const message_bus_arg &arg) {
     }
     const dbus_uint32_t value =
         arg.type == MB_ARG_BOOLEAN ? dbus_uint32_t{arg.word != 0} : arg.word;
-    return dbus_message_iter_append_basic(&iterator, message_bus_type_letter(arg.type), &value);
+    return dbus_message_iter_append_basic(&iterator, type_letter(arg.type), &value);
 }
 
 }  // namespace
 
-message_bus_incoming_args::message_bus_incoming_args(DBusMessage *message) {
+message_bus_args::message_bus_args(DBusMessage *message) : count_(0) {
     DBusMessageIter iterator;
     if (!dbus_message_iter_init(message, &iterator)) {
         return;
     }
     int bus_type = DBUS_TYPE_INVALID;
     while ((bus_type = dbus_message_iter_get_arg_type(&iterator)) != DBUS_TYPE_INVALID) {
-        if (count_ < message_bus_max_args) {
+        if (static_cast<size_t>(count_) < values_.size()) {
             values_[static_cast<size_t>(count_)] = read_arg(iterator, bus_type);
         }
         ++count_;
         dbus_message_iter_next(&iterator);
     }
+}
+
+std::span<const message_bus_arg> message_bus_args::values() const {
+    const auto came = static_cast<size_t>(std::max(count_, 0));
+    return {values_.data(), std::min(came, values_.size())};
+}
+
+const char *message_bus_args::mismatch(std::string_view signature) const {
+    if (count_ < 0) {
+        return "error reading parameters";
+    }
+    if (static_cast<size_t>(count_) != signature.size()) {
+        return "count mismatch";
+    }
+    const bool equal = std::equal(
+        signature.begin(), signature.end(), values_.begin(),
+        [](char letter, const message_bus_arg &arg) { return type_letter(arg.type) == letter; });
+    return equal ? nullptr : "type mismatch";
 }
 
 const message_bus_arg *message_bus_append_args(DBusMessage *message,
@@ -127,10 +150,9 @@ bool message_bus_append_list(DBusMessage *message, std::span<const message_bus_a
 
 bool message_bus_fits(DBusMessage *message) {
     constexpr size_t max_text = size_t{16} * 1024 * 1024;
-    const message_bus_incoming_args args(message);
+    const message_bus_args args(message);
     size_t total = 0;
-    for (int32_t i = 0; i < std::min(args.count(), message_bus_max_args); ++i) {
-        const message_bus_arg &arg = args.data()[i];
+    for (const message_bus_arg &arg : args.values()) {
         total += arg.type == MB_ARG_STRING ? strlen(arg.string) : 0;
     }
     return total <= max_text;
@@ -138,23 +160,4 @@ bool message_bus_fits(DBusMessage *message) {
 
 bool message_bus_is_known_type(int32_t type) {
     return type >= MB_ARG_STRING && type <= MB_ARG_BOOLEAN;
-}
-
-const char *message_bus_args_mismatch(int32_t argc, const message_bus_arg *args,
-                                      std::string_view signature) {
-    if (argc < 0) {
-        return "error reading parameters";
-    }
-    if (static_cast<size_t>(argc) != signature.size()) {
-        return "count mismatch";
-    }
-    const bool equal = std::equal(signature.begin(), signature.end(), args,
-                                  [](char letter, const message_bus_arg &arg) {
-                                      return message_bus_type_letter(arg.type) == letter;
-                                  });
-    return equal ? nullptr : "type mismatch";
-}
-
-char message_bus_type_letter(int32_t type) {
-    return message_bus_is_known_type(type) ? static_cast<char>(types[type - 1].bus_type) : '?';
 }

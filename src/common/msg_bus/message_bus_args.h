@@ -4,10 +4,15 @@
 #include <dbus/dbus.h>
 
 #include <array>
+#include <cstddef>
 #include <cstdint>
 #include <span>
 #include <string>
 #include <string_view>
+
+#include "common/handle.h"
+
+using bus_message_ptr = handle<DBusMessage, dbus_message_unref>;
 
 // Argument types, the same numbers in every direction. An incoming argument of any other bus type
 // carries code 0 and no value.
@@ -46,27 +51,38 @@ inline message_bus_arg mb_int32(int32_t value) {
     return {.type = MB_ARG_INT32, .word = static_cast<uint32_t>(value)};
 }
 inline message_bus_arg mb_boolean(bool value) {
-    return {.type = MB_ARG_BOOLEAN, .word = value ? 1U : 0U};
+    return {.type = MB_ARG_BOOLEAN, .word = value};
 }
 
-// How many arguments a callback gets to see; `argc` counts all that came.
-constexpr int32_t message_bus_max_args = 16;
+// How many arguments a callback gets to see.
+constexpr size_t message_bus_max_args = 16;
 
-// The arguments of one incoming message, for the time of one callback.
-class message_bus_incoming_args {
+// The arguments of one message, for the time of one callback.
+class message_bus_args {
 public:
-    explicit message_bus_incoming_args(DBusMessage *message);
+    // Those of a call that failed.
+    message_bus_args() = default;
+    explicit message_bus_args(DBusMessage *message);
 
-    // All that came; `data` holds the first message_bus_max_args of them, null when there are none.
+    // All that came, also those beyond message_bus_max_args; -1 when the call failed.
     int32_t count() const {
         return count_;
     }
-    const message_bus_arg *data() const {
-        return count_ == 0 ? nullptr : values_.data();
+    const message_bus_arg &operator[](size_t index) const {
+        return values_[index];
+    }
+    // The ones to be seen.
+    std::span<const message_bus_arg> values() const;
+
+    // Why they are not exactly of the types in `signature` ("sub"; one letter each), null when they
+    // are.
+    const char *mismatch(std::string_view signature) const;
+    bool are(std::string_view signature) const {
+        return mismatch(signature) == nullptr;
     }
 
 private:
-    int32_t count_ = 0;
+    int32_t count_ = -1;
     std::array<message_bus_arg, message_bus_max_args> values_;
 };
 
@@ -83,11 +99,3 @@ bool message_bus_append_list(DBusMessage *message, std::span<const message_bus_a
 bool message_bus_fits(DBusMessage *message);
 
 bool message_bus_is_known_type(int32_t type);
-
-// Why the arguments are not exactly of the types in `signature` ("sub"; one letter each), null when
-// they are. An `argc` below zero stands for arguments that could not be read.
-const char *message_bus_args_mismatch(int32_t argc, const message_bus_arg *args,
-                                      std::string_view signature);
-
-// The letter of a type in a signature; "?", which nothing matches, for an unknown type.
-char message_bus_type_letter(int32_t type);

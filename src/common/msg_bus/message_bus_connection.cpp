@@ -1,9 +1,11 @@
 #include "common/msg_bus/message_bus_connection.h"
 
+#include <event2/event.h>
+
 #include <cstdlib>
 
 #include "common/bus_error.h"
-#include "common/event_ptr.h"
+#include "common/handle.h"
 #include "common/logger.h"
 
 namespace {
@@ -14,7 +16,7 @@ constexpr const char *log_category = "message_bus";
 struct {
     DBusConnection *connection = nullptr;
     event_base *base = nullptr;
-    event_ptr dispatch;
+    handle<event, event_free> dispatch;
 } bus;
 
 void dispatch_callback(evutil_socket_t, short, void *) {

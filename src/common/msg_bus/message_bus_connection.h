@@ -2,7 +2,8 @@
 #pragma once
 
 #include <dbus/dbus.h>
-#include <event2/event.h>
+
+struct event_base;
 
 // Binds the connection to the loop and opens it; `filter` sees every incoming message first. A
 // second call with the same loop changes nothing; one with another loop fails.

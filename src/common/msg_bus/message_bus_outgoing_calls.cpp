@@ -33,9 +33,9 @@ bool append_table(DBusMessage *message, std::span<const message_bus_arg> table) 
     return false;
 }
 
-void call_failed(message_bus_reply_ctx_cb &reply_cb) {
+void deliver(message_bus_reply_ctx_cb &reply_cb, const message_bus_args &args) {
     if (reply_cb) {
-        reply_cb(-1, nullptr);
+        reply_cb(args);
     }
 }
 
@@ -45,21 +45,17 @@ void reply_arrived(DBusPendingCall *pending, void *data) {
     DBusConnection *connection = dbus_bus_get(DBUS_BUS_SYSTEM, &error);
     if (connection == nullptr) {
         LOG_WARN("Failed to open connection to activating message bus: %s", error.message);
-        call_failed(reply_cb);
+        deliver(reply_cb, {});
         return;
     }
     const bus_message_ptr reply(dbus_pending_call_steal_reply(pending));
     message_bus_calls_reply(reply.get());
     switch (dbus_message_get_type(reply.get())) {
-        case DBUS_MESSAGE_TYPE_METHOD_RETURN: {
-            const message_bus_incoming_args args(reply.get());
-            if (reply_cb) {
-                reply_cb(args.count(), args.data());
-            }
+        case DBUS_MESSAGE_TYPE_METHOD_RETURN:
+            deliver(reply_cb, message_bus_args(reply.get()));
             break;
-        }
         case DBUS_MESSAGE_TYPE_ERROR:
-            call_failed(reply_cb);
+            deliver(reply_cb, {});
             break;
         default:
             LOG_WARN("Unexpected message received");
@@ -73,13 +69,7 @@ void free_reply_cb(void *data) {
         static_cast<message_bus_reply_ctx_cb *>(data));
 }
 
-struct pending_call_deleter {
-    void operator()(DBusPendingCall *pending) const {
-        dbus_pending_call_unref(pending);
-    }
-};
-
-using pending_call_ptr = std::unique_ptr<DBusPendingCall, pending_call_deleter>;
+using pending_call_ptr = handle<DBusPendingCall, dbus_pending_call_unref>;
 
 // Queues the call; none on failure.
 pending_call_ptr queue_call(const char *destination, const char *path, const char *interface,
@@ -169,8 +159,8 @@ bool message_bus_call_method_for_request(const char *destination, const char *pa
     const pending_call_ptr pending = queue_call(destination, path, interface, method, args, {});
     if (!pending ||
         !deliver_to(pending, [waiting = request.without_arguments(), answer = std::move(answer)](
-                                 int32_t argc, const message_bus_arg *values) mutable {
-            answer(argc, values, std::move(waiting));
+                                 const message_bus_args &args_of_reply) mutable {
+            answer(args_of_reply, std::move(waiting));
         })) {
         return false;
     }
