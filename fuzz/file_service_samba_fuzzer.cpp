@@ -33,9 +33,8 @@ void fuzz(std::string_view input) {
         return;  // nothing else comes by the bus
     }
     std::ofstream("/media/samba.config") << text;
-    int status = -1;
     std::string read;
-    const int result = launch("testparm -s /media/samba.config 2>/dev/null", &status, &read);
-    must(launch_succeeded(result, status), "Samba takes the file");
+    must(launch_succeeds(&read, "testparm -s /media/samba.config 2>/dev/null"),
+         "Samba takes the file");
     must(paths(read) == paths(text), "Samba shares what is written");
 }

@@ -1,7 +1,5 @@
 #include "platform/launch.h"
 
-#include <cstdarg>
-#include <cstdio>
 #include <utility>
 
 #include "simulated/simulated_box.h"
@@ -40,15 +38,6 @@ std::vector<std::string> simulated_box::take_commands() {
 }
 
 int launch(const char *command, int *status, std::string *output) {
-    return record(command, status, output);
-}
-
-int launch_with_args(const char *format, int *status, std::string *output, ...) {
-    char command[1024];
-    va_list arguments;
-    va_start(arguments, output);
-    vsnprintf(command, sizeof command, format, arguments);
-    va_end(arguments);
     return record(command, status, output);
 }
 

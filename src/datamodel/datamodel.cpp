@@ -103,14 +103,13 @@ bool push_provisioning_state() {
         refuse_provisioning_state();
         return false;
     }
-    int status = -1;
     // Not looked at, but read: the tool could fail on an output that nobody reads.
     std::string output;
-    const int result = launch_with_args(
+    return launch_succeeds(
+        &output,
         "dbus-send --print-reply --system --dest=com.softathome.dm /AP com.softathome.dm.AP.set "
         "dict:string:string:\"ProvisioningState\",\"%s\"",
-        &status, &output, launch_escape_quoted(state->valuestring).c_str());
-    return launch_succeeded(result, status);
+        launch_escape_quoted(state->valuestring).c_str());
 }
 
 bool provisioning_state_setter(const message_bus_arg &value, message_bus_request request) {

@@ -76,10 +76,7 @@ bool serial_console_traces_enabled_setter(const message_bus_arg &value,
         LOG_WARN("Bad params passed to serial_console_traces_enabled_setter");
         return message_bus_send_bool_reply(std::move(request), false);
     }
-    int status = -1;
-    const int result =
-        launch_with_args("sudo dmesg %s", &status, nullptr, value.boolean() ? "-E" : "-D");
-    if (!launch_succeeded(result, status)) {
+    if (!launch_succeeds(nullptr, "sudo dmesg %s", value.boolean() ? "-E" : "-D")) {
         // kept: the marker decides the answer, also when the kernel did not follow.
         LOG_ERROR("Failed to set console logging level");
     }

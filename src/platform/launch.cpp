@@ -8,7 +8,6 @@
 
 #include <cerrno>
 #include <csignal>
-#include <cstdarg>
 #include <cstdio>
 #include <cstring>
 #include <optional>
@@ -97,7 +96,7 @@ void drop_output(const shell &child) {
 // pclose(): the raw wait status, or -1.
 int end_shell(shell &child) {
     child.output.reset();
-    int status = -1;
+    int status = 0;
     return waitpid(child.process, &status, 0) == -1 ? -1 : status;
 }
 
@@ -202,26 +201,6 @@ int launch(const char *command, int *status, std::string *output) {
         *status = child_status;
     }
     return LAUNCH_OK;
-}
-
-int launch_with_args(const char *format, int *status, std::string *output, ...) {
-    va_list arguments;
-    va_start(arguments, output);
-    va_list again;
-    va_copy(again, arguments);
-    const int measured = vsnprintf(nullptr, 0, format, arguments);
-    std::string command(measured > 0 ? static_cast<size_t>(measured) : 0, '\0');
-    const int written = vsnprintf(command.data(), command.size() + 1, format, again);
-    va_end(again);
-    va_end(arguments);
-    if (measured < 0 || written != measured) {
-        LOG_ERROR("vsnprintf failed: %s", strerror(errno));
-        if (output) {
-            output->clear();
-        }
-        return LAUNCH_ERROR;
-    }
-    return launch(command.c_str(), status, output);
 }
 
 int launch_one(const char *const argv[], int *status) {

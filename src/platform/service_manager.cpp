@@ -30,31 +30,23 @@ struct service_state {
 std::vector<service_state> known_states;
 
 // The launcher's own failures are passed on; any exit status but zero is -1.
-int command_result(int launched, int status) {
-    if (launched != LAUNCH_OK) {
-        return launched;
-    }
-    return status == 0 ? 0 : -1;
+int control(const char *format, char letter, const char *name) {
+    service_manager_forget_states();
+    int status = 0;
+    const int launched = launch_with_args(format, &status, nullptr, letter, name);
+    return launched == LAUNCH_OK && status != 0 ? -1 : launched;
 }
 
 int control_one(char letter, const char *name) {
-    service_manager_forget_states();
-    int status = -1;
-    const int launched =
-        launch_with_args("sudo s6-svc -%c /run/service/%s", &status, nullptr, letter, name);
-    return command_result(launched, status);
+    return control("sudo s6-svc -%c /run/service/%s", letter, name);
 }
 
 int change_set(char direction, const char *name) {
-    service_manager_forget_states();
-    int status = -1;
-    const int launched =
-        launch_with_args("sudo s6-rc -%c change %s", &status, nullptr, direction, name);
-    return command_result(launched, status);
+    return control("sudo s6-rc -%c change %s", direction, name);
 }
 
 int ask_state(const char *name, bool &is_up) {
-    int status = -1;
+    int status = 0;
     std::string output;
     const int launched = launch_with_args("sudo s6-svstat /run/service/%s", &status, &output, name);
     if (launched != LAUNCH_OK) {

@@ -9,11 +9,11 @@ namespace {
 constexpr const char *log_category = "firewall";
 
 bool run_firewall_script(const char *mode) {
-    int status = -1;
-    const int result = launch_with_args("sudo /usr/bin/scripts/firewallctl %s %s", &status, nullptr,
-                                        mode, is_release() ? "release" : "debug");
-    return launch_succeeded_or_log(result, status, log_category, "Failed to run firewallctl",
-                                   "firewallctl exited with status: %d");
+    return launch_or_log(
+        log_category,
+        {.not_run = "Failed to run firewallctl", .exited = "firewallctl exited with status: %d"},
+        nullptr, "sudo /usr/bin/scripts/firewallctl %s %s", mode,
+        is_release() ? "release" : "debug");
 }
 
 }  // namespace

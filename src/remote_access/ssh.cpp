@@ -39,6 +39,7 @@ constexpr int max_external_port = 65534;
 constexpr const char *firewall_zone = "internal";
 constexpr const char *firewall_slot = "100";
 
+constexpr char set_forwarding_not_run[] = "Failed run set_port_forwarding.sh";
 constexpr char endless_activation_text[] =
     "On devel builds activationDuration=0 means infinite ssh activation. No timer set up.";
 
@@ -81,39 +82,35 @@ bool is_configuration_valid() {
 bool install_authorized_key() {
     const std::string key = launch_escape_quoted(
         nimbrelc_utils_empty_if_null_json(get_config_item(authorized_key_path)));
-    int status = -1;
-    const int result = launch_with_args("sudo /usr/bin/scripts/ssh/set_auth_key.sh \"%s\"", &status,
-                                        nullptr, key.c_str());
-    return launch_succeeded_or_log(
-        result, status, log_category, "Failed to save the authorized key - set_auth_key",
-        "Failed to save the authorized key - set_auth_key exited with status: %d");
+    return launch_or_log(
+        log_category,
+        {.not_run = "Failed to save the authorized key - set_auth_key",
+         .exited = "Failed to save the authorized key - set_auth_key exited with status: %d"},
+        nullptr, "sudo /usr/bin/scripts/ssh/set_auth_key.sh \"%s\"", key.c_str());
 }
 
 bool set_port_forwarding() {
     LOG_INFO("Set port forwarding");
     const cJSON *port = get_config_item(external_port_path);
-    int status = -1;
-    int result = LAUNCH_ERROR;
-    if (cJSON_IsNumber(port)) {
-        result = launch_with_args(
-            "sudo /usr/bin/scripts/firewall/set_port_forwarding.sh %s %s %d %d \"%s\"", &status,
-            nullptr, firewall_zone, firewall_slot, port->valueint, server_port,
-            "Remote SSH Access");
+    if (!cJSON_IsNumber(port)) {
+        LOG_ERROR(set_forwarding_not_run);
+        return false;
     }
-    return launch_succeeded_or_log(result, status, log_category,
-                                   "Failed run set_port_forwarding.sh",
-                                   "set_port_forwarding.sh exited with status: %d");
+    return launch_or_log(
+        log_category,
+        {.not_run = set_forwarding_not_run,
+         .exited = "set_port_forwarding.sh exited with status: %d"},
+        nullptr, "sudo /usr/bin/scripts/firewall/set_port_forwarding.sh %s %s %d %d \"%s\"",
+        firewall_zone, firewall_slot, port->valueint, server_port, "Remote SSH Access");
 }
 
 bool delete_port_forwarding() {
     LOG_INFO("Delete port forwarding");
-    int status = -1;
-    const int result =
-        launch_with_args("sudo /usr/bin/scripts/firewall/delete_port_forwarding.sh %s %s", &status,
-                         nullptr, firewall_zone, firewall_slot);
-    return launch_succeeded_or_log(result, status, log_category,
-                                   "Failed to run delete_port_forwarding.sh",
-                                   "delete_port_forwarding.sh exited with status: %d");
+    return launch_or_log(log_category,
+                         {.not_run = "Failed to run delete_port_forwarding.sh",
+                          .exited = "delete_port_forwarding.sh exited with status: %d"},
+                         nullptr, "sudo /usr/bin/scripts/firewall/delete_port_forwarding.sh %s %s",
+                         firewall_zone, firewall_slot);
 }
 
 bool start_server() {

@@ -56,12 +56,12 @@ constexpr forwarded_port forwarded_ports[] = {
 };
 
 const char *port_status(const forwarded_port &port) {
-    int status = -1;
-    if (launch_with_args("sudo /usr/bin/scripts/vpn/getPortForwardingStatus.sh %u %s", &status,
+    int code = LAUNCH_ERROR;
+    if (launch_with_args("sudo /usr/bin/scripts/vpn/getPortForwardingStatus.sh %u %s", &code,
                          nullptr, port.number, port.rule) != LAUNCH_OK) {
         LOG_ERROR("Failed run getPortForwardingStatus.sh");
     }
-    return status == 0 ? "PORT_IS_FREE" : "PORT_IN_USE";
+    return code == 0 ? "PORT_IS_FREE" : "PORT_IN_USE";
 }
 
 // The members that both kinds of configuration reply begin with.
@@ -274,30 +274,19 @@ void get_last_connection_details_callback(const message_bus_args & /*args*/,
     reply_json(std::move(request), details.get());
 }
 
-std::optional<std::string> read_devices() {
-    int status = -1;
-    std::string output;
-    const int result =
-        launch_with_args("sudo /usr/bin/scripts/vpn/getConnectedDevices.sh", &status, &output);
-    if (!launch_succeeded_or_log(result, status, log_category, "Failed run getConnectedDevices.sh",
-                                 "getConnectedDevices.sh failed with status: %d")) {
-        return std::nullopt;
-    }
-    if (output.empty()) {
-        return std::nullopt;
-    }
-    return output;
-}
-
 void get_devices_callback(const message_bus_args & /*args*/, message_bus_request request) {
-    const std::optional<std::string> output = read_devices();
-    if (!output) {
+    std::string output;
+    const bool listed = launch_or_log(log_category,
+                                      {.not_run = "Failed run getConnectedDevices.sh",
+                                       .exited = "getConnectedDevices.sh failed with status: %d"},
+                                      &output, "sudo /usr/bin/scripts/vpn/getConnectedDevices.sh");
+    if (!listed || output.empty()) {
         LOG_ERROR("get_devices() failed");
         message_bus_send_no_reply(std::move(request));
         return;
     }
-    const json_ptr devices = vpn_devices_parse(*output);
-    LOG_INFO("%s", output->c_str());
+    const json_ptr devices = vpn_devices_parse(output);
+    LOG_INFO("%s", output.c_str());
     reply_json(std::move(request), devices.get());
 }
 

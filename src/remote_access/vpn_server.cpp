@@ -57,12 +57,11 @@ bool vpn_write_configuration() {
     const std::string password_argument = secret_argument(password);
     const std::string key_argument =
         secret_argument(get_config_item(stored_vpn_preshared_key.path));
-    int status = -1;
-    const int result =
-        launch_with_args("sudo /usr/bin/scripts/vpn/updateConfig.sh %s %s %s", &status, nullptr,
+    return launch_or_log(log_category,
+                         {.not_run = "Failed run updateConfig.sh",
+                          .exited = "updateConfig.sh exited with status: %d"},
+                         nullptr, "sudo /usr/bin/scripts/vpn/updateConfig.sh %s %s %s",
                          name_argument.c_str(), password_argument.c_str(), key_argument.c_str());
-    return launch_succeeded_or_log(result, status, log_category, "Failed run updateConfig.sh",
-                                   "updateConfig.sh exited with status: %d");
 }
 
 bool vpn_start_daemons() {

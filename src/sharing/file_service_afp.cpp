@@ -7,7 +7,6 @@
 #include <cerrno>
 #include <csignal>
 #include <cstring>
-#include <memory>
 #include <optional>
 #include <set>
 
@@ -35,13 +34,6 @@ constexpr file_service_times action_times = {.start = 10, .stop = 5, .reload = 3
 
 // --- CNID directories
 
-struct directory_deleter {
-    void operator()(DIR *directory) const {
-        closedir(directory);
-    }
-};
-using directory_ptr = std::unique_ptr<DIR, directory_deleter>;
-
 bool is_directory(DIR *parent, const dirent *entry) {
     if (entry->d_type != DT_UNKNOWN) {
         return entry->d_type == DT_DIR;
@@ -55,9 +47,8 @@ void remove_cnid_directory(const char *name) {
     LOG_INFO("Removing unnecessary CNID dir: %s", name);
     const char *const remove_directory[] = {
         "/usr/bin/sudo", "/bin/sh", "/usr/bin/scripts/remove_afp_cnid_dir.sh", name, nullptr};
-    int status = -1;
-    const int result = launch_one(remove_directory, &status);
-    if (launch_succeeded(result, status)) {
+    int status = 0;
+    if (launch_one(remove_directory, &status) == LAUNCH_OK && status == 0) {
         LOG_INFO("CNID dir %s successfully removed", name);
     } else {
         LOG_ERROR("Failed to remove dir %s", name);
@@ -77,7 +68,7 @@ std::set<std::string> cnid_directories_of(const cJSON *partitions) {
 
 bool remove_unnecessary_cnid_directories(const cJSON *partitions) {
     const std::set<std::string> needed = cnid_directories_of(partitions);
-    const directory_ptr directory(opendir(cnid_directory));
+    const handle<DIR, closedir> directory(opendir(cnid_directory));
     if (!directory) {
         LOG_ERROR("Fetching contents of APF CNID dir failed: %s", strerror(errno));
         return false;

@@ -41,9 +41,8 @@ bool save_password(const std::string &password) {
                                             "default",
                                             nullptr};
     const std::string twice = password + "\n" + password;
-    int status = -1;
-    const int result = launch_and_write(set_password, &status, twice.c_str());
-    return launch_succeeded(result, status);
+    int status = 0;
+    return launch_and_write(set_password, &status, twice.c_str()) == LAUNCH_OK && status == 0;
 }
 
 bool write_aliases(const storage_config &protection) {
@@ -77,13 +76,13 @@ bool disable_protection() {
     if (remove(users_map) != 0) {
         LOG_WARN("Failed to remove sambausers.map: %s", strerror(errno));
     }
-    int status = -1;
+    int ended = -1;
     const int result =
         launch("/usr/bin/sudo /usr/bin/smbpasswd -c /tmp/nimbrel/configs/samba.config -an default",
-               &status, nullptr);
-    if (!launch_succeeded(result, status)) {
+               &ended, nullptr);
+    if (result != LAUNCH_OK || ended != 0) {
         LOG_ERROR("Failed to reset samba password: %d %d", result,
-                  WIFEXITED(status) ? WEXITSTATUS(status) : status);
+                  WIFEXITED(ended) ? WEXITSTATUS(ended) : ended);
         LOG_ERROR("Failed to disable samba shares protection");
         return false;
     }
