@@ -47,10 +47,9 @@ void fuzz(std::string_view input) {
     }
     lcd_show_event(said.c_str(), LCD_EVENT_SD_ATTACHED, true);
     vpn_restart();
-    bool is_up = false;
-    must((service_manager_is_up("smbd", &is_up) == 0) ==
-                 (said.starts_with("up") || said.starts_with("down")) &&
-             is_up == said.starts_with("up"),
+    const std::optional<bool> is_up = service_manager_is_up("smbd");
+    must(is_up.has_value() == (said.starts_with("up") || said.starts_with("down")) &&
+             is_up.value_or(false) == said.starts_with("up"),
          "a daemon is up or down when it is said to be");
     simulated_box::pass(3600);
     for (const std::string &command : simulated_box::take_commands()) {

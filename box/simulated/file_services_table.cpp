@@ -41,7 +41,7 @@ constexpr file_service row(const char *name) {
             },
             [] { return services[number].enabled; },
             [] { return runs(services[number]); },
-            [](int action) {
+            [](file_service_event action) {
                 return file_service_time_for({.start = start_seconds, .stop = 5, .reload = 3},
                                              action);
             }};

@@ -1,6 +1,5 @@
 #include "common/regular_expressions.h"
 
-#include "common/logger.h"
 #include "common/texts.h"
 
 namespace {
@@ -35,4 +34,14 @@ bool nimbrelc_regex_match(const nimbrelc_regex &regex, const char *text) {
 
 void nimbrelc_regex_free(nimbrelc_regex &regex) {
     regex.reset();
+}
+
+bool text_matches(const log_source &caller, const char *pattern, const char *text,
+                  const char *not_compiled) {
+    nimbrelc_regex compiled;
+    if (!nimbrelc_regex_compile(compiled, pattern)) {
+        LOG_FOR(caller, LOG_LEVEL_ERROR, "%s", not_compiled);
+        return false;
+    }
+    return nimbrelc_regex_match(compiled, text);
 }

@@ -3,6 +3,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstring>
 #include <utility>
 
@@ -99,7 +100,7 @@ cJSON *get_config_item(const char *path) {
 }
 
 bool get_config_flag(const char *path) {
-    return cJSON_IsTrue(get_config_item(path)) != 0;
+    return cJSON_IsTrue(get_config_item(path));
 }
 
 const char *get_config_text(const char *path) {
@@ -116,11 +117,27 @@ bool set_config_item(const char *path, json_ptr value) {
 }
 
 bool set_config_flag(const char *path, bool value) {
-    return set_config_item(path, json_ptr(cJSON_CreateBool(value ? 1 : 0)));
+    return set_config_item(path, json_ptr(cJSON_CreateBool(value)));
 }
 
 bool set_config_text(const char *path, const char *value) {
     return set_config_item(path, json_ptr(cJSON_CreateString(value)));
+}
+
+bool config_is_valid(const log_source &module, std::span<const config_rule> rules) {
+    if (!std::all_of(rules.begin(), rules.end(), [](const config_rule &rule) {
+            return get_config_item(rule.path) != nullptr;
+        })) {
+        LOG_FOR(module, LOG_LEVEL_ERROR, "Bad configuration. One of the fields is not present");
+        return false;
+    }
+    if (!std::all_of(rules.begin(), rules.end(), [](const config_rule &rule) {
+            return rule.is_valid == nullptr || rule.is_valid(get_config_item(rule.path));
+        })) {
+        LOG_FOR(module, LOG_LEVEL_ERROR, "Bad configuration. Some fields have bad values.");
+        return false;
+    }
+    return true;
 }
 
 const char *nimbrelc_config_get_software_version() {

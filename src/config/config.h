@@ -4,10 +4,12 @@
 #pragma once
 
 #include <optional>
+#include <span>
 #include <string>
 #include <string_view>
 
 #include "common/json.h"
+#include "common/logger.h"
 
 const char *get_nimbrelc_config_file_location();
 
@@ -43,6 +45,14 @@ int get_config_number(const char *path);
 bool set_config_item(const char *path, json_ptr value);
 bool set_config_flag(const char *path, bool value);
 bool set_config_text(const char *path, const char *value);
+
+// A member that a module needs, and the question whether its value will do (null: any does).
+struct config_rule {
+    const char *path;
+    cJSON_bool (*is_valid)(const cJSON *item);
+};
+// Whether every member is there and will do, asked in this order; otherwise logged for the module.
+bool config_is_valid(const log_source &module, std::span<const config_rule> rules);
 
 // The recorded firmware version, "" when absent. Borrowed.
 const char *nimbrelc_config_get_software_version();

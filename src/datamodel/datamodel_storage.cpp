@@ -92,7 +92,7 @@ void answer_count(const counter &row, const message_bus_args &args, message_bus_
     int count = 0;
     const cJSON *record = nullptr;
     cJSON_ArrayForEach(record, list.get()) {
-        count += row.counts(record) ? 1 : 0;
+        count += int{row.counts(record)};
     }
     message_bus_send_reply(std::move(request),
                            {{.type = row.reply_type, .word = static_cast<uint32_t>(count)}});

@@ -4,11 +4,11 @@
 // Options file, one line without a newline: "sSIZE nCOUNT DIRECTORY", SIZE in bytes.
 #include <algorithm>
 #include <cerrno>
+#include <climits>
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
 #include <ctime>
-#include <iterator>
 #include <list>
 #include <utility>
 
@@ -36,10 +36,19 @@ constexpr const char *persistent_path = "syslog.persistent";
 constexpr const char *activation_duration_path = "syslog.activationDuration";
 constexpr const char *activation_date_path = "syslog.activationDate";
 
+// The number's integer copy, which everybody reads, is from `first` to `last`.
+template <int first, int last>
+cJSON_bool is_between(const cJSON *item) {
+    return cJSON_IsNumber(item) && item->valueint >= first && item->valueint <= last;
+}
+
 // Every member is looked up when it is needed: a restore may have replaced it since.
-constexpr const char *required_paths[] = {
-    number_of_files_path,     max_file_size_path,   persistent_path,
-    activation_duration_path, activation_date_path,
+constexpr config_rule rules[] = {
+    {number_of_files_path, is_between<1, 99>},
+    {max_file_size_path, is_between<1, INT_MAX>},
+    {persistent_path, nullptr},
+    {activation_duration_path, is_between<1, INT_MAX>},
+    {activation_date_path, nullptr},
 };
 
 struct stop_timer {
@@ -220,14 +229,7 @@ constexpr message_bus_method methods[] = {
 }  // namespace
 
 bool syslog_utils_configure() {
-    if (!std::all_of(std::begin(required_paths), std::end(required_paths), get_config_item)) {
-        LOG_ERROR("Bad configuration. One of the fields is not present");
-        return false;
-    }
-    const int number_of_files = get_config_number(number_of_files_path);
-    if (number_of_files < 1 || number_of_files > 99 || get_config_number(max_file_size_path) < 1 ||
-        get_config_number(activation_duration_path) < 1) {
-        LOG_ERROR("Bad configuration. Some fields have bad values.");
+    if (!config_is_valid(log_category, rules)) {
         return false;
     }
     if (!setup_persistent_logging()) {

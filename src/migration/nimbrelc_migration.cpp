@@ -36,12 +36,7 @@ cJSON *get_device_info(cJSON *config) {
 }
 
 void set_software_version(cJSON *device_info, const char *version) {
-    json_ptr value(cJSON_CreateString(version));
-    if (cJSON_GetObjectItem(device_info, "softwareVersion") != nullptr) {
-        json_replace(device_info, "softwareVersion", std::move(value));
-    } else {
-        cJSON_AddItemToObject(device_info, "softwareVersion", value.release());
-    }
+    json_set(device_info, "softwareVersion", json_ptr(cJSON_CreateString(version)));
 }
 
 std::optional<std::string> get_recorded_version(cJSON *config, const char *fallback) {

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <csignal>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -23,8 +24,7 @@ constexpr signal_letter signal_letters[] = {
 
 struct service_state {
     std::string name;
-    int result;  // of asking
-    bool is_up;
+    std::optional<bool> is_up;
 };
 // A disk with many partitions makes three services ask for each of them.
 std::vector<service_state> known_states;
@@ -45,24 +45,23 @@ int change_set(char direction, const char *name) {
     return control("sudo s6-rc -%c change %s", direction, name);
 }
 
-int ask_state(const char *name, bool &is_up) {
+std::optional<bool> ask_state(const char *name) {
     int status = 0;
     std::string output;
-    const int launched = launch_with_args("sudo s6-svstat /run/service/%s", &status, &output, name);
-    if (launched != LAUNCH_OK) {
+    if (launch_with_args("sudo s6-svstat /run/service/%s", &status, &output, name) != LAUNCH_OK) {
         // kept: the text is the command's output, normally none.
         LOG_ERROR("launch_with_args failed: %s", output.c_str());
-        return launched;
+        return std::nullopt;
     }
     if (status != 0) {
-        return -1;
+        return std::nullopt;
     }
-    is_up = output.starts_with("up");
+    const bool is_up = output.starts_with("up");
     if (!is_up && !output.starts_with("down")) {
         LOG_ERROR("Unexpected format from s6-svstat");
-        return -1;
+        return std::nullopt;
     }
-    return 0;
+    return is_up;
 }
 
 }  // namespace
@@ -100,22 +99,13 @@ int service_manager_restart(const char *name) {
     return control_one('u', name);
 }
 
-int service_manager_is_up(const char *name, bool *is_up) {
-    if (!is_up) {
-        LOG_ERROR("Argument p_is_up can't be NULL");
-        return -2;
-    }
+std::optional<bool> service_manager_is_up(const char *name) {
     auto known = std::find_if(known_states.begin(), known_states.end(),
                               [name](const service_state &state) { return state.name == name; });
     if (known == known_states.end()) {
-        service_state asked = {.name = name, .result = -1, .is_up = false};
-        asked.result = ask_state(name, asked.is_up);
-        known = known_states.insert(known, asked);
+        known = known_states.insert(known, {.name = name, .is_up = ask_state(name)});
     }
-    if (known->result == 0) {
-        *is_up = known->is_up;
-    }
-    return known->result;
+    return known->is_up;
 }
 
 void service_manager_forget_states() {

@@ -60,24 +60,20 @@ uint32_t effective_duration() {
                                 is_release());
 }
 
-bool is_configuration_valid() {
-    const cJSON *key = get_config_item(authorized_key_path);
-    const cJSON *enable = get_config_item(enable_path);
-    const cJSON *port = get_config_item(external_port_path);
-    const cJSON *duration = get_config_item(activation_duration_path);
-    const cJSON *date = get_config_item(activation_date_path);
-    if (!key || !enable || !port || !duration || !date) {
-        LOG_ERROR("Bad configuration. One of the fields is not present");
-        return false;
-    }
-    if (!cJSON_IsString(key) || !cJSON_IsBool(enable) || !cJSON_IsNumber(port) ||
-        port->valueint < 0 || port->valueint > max_external_port || !cJSON_IsNumber(duration) ||
-        duration->valueint < 0 || !(cJSON_IsString(date) || cJSON_IsNull(date))) {
-        LOG_ERROR("Bad configuration. Some fields have bad values.");
-        return false;
-    }
-    return true;
-}
+constexpr config_rule rules[] = {
+    {authorized_key_path, cJSON_IsString},
+    {enable_path, cJSON_IsBool},
+    {external_port_path,
+     [](const cJSON *port) -> cJSON_bool {
+         return cJSON_IsNumber(port) && port->valueint >= 0 && port->valueint <= max_external_port;
+     }},
+    {activation_duration_path,
+     [](const cJSON *duration) -> cJSON_bool {
+         return cJSON_IsNumber(duration) && duration->valueint >= 0;
+     }},
+    {activation_date_path,
+     [](const cJSON *date) -> cJSON_bool { return cJSON_IsString(date) || cJSON_IsNull(date); }},
+};
 
 bool install_authorized_key() {
     const std::string key = launch_escape_quoted(
@@ -272,7 +268,7 @@ bool continue_activation() {
 }  // namespace
 
 bool ssh_start() {
-    if (!is_configuration_valid()) {
+    if (!config_is_valid(log_category, rules)) {
         LOG_ERROR("SSH configuration invalid");
         return false;
     }

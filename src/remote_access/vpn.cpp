@@ -12,38 +12,28 @@ namespace {
 
 constexpr const char *log_category = "vpn";
 
-bool is_configuration_valid() {
-    const cJSON *voip_calls_block_enable = get_config_item(vpn_voip_calls_block_enable_path);
-    const cJSON *global_enable = get_config_item(vpn_global_enable_path);
-    const cJSON *enable = get_config_item(vpn_enable_path);
-    const cJSON *username = get_config_item(vpn_username_path);
-    const cJSON *password = get_config_item(stored_vpn_password.path);
-    const cJSON *preshared_key = get_config_item(stored_vpn_preshared_key.path);
-    const cJSON *timestamp = get_config_item(vpn_last_connect_timestamp_path);
-    const cJSON *duration = get_config_item(vpn_last_connection_duration_path);
-    if (!voip_calls_block_enable || !global_enable || !enable || !username || !password ||
-        !preshared_key || !timestamp || !duration) {
-        LOG_ERROR("Bad configuration. One of the fields is not present");
-        return false;
-    }
-    const bool switches = cJSON_IsBool(voip_calls_block_enable) && cJSON_IsBool(global_enable) &&
-                          cJSON_IsBool(enable);
-    const bool credentials = cJSON_IsString(username) && cJSON_IsString(password) &&
-                             (cJSON_IsString(preshared_key) || cJSON_IsNull(preshared_key));
-    if (!switches || !credentials ||
-        !(cJSON_IsNull(timestamp) ||
-          (cJSON_IsString(timestamp) && is_datetime(timestamp->valuestring))) ||
-        !(cJSON_IsNumber(duration) || cJSON_IsNull(duration))) {
-        LOG_ERROR("Bad configuration. Some fields have bad values.");
-        return false;
-    }
-    return true;
-}
+constexpr config_rule rules[] = {
+    {vpn_voip_calls_block_enable_path, cJSON_IsBool},
+    {vpn_global_enable_path, cJSON_IsBool},
+    {vpn_enable_path, cJSON_IsBool},
+    {vpn_username_path, cJSON_IsString},
+    {stored_vpn_password.path, cJSON_IsString},
+    {stored_vpn_preshared_key.path,
+     [](const cJSON *key) -> cJSON_bool { return cJSON_IsString(key) || cJSON_IsNull(key); }},
+    {vpn_last_connect_timestamp_path,
+     [](const cJSON *date) -> cJSON_bool {
+         return cJSON_IsNull(date) || (cJSON_IsString(date) && is_datetime(date->valuestring));
+     }},
+    {vpn_last_connection_duration_path,
+     [](const cJSON *minutes) -> cJSON_bool {
+         return cJSON_IsNumber(minutes) || cJSON_IsNull(minutes);
+     }},
+};
 
 }  // namespace
 
 bool vpn_start() {
-    return is_configuration_valid() && vpn_request_handler_start() && vpn_restart();
+    return config_is_valid(log_category, rules) && vpn_request_handler_start() && vpn_restart();
 }
 
 bool vpn_stop() {

@@ -23,26 +23,16 @@ namespace {
 
 constexpr const char *log_category = "vpn";
 
-enum pattern : size_t { USERNAME, SECRET_LENGTH, LETTER, NON_LETTER };
-constexpr const char *patterns[] = {
-    "^[ -~]{3,32}$",
-    "^[ -~]{8,64}$",
-    "[A-Za-z]",
-    "[^A-Za-z]",
-};
+constexpr const char *username_pattern = "^[ -~]{3,32}$";
+constexpr const char *secret_patterns[] = {"^[ -~]{8,64}$", "[A-Za-z]", "[^A-Za-z]"};
 
-// Compiled when they are asked: they would fill many pages for good, and new credentials are rare.
-bool matches(pattern wanted, const char *text) {
-    nimbrelc_regex compiled;
-    if (!nimbrelc_regex_compile(compiled, patterns[wanted])) {
-        LOG_ERROR("Failed to compile regexes");
-        return false;
-    }
-    return nimbrelc_regex_match(compiled, text);
+bool matches(const char *pattern, const char *text) {
+    return text_matches(log_category, pattern, text, "Failed to compile regexes");
 }
 
 bool is_valid_secret(const char *secret) {
-    return matches(SECRET_LENGTH, secret) && matches(LETTER, secret) && matches(NON_LETTER, secret);
+    return std::all_of(std::begin(secret_patterns), std::end(secret_patterns),
+                       [secret](const char *pattern) { return matches(pattern, secret); });
 }
 
 struct forwarded_port {
@@ -119,7 +109,7 @@ void get_preshared_key_callback(const message_bus_args &args, message_bus_reques
 }
 
 bool are_valid_credentials(const char *username, const char *password, const char *preshared_key) {
-    if (!matches(USERNAME, username)) {
+    if (!matches(username_pattern, username)) {
         LOG_ERROR("Invalid username");
         return false;
     }

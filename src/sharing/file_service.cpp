@@ -2,7 +2,6 @@
 
 #include "common/json.h"
 #include "config/config.h"
-#include "platform/service_manager.h"
 
 namespace {
 
@@ -14,13 +13,13 @@ const cJSON *get_switch(const char *section_path) {
 
 }  // namespace
 
-int file_service_time_for(const file_service_times &times, int action) {
+int file_service_time_for(const file_service_times &times, file_service_event action) {
     switch (action) {
-        case FILE_SERVICE_START:
+        case FILE_SERVICE_EVENT_START:
             return times.start;
-        case FILE_SERVICE_STOP:
+        case FILE_SERVICE_EVENT_STOP:
             return times.stop;
-        case FILE_SERVICE_RELOAD:
+        case FILE_SERVICE_EVENT_RELOAD:
             return times.reload;
         default:
             return 0;
@@ -28,35 +27,23 @@ int file_service_time_for(const file_service_times &times, int action) {
 }
 
 bool file_service_is_enabled(const char *section_path) {
-    return cJSON_IsTrue(get_switch(section_path)) != 0;
+    return cJSON_IsTrue(get_switch(section_path));
 }
 
 bool file_service_is_switched_on(const char *section_path) {
     const cJSON *enabled = get_switch(section_path);
-    return cJSON_IsTrue(enabled) != 0 || (cJSON_IsNumber(enabled) != 0 && enabled->valueint != 0);
+    return cJSON_IsTrue(enabled) || (cJSON_IsNumber(enabled) && enabled->valueint != 0);
 }
 
 bool file_service_save_state(const char *section_path, bool enabled) {
     cJSON *section = get_config_item(section_path);
-    if (cJSON_IsObject(section) == 0) {
+    if (!cJSON_IsObject(section)) {
         return false;
     }
-    const cJSON *stored = cJSON_GetObjectItem(section, switch_key);
-    if (cJSON_IsBool(stored) != 0 && (cJSON_IsTrue(stored) != 0) == enabled) {
+    const cJSON *stored = get_switch(section_path);
+    if (enabled ? cJSON_IsTrue(stored) : cJSON_IsFalse(stored)) {
         return true;
     }
-    if (stored == nullptr) {
-        cJSON_AddBoolToObject(section, switch_key, enabled ? 1 : 0);
-    } else {
-        json_replace(section, switch_key, json_ptr(cJSON_CreateBool(enabled ? 1 : 0)));
-    }
+    json_set(section, switch_key, json_ptr(cJSON_CreateBool(enabled)));
     return nimbrelc_config_save();
-}
-
-std::optional<bool> file_service_is_daemon_up(const char *daemon) {
-    bool is_up = false;
-    if (service_manager_is_up(daemon, &is_up) != 0) {
-        return std::nullopt;
-    }
-    return is_up;
 }

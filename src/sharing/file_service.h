@@ -1,16 +1,10 @@
 // What a file-sharing service (Samba, AFP, Avahi) offers to the file services manager, and the few
-// operations that all of them need on their configured switch and on their daemons.
+// operations that all of them need on their configured switch.
 #pragma once
 
 #include <array>
-#include <optional>
 
-// Kinds of action that take a daemon some time.
-enum file_service_action : int {
-    FILE_SERVICE_START = 0,
-    FILE_SERVICE_STOP = 1,
-    FILE_SERVICE_RELOAD = 2,
-};
+#include "sharing/file_service_events.h"
 
 // One service. The operations only begin an action: the daemon needs `time_req_for` seconds (0 for
 // an unknown action) until it shows. Booleans are success unless they answer a question.
@@ -22,21 +16,21 @@ struct file_service {
     bool (*save_state)(bool enabled);
     bool (*is_enabled)();
     bool (*is_running)();
-    int (*time_req_for)(int action);
+    int (*time_req_for)(file_service_event action);
 };
 
 // One row per service; the order of every walk over them.
 extern const std::array<file_service, 3> file_services;
 
-// Seconds per action.
+// Seconds per action that takes a daemon some time.
 struct file_service_times {
     int start;
     int stop;
     int reload;
 };
 
-// The entry of `action`, a file_service_action; 0 for any other value.
-int file_service_time_for(const file_service_times &times, int action);
+// The entry of `action`; 0 for one that has none.
+int file_service_time_for(const file_service_times &times, file_service_event action);
 
 // The next three take the dotted path of the service's section in the configuration, whose member
 // "enabled" is its switch.
@@ -50,6 +44,3 @@ bool file_service_is_switched_on(const char *section_path);
 // Stores the switch and saves the configuration, unless it already has that value. False when the
 // save failed (memory stays changed) or the service has no section.
 bool file_service_save_state(const char *section_path, bool enabled);
-
-// Whether a supervised daemon is up; nothing when that cannot be determined.
-std::optional<bool> file_service_is_daemon_up(const char *daemon);

@@ -113,7 +113,7 @@ bool generate_config() {
 }
 
 bool start_or_reload() {
-    const std::optional<bool> is_up = file_service_is_daemon_up(daemon_name);
+    const std::optional<bool> is_up = service_manager_is_up(daemon_name);
     if (!is_up) {
         LOG_WARN("Cannot determine state of afp daemon, assuming it's down");
     }
@@ -175,7 +175,7 @@ bool afp_reload() {
 }
 
 bool afp_stop() {
-    const std::optional<bool> is_up = file_service_is_daemon_up(daemon_name);
+    const std::optional<bool> is_up = service_manager_is_up(daemon_name);
     if (!is_up) {
         LOG_WARN("Cannot determine state of afp daemon, assuming it's up");
     }
@@ -194,7 +194,7 @@ bool afp_stop() {
 }
 
 bool afp_is_running() {
-    const std::optional<bool> is_up = file_service_is_daemon_up(daemon_name);
+    const std::optional<bool> is_up = service_manager_is_up(daemon_name);
     if (!is_up) {
         LOG_WARN("Cannot determine state of afp daemon");
     }
@@ -209,6 +209,6 @@ bool afp_save_state(bool enabled) {
     return file_service_save_state(section_path, enabled);
 }
 
-int afp_time_req_for(int action) {
+int afp_time_req_for(file_service_event action) {
     return file_service_time_for(action_times, action);
 }

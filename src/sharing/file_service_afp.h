@@ -6,6 +6,8 @@
 
 #include <string>
 
+#include "sharing/file_service_events.h"
+
 // The operations of file_service.h. Reloading is starting: a running daemon takes the configuration
 // anew.
 bool afp_start();
@@ -14,7 +16,7 @@ bool afp_reload();
 bool afp_save_state(bool enabled);
 bool afp_is_enabled();
 bool afp_is_running();
-int afp_time_req_for(int action);
+int afp_time_req_for(file_service_event action);
 
 // The configuration file of "daemonConfig" and the partition list. Missing members are written
 // empty.

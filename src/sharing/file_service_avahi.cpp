@@ -31,7 +31,7 @@ bool avahi_start() {
         LOG_INFO("Avahi daemon is disabled");
         return true;
     }
-    const std::optional<bool> is_up = file_service_is_daemon_up(daemon_name);
+    const std::optional<bool> is_up = service_manager_is_up(daemon_name);
     if (!is_up) {
         LOG_WARN("Cannot determine state of avahi daemon, assuming it's down");
     }
@@ -43,7 +43,7 @@ bool avahi_start() {
 }
 
 bool avahi_stop() {
-    const std::optional<bool> is_up = file_service_is_daemon_up(daemon_name);
+    const std::optional<bool> is_up = service_manager_is_up(daemon_name);
     if (!is_up) {
         LOG_WARN("Cannot determine state of avahi daemon");
     }
@@ -64,7 +64,7 @@ bool avahi_reload() {
         LOG_INFO("Avahi daemon is disabled");
         return true;
     }
-    const std::optional<bool> is_up = file_service_is_daemon_up(daemon_name);
+    const std::optional<bool> is_up = service_manager_is_up(daemon_name);
     if (!is_up) {
         LOG_WARN("Cannot determine state of avahi daemon");
     }
@@ -80,7 +80,7 @@ bool avahi_reload() {
 }
 
 bool avahi_is_running() {
-    const std::optional<bool> is_up = file_service_is_daemon_up(daemon_name);
+    const std::optional<bool> is_up = service_manager_is_up(daemon_name);
     if (!is_up) {
         LOG_WARN("Cannot determine state of avahi daemon");
     }
@@ -95,6 +95,6 @@ bool avahi_save_state(bool enabled) {
     return file_service_save_state(section_path, enabled);
 }
 
-int avahi_time_req_for(int action) {
+int avahi_time_req_for(file_service_event action) {
     return file_service_time_for(action_times, action);
 }

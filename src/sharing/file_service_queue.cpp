@@ -116,7 +116,7 @@ void continue_restart(file_service_queue &queue) {
         return;
     }
     LOG_INFO("Start of service [%s] successfully initiated", service.name);
-    const int seconds = service.time_req_for(FILE_SERVICE_START);
+    const int seconds = service.time_req_for(FILE_SERVICE_EVENT_START);
     if (seconds > 0) {
         schedule_verification(queue, {start_check, seconds});
         LOG_INFO("Schedule start verification of [%s] service in %d seconds", service.name,
@@ -127,13 +127,13 @@ void continue_restart(file_service_queue &queue) {
 // --- The outcome of a reduced queue
 
 follow_up then_verify_start(const file_service &service) {
-    const int seconds = service.time_req_for(FILE_SERVICE_START);
+    const int seconds = service.time_req_for(FILE_SERVICE_EVENT_START);
     LOG_INFO("Schedule start verification of [%s] service in %d seconds", service.name, seconds);
     return {start_check, seconds};
 }
 
 follow_up then_verify_stop(const file_service &service, verification callback) {
-    const int seconds = service.time_req_for(FILE_SERVICE_STOP);
+    const int seconds = service.time_req_for(FILE_SERVICE_EVENT_STOP);
     LOG_INFO("Schedule stop verification of [%s] service in %d seconds", service.name, seconds);
     return {callback, seconds};
 }
@@ -142,7 +142,7 @@ follow_up reload_and_verify(const file_service &service) {
     if (!reload_service(service)) {
         return {};
     }
-    const int seconds = service.time_req_for(FILE_SERVICE_RELOAD);
+    const int seconds = service.time_req_for(FILE_SERVICE_EVENT_RELOAD);
     LOG_INFO("Schedule reload verification of [%s] service in %d seconds", service.name, seconds);
     return {reload_check, seconds};
 }

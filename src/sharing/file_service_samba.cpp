@@ -133,7 +133,7 @@ bool generate_config() {
 // --- The daemons
 
 bool start_or_reload(const char *daemon) {
-    const std::optional<bool> is_up = file_service_is_daemon_up(daemon);
+    const std::optional<bool> is_up = service_manager_is_up(daemon);
     if (!is_up) {
         LOG_WARN("Cannot determine state of %s daemon, assuming it's down", daemon);
     }
@@ -154,7 +154,7 @@ bool start_or_reload(const char *daemon) {
 }
 
 bool stop(const char *daemon) {
-    const std::optional<bool> is_up = file_service_is_daemon_up(daemon);
+    const std::optional<bool> is_up = service_manager_is_up(daemon);
     if (!is_up) {
         LOG_WARN("Cannot determine state of %s daemon, assuming it's up", daemon);
     }
@@ -250,7 +250,7 @@ bool samba_stop() {
 }
 
 bool samba_is_running() {
-    const std::optional<bool> is_up = file_service_is_daemon_up("smbd");
+    const std::optional<bool> is_up = service_manager_is_up("smbd");
     if (!is_up) {
         LOG_WARN("Cannot determine state of smbd daemon");
     }
@@ -265,6 +265,6 @@ bool samba_save_state(bool enabled) {
     return file_service_save_state(section_path, enabled);
 }
 
-int samba_time_req_for(int action) {
+int samba_time_req_for(file_service_event action) {
     return file_service_time_for(action_times, action);
 }

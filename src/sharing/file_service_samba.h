@@ -6,6 +6,8 @@
 
 #include <string>
 
+#include "sharing/file_service_events.h"
+
 // The operations of file_service.h.
 bool samba_start();
 bool samba_stop();
@@ -13,7 +15,7 @@ bool samba_reload();
 bool samba_save_state(bool enabled);
 bool samba_is_enabled();
 bool samba_is_running();
-int samba_time_req_for(int action);
+int samba_time_req_for(file_service_event action);
 
 // Brings the user map and the password of the local account in line with the protection.
 bool update_samba_aliases_config();

@@ -14,22 +14,15 @@ namespace {
 
 constexpr const char *log_category = "file_services_manager";
 
-void request_gated_start(file_service_queue &queue) {
+// `event` is START or RELOAD.
+void request_gated(file_service_queue &queue, file_service_event event) {
+    const char *name = file_service_event_name(event);
     if (!file_services_request_handler_is_central_storage_enabled()) {
-        LOG_INFO("Central storage is off - START request cannot be generated");
+        LOG_INFO("Central storage is off - %s request cannot be generated", name);
         return;
     }
-    LOG_INFO("Central storage is on - START request can be generated");
-    file_service_queue_request(queue, FILE_SERVICE_EVENT_START);
-}
-
-void request_gated_reload(file_service_queue &queue) {
-    if (!file_services_request_handler_is_central_storage_enabled()) {
-        LOG_INFO("Central storage is off - RELOAD request cannot be generated");
-        return;
-    }
-    LOG_INFO("Central storage is on - RELOAD request can be generated");
-    file_service_queue_request(queue, FILE_SERVICE_EVENT_RELOAD);
+    LOG_INFO("Central storage is on - %s request can be generated", name);
+    file_service_queue_request(queue, event);
 }
 
 bool is_running_or_about_to(const file_service_queue &queue) {
@@ -50,10 +43,10 @@ void update_with_partitions(file_service_queue &queue) {
     LOG_INFO("There are supported partitions");
     if (queue.service.is_running() && file_service_queue_newest(queue) != FILE_SERVICE_EVENT_STOP) {
         LOG_INFO("Service [%s] is enabled and running - requesting reload", queue.service.name);
-        request_gated_reload(queue);
+        request_gated(queue, FILE_SERVICE_EVENT_RELOAD);
     } else {
         LOG_INFO("Service [%s] is enabled but not running - requesting start", queue.service.name);
-        request_gated_start(queue);
+        request_gated(queue, FILE_SERVICE_EVENT_START);
     }
 }
 
@@ -109,7 +102,7 @@ bool file_services_manager_change_file_service_state_by_name(const char *name, b
         LOG_INFO("Service [%s] has been enabled", service.name);
         if (count_supported_partitions() >= 1) {
             LOG_INFO("Storage devices are present, requesting start of [%s] service", service.name);
-            request_gated_start(queue);
+            request_gated(queue, FILE_SERVICE_EVENT_START);
         }
         return true;
     }
@@ -138,7 +131,7 @@ void file_services_manager_reload_file_services() {
         if (service.is_enabled() && service.is_running()) {
             LOG_INFO("Service [%s] is enabled and running - requesting restart", service.name);
             file_service_queue_request(queue, FILE_SERVICE_EVENT_STOP);
-            request_gated_start(queue);
+            request_gated(queue, FILE_SERVICE_EVENT_START);
         } else {
             LOG_INFO("Service [%s] is not enabled or not running - restart not needed",
                      service.name);

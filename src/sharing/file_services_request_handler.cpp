@@ -37,7 +37,7 @@ void fileservices_set_state_callback(const message_bus_args &args, message_bus_r
     }
     const bool changed = file_services_manager_change_file_service_state_by_name(
         cJSON_GetStringValue(cJSON_GetObjectItem(wanted.get(), "service")),
-        cJSON_IsTrue(cJSON_GetObjectItem(wanted.get(), "enabled")) != 0);
+        cJSON_IsTrue(cJSON_GetObjectItem(wanted.get(), "enabled")));
     message_bus_send_string_reply(std::move(request), changed ? success_reply : failure_reply);
 }
 
@@ -76,7 +76,7 @@ void fileservices_get_credentials_callback(const message_bus_args & /*args*/,
     storage_config stored;
     file_services_request_handler_get_storage_config(stored);
     const json_ptr settings(cJSON_CreateObject());
-    cJSON_AddBoolToObject(settings.get(), "enabled", stored.enabled ? 1 : 0);
+    cJSON_AddBoolToObject(settings.get(), "enabled", stored.enabled);
     cJSON_AddStringToObject(settings.get(), "username", stored.username.c_str());
     cJSON_AddStringToObject(settings.get(), "password", stored.password.c_str());
     reply_settings(settings.get(), std::move(request));
@@ -85,7 +85,7 @@ void fileservices_get_credentials_callback(const message_bus_args & /*args*/,
 void fileservices_get_restricted_credentials_callback(const message_bus_args & /*args*/,
                                                       message_bus_request request) {
     const json_ptr settings(cJSON_CreateObject());
-    cJSON_AddBoolToObject(settings.get(), "enabled", share_settings_is_protection_wanted() ? 1 : 0);
+    cJSON_AddBoolToObject(settings.get(), "enabled", share_settings_is_protection_wanted());
     reply_settings(settings.get(), std::move(request));
 }
 
@@ -103,7 +103,7 @@ void pam_auth_request_callback(const message_bus_args &args, message_bus_request
     } else {
         LOG_INFO("Permission denied");
     }
-    message_bus_send_reply(std::move(request), {mb_uint32(allowed ? 1 : 0)});
+    message_bus_send_reply(std::move(request), {mb_uint32(allowed)});
 }
 
 // Every user of the shares is the box's one account "default". The two numbers are the NSS
@@ -119,7 +119,7 @@ void nss_password_request_callback(const message_bus_args &args, message_bus_req
         LOG_INFO("Denied, user %s unrecognised", args[2].string);
     }
     message_bus_send_reply(std::move(request),
-                           {mb_uint32(allowed ? 1 : 0), mb_string("default"), mb_string("x"),
+                           {mb_uint32(allowed), mb_string("default"), mb_string("x"),
                             mb_uint32(getuid()), mb_uint32(getgid())});
 }
 

@@ -24,33 +24,17 @@ constexpr const char *protection_path = "storage.enabled";
 constexpr const char *username_path = "storage.username";
 constexpr const char *password_path = stored_storage_password.path;
 
-enum validator : size_t {
-    USERNAME_CHARACTERS,
-    PASSWORD_CHARACTERS,
-    PASSWORD_HAS_LETTER,
-    PASSWORD_HAS_NON_LETTER,
-    VALIDATOR_COUNT,
-};
+// kept: between brackets the backslash stands for itself too.
+constexpr const char *username_pattern = "^[a-z0-9_\\.-]{3,32}$";
+constexpr const char *password_patterns[] = {"^[ -~]{8,16}$", "[a-zA-Z]+", "[ -@[-`{-~]+"};
 
-constexpr const char *validator_patterns[VALIDATOR_COUNT] = {
-    "^[a-z0-9_\\.-]{3,32}$",  // kept: between brackets the backslash stands for itself too
-    "^[ -~]{8,16}$",
-    "[a-zA-Z]+",
-    "[ -@[-`{-~]+",
-};
-
-// Compiled when they are asked: they would fill many pages for good, and new credentials are rare.
-bool matches(validator rule, const char *text) {
-    nimbrelc_regex compiled;
-    if (!nimbrelc_regex_compile(compiled, validator_patterns[rule])) {
-        LOG_ERROR("Cannot compile validators for shares protection user/pass");
-        return false;
-    }
-    return nimbrelc_regex_match(compiled, text);
+bool matches(const char *pattern, const char *text) {
+    return text_matches(log_category, pattern, text,
+                        "Cannot compile validators for shares protection user/pass");
 }
 
 bool validate_credentials(const char *username, const char *password) {
-    if (!matches(USERNAME_CHARACTERS, username)) {
+    if (!matches(username_pattern, username)) {
         LOG_INFO("Username does not meet required criteria");
         return false;
     }
@@ -58,8 +42,8 @@ bool validate_credentials(const char *username, const char *password) {
         LOG_INFO("Password must be different than username");
         return false;
     }
-    if (!matches(PASSWORD_CHARACTERS, password) || !matches(PASSWORD_HAS_LETTER, password) ||
-        !matches(PASSWORD_HAS_NON_LETTER, password)) {
+    if (!std::all_of(std::begin(password_patterns), std::end(password_patterns),
+                     [password](const char *pattern) { return matches(pattern, password); })) {
         LOG_INFO("Password does not meet required criteria");
         return false;
     }
