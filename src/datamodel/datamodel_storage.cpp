@@ -16,28 +16,24 @@ constexpr const char *log_category = "datamodel";
 
 // --- The disk daemon's lists
 
-struct list_source {
-    bool (*ask)(message_bus_request &request, message_bus_answer answer);
+// What is logged when a list cannot be had.
+struct list_texts {
     const char *not_asked;
     const char *bad_reply;
+    const char *not_converted;
 };
-constexpr list_source device_list = {removable_devices_list, "error on removable_devices_list",
-                                     "removable_devices_list wrong out arg"};
-constexpr list_source partition_list = {removable_partitions_list,
-                                        "error on removable_partitions_list",
-                                        "removable_partitions_list wrong out arg"};
 
-// The array in a reply, or none, logged with `text_format`.
-json_ptr read_list(const list_source &source, const char *text_format,
-                   const message_bus_args &args) {
+// The array in a reply; none, and the caller gets an empty reply, when there is no such thing.
+json_ptr read_list(const list_texts &texts, const message_bus_args &args,
+                   message_bus_request &request) {
+    json_ptr list;
     if (!args.are("s")) {
-        LOG_ERROR(text_format, source.bad_reply);
-        return nullptr;
+        LOG_ERROR("%s", texts.bad_reply);
+    } else if (list = convert_ddm_list(args[0].string); !list) {
+        LOG_ERROR("%s", texts.not_converted);
     }
-    json_ptr list = convert_ddm_respone_data_to_json(args[0].string);
-    if (!cJSON_IsArray(list.get())) {
-        LOG_ERROR(text_format, "cannot convert to json");
-        return nullptr;
+    if (!list) {
+        message_bus_send_no_reply(std::move(request));
     }
     return list;
 }
@@ -64,50 +60,97 @@ bool is_sd_storage(const cJSON *device) {
     return is_text(device, "device_type", "STORAGE") && is_text(device, "connection_type", "SD");
 }
 
+using list_question = bool (*)(message_bus_request &request, message_bus_answer answer);
+
 struct counter {
-    const char *text_format;
-    const char *number_format;
-    const list_source &source;
+    list_question ask;
     bool (*counts)(const cJSON *record);
     int32_t reply_type;  // kept: of three kinds
+    const char *start;
+    list_texts failures;
+    const char *number_format;
+    const char *end;
 };
-constexpr counter media_counter = {"physical_medium_number_of_entries_getter: %s",
-                                   "physical_medium_number_of_entries_getter: %d", device_list,
-                                   is_any, MB_ARG_UINT32};
-constexpr counter volume_counter = {"logical_volume_number_of_entries_getter: %s",
-                                    "logical_volume_number_of_entries_getter: %d", partition_list,
-                                    disk_record_is_mounted, MB_ARG_UINT32};
-constexpr counter usb_counter = {"usb_storage_devices_count_getter: %s",
-                                 "usb_storage_devices_count_getter: %d", device_list,
-                                 is_usb_storage, MB_ARG_INT32};
-constexpr counter sd_counter = {"sd_card_present_getter: %s", "sd_card_present_getter: %d",
-                                device_list, is_sd_storage, MB_ARG_BOOLEAN};
-
-void answer_count(const counter &row, const message_bus_args &args, message_bus_request request) {
-    const json_ptr list = read_list(row.source, row.text_format, args);
-    if (!list) {
-        message_bus_send_no_reply(std::move(request));
-        return;
-    }
-    int count = 0;
-    const cJSON *record = nullptr;
-    cJSON_ArrayForEach(record, list.get()) {
-        count += int{row.counts(record)};
-    }
-    message_bus_send_reply(std::move(request),
-                           {{.type = row.reply_type, .word = static_cast<uint32_t>(count)}});
-    LOG_INFO(row.number_format, count);
-    LOG_INFO(row.text_format, "end");
-}
+constexpr counter media_counter = {
+    .ask = removable_devices_list,
+    .counts = is_any,
+    .reply_type = MB_ARG_UINT32,
+    .start = "physical_medium_number_of_entries_getter: start",
+    .failures =
+        {
+            .not_asked =
+                "physical_medium_number_of_entries_getter: error on removable_devices_list",
+            .bad_reply =
+                "physical_medium_number_of_entries_getter: removable_devices_list wrong out arg",
+            .not_converted = "physical_medium_number_of_entries_getter: cannot convert to json",
+        },
+    .number_format = "physical_medium_number_of_entries_getter: %d",
+    .end = "physical_medium_number_of_entries_getter: end",
+};
+constexpr counter volume_counter = {
+    .ask = removable_partitions_list,
+    .counts = disk_record_is_mounted,
+    .reply_type = MB_ARG_UINT32,
+    .start = "logical_volume_number_of_entries_getter: start",
+    .failures =
+        {
+            .not_asked =
+                "logical_volume_number_of_entries_getter: error on removable_partitions_list",
+            .bad_reply =
+                "logical_volume_number_of_entries_getter: removable_partitions_list wrong out arg",
+            .not_converted = "logical_volume_number_of_entries_getter: cannot convert to json",
+        },
+    .number_format = "logical_volume_number_of_entries_getter: %d",
+    .end = "logical_volume_number_of_entries_getter: end",
+};
+constexpr counter usb_counter = {
+    .ask = removable_devices_list,
+    .counts = is_usb_storage,
+    .reply_type = MB_ARG_INT32,
+    .start = "usb_storage_devices_count_getter: start",
+    .failures =
+        {
+            .not_asked = "usb_storage_devices_count_getter: error on removable_devices_list",
+            .bad_reply = "usb_storage_devices_count_getter: removable_devices_list wrong out arg",
+            .not_converted = "usb_storage_devices_count_getter: cannot convert to json",
+        },
+    .number_format = "usb_storage_devices_count_getter: %d",
+    .end = "usb_storage_devices_count_getter: end",
+};
+constexpr counter sd_counter = {
+    .ask = removable_devices_list,
+    .counts = is_sd_storage,
+    .reply_type = MB_ARG_BOOLEAN,
+    .start = "sd_card_present_getter: start",
+    .failures =
+        {
+            .not_asked = "sd_card_present_getter: error on removable_devices_list",
+            .bad_reply = "sd_card_present_getter: removable_devices_list wrong out arg",
+            .not_converted = "sd_card_present_getter: cannot convert to json",
+        },
+    .number_format = "sd_card_present_getter: %d",
+    .end = "sd_card_present_getter: end",
+};
 
 void get_count(const counter &row, message_bus_request request) {
-    LOG_INFO(row.text_format, "start");
-    const bool asked =
-        row.source.ask(request, [&row](const message_bus_args &args, message_bus_request waiting) {
-            answer_count(row, args, std::move(waiting));
-        });
-    if (!asked) {
-        LOG_ERROR(row.text_format, row.source.not_asked);
+    LOG_INFO("%s", row.start);
+    const auto answer = [&row](const message_bus_args &args, message_bus_request waiting) {
+        const json_ptr list = read_list(row.failures, args, waiting);
+        if (!list) {
+            return;
+        }
+        int count = 0;
+        const cJSON *record = nullptr;
+        cJSON_ArrayForEach(record, list.get()) {
+            count += int{row.counts(record)};
+        }
+        message_bus_send_reply(std::move(waiting),
+                               {{.type = row.reply_type, .word = static_cast<uint32_t>(count)}});
+        LOG_INFO(row.number_format, count);
+        LOG_INFO("%s", row.end);
+    };
+    if (!row.ask(request, answer)) {
+        LOG_ERROR("%s", row.failures.not_asked);
         message_bus_send_no_reply(std::move(request));
     }
 }
@@ -115,69 +158,77 @@ void get_count(const counter &row, message_bus_request request) {
 // --- One medium or volume
 
 struct object_row {
-    const char *text_format;
     // The object as text; none, and logged, when there is no such object.
     std::optional<std::string> (*build)(const cJSON *devices, const cJSON *partitions,
                                         uint32_t index);
+    const char *start;
+    const char *not_asked;
+    const char *end;
 };
-constexpr object_row physical_medium = {"physical_medium_getter: %s", build_physical_medium};
-constexpr object_row logical_volume = {"logical_volume_getter: %s", build_logical_volume};
+constexpr object_row physical_medium = {
+    .build = build_physical_medium,
+    .start = "physical_medium_getter: start",
+    .not_asked = "physical_medium_getter: error on read_devices_and_partitions",
+    .end = "physical_medium_getter: end",
+};
+constexpr object_row logical_volume = {
+    .build = build_logical_volume,
+    .start = "logical_volume_getter: start",
+    .not_asked = "logical_volume_getter: error on read_devices_and_partitions",
+    .end = "logical_volume_getter: end",
+};
 
-constexpr const char *reading_format = "read_devices_and_partitions: %s";
-
-void send_failure(message_bus_request request, const char *reason) {
-    LOG_ERROR(reading_format, reason);
-    message_bus_send_no_reply(std::move(request));
-}
+constexpr list_texts reading_devices = {
+    .not_asked = "read_devices_and_partitions: error on removable_devices_list",
+    .bad_reply = "read_devices_and_partitions: removable_devices_list wrong out arg",
+    .not_converted = "read_devices_and_partitions: cannot convert to json",
+};
+constexpr list_texts reading_partitions = {
+    .not_asked = "read_devices_and_partitions: error on removable_partitions_list",
+    .bad_reply = "read_devices_and_partitions: removable_partitions_list wrong out arg",
+    .not_converted = "read_devices_and_partitions: cannot convert to json",
+};
 
 void answer_object(const object_row &row, uint32_t index, const cJSON *devices,
                    const cJSON *partitions, message_bus_request request) {
     if (row.build == nullptr) {  // kept: no row is without
-        send_failure(std::move(request), "no callback method");
-        return;
+        LOG_ERROR("read_devices_and_partitions: no callback method");
+        message_bus_send_no_reply(std::move(request));
+    } else if (const auto text = row.build(devices, partitions, index)) {
+        message_bus_send_string_reply(std::move(request), text->c_str());
+        LOG_INFO("%s", row.end);
+        LOG_INFO("read_devices_and_partitions: end");
+    } else {
+        LOG_ERROR("read_devices_and_partitions: callback error");
+        message_bus_send_no_reply(std::move(request));
     }
-    const std::optional<std::string> text = row.build(devices, partitions, index);
-    if (!text) {
-        send_failure(std::move(request), "callback error");
-        return;
-    }
-    message_bus_send_string_reply(std::move(request), text->c_str());
-    LOG_INFO(row.text_format, "end");
-    LOG_INFO(reading_format, "end");
 }
 
 // The second question, once the devices are known.
 void ask_partitions(const object_row &row, uint32_t index, json_ptr devices,
                     message_bus_request request) {
-    const bool asked =
-        partition_list.ask(request, [&row, index, devices = std::move(devices)](
-                                        const message_bus_args &args, message_bus_request waiting) {
-            const json_ptr partitions = read_list(partition_list, reading_format, args);
-            if (partitions) {
-                answer_object(row, index, devices.get(), partitions.get(), std::move(waiting));
-            } else {
-                message_bus_send_no_reply(std::move(waiting));
-            }
-        });
-    if (!asked) {
-        send_failure(std::move(request), partition_list.not_asked);
+    auto answer = [&row, index, devices = std::move(devices)](const message_bus_args &args,
+                                                              message_bus_request waiting) {
+        if (const json_ptr partitions = read_list(reading_partitions, args, waiting)) {
+            answer_object(row, index, devices.get(), partitions.get(), std::move(waiting));
+        }
+    };
+    if (!removable_partitions_list(request, std::move(answer))) {
+        LOG_ERROR("%s", reading_partitions.not_asked);
+        message_bus_send_no_reply(std::move(request));
     }
 }
 
 void get_object(const object_row &row, uint32_t index, message_bus_request request) {
-    LOG_INFO(row.text_format, "start");
-    const bool asked = device_list.ask(
-        request, [&row, index](const message_bus_args &args, message_bus_request waiting) {
-            json_ptr devices = read_list(device_list, reading_format, args);
-            if (devices) {
-                ask_partitions(row, index, std::move(devices), std::move(waiting));
-            } else {
-                message_bus_send_no_reply(std::move(waiting));
-            }
-        });
-    if (!asked) {
-        LOG_ERROR(reading_format, device_list.not_asked);
-        LOG_ERROR(row.text_format, "error on read_devices_and_partitions");
+    LOG_INFO("%s", row.start);
+    const auto answer = [&row, index](const message_bus_args &args, message_bus_request waiting) {
+        if (json_ptr devices = read_list(reading_devices, args, waiting)) {
+            ask_partitions(row, index, std::move(devices), std::move(waiting));
+        }
+    };
+    if (!removable_devices_list(request, answer)) {
+        LOG_ERROR("%s", reading_devices.not_asked);
+        LOG_ERROR("%s", row.not_asked);
         message_bus_send_no_reply(std::move(request));
     }
 }
@@ -185,14 +236,6 @@ void get_object(const object_row &row, uint32_t index, message_bus_request reque
 // Whole units of 1024. A number that is none, as JSON allows by its size, counts as 0.
 void add_capacity(cJSON *object, const char *name, double number) {
     cJSON_AddNumberToObject(object, name, std::isfinite(number) ? std::trunc(number / 1024) : 0.0);
-}
-
-std::optional<std::string> print_entry(const cJSON *entry, const char *text_format) {
-    std::optional<std::string> text = print_json_unformatted(entry);
-    if (!text) {
-        LOG_ERROR(text_format, "cannot print entry");
-    }
-    return text;
 }
 
 const cJSON *find_mounted(const cJSON *partitions, uint32_t index) {
@@ -296,7 +339,11 @@ std::optional<std::string> build_physical_medium(const cJSON *devices, const cJS
     cJSON_AddTrueToObject(entry.get(), "Removable");
     cJSON_AddStringToObject(entry.get(), "Status", "Online");
     add_capacity(entry.get(), "Capacity", capacity);
-    return print_entry(entry.get(), physical_medium.text_format);
+    std::optional<std::string> text = print_json_unformatted(entry.get());
+    if (!text) {
+        LOG_ERROR("physical_medium_getter: cannot print entry");
+    }
+    return text;
 }
 
 std::optional<std::string> build_logical_volume(const cJSON *devices, const cJSON *partitions,
@@ -308,12 +355,12 @@ std::optional<std::string> build_logical_volume(const cJSON *devices, const cJSO
     }
     const char *disk_syspath = json_text(partition, "disk_syspath");
     if (disk_syspath[0] == '\0') {
-        LOG_ERROR(logical_volume.text_format, "undefined disk syspath");
+        LOG_ERROR("logical_volume_getter: undefined disk syspath");
         return std::nullopt;
     }
     const int device = find_device(devices, disk_syspath);
     if (device == 0) {
-        LOG_ERROR(logical_volume.text_format, "cannot find device for volume");
+        LOG_ERROR("logical_volume_getter: cannot find device for volume");
         return std::nullopt;
     }
     const double capacity = number_of(partition, "capacity");
@@ -328,5 +375,9 @@ std::optional<std::string> build_logical_volume(const cJSON *devices, const cJSO
                             file_system_name(json_text(partition, "type")).c_str());
     add_capacity(entry.get(), "Capacity", capacity);
     add_capacity(entry.get(), "UsedSpace", capacity - number_of(partition, "free"));
-    return print_entry(entry.get(), logical_volume.text_format);
+    std::optional<std::string> text = print_json_unformatted(entry.get());
+    if (!text) {
+        LOG_ERROR("logical_volume_getter: cannot print entry");
+    }
+    return text;
 }

@@ -151,19 +151,13 @@ json_ptr build_document(const cJSON *devices, const cJSON *partition_list) {
     return document;
 }
 
-// The list in a reply of the disk daemon, or none.
-json_ptr convert_list(const char *text) {
-    json_ptr list = convert_ddm_respone_data_to_json(text);
-    return cJSON_IsArray(list.get()) ? std::move(list) : nullptr;
-}
-
 void removable_partitions_list_callback(const message_bus_args &args, message_bus_request request) {
     LOG_INFO("Partitions list received");
     if (!message_bus_validate_params({}, args, "s")) {
         LOG_WARN("Bad params passed to removable_partitions_list_callback");
         return;
     }
-    const json_ptr partitions = convert_list(args[0].string);
+    const json_ptr partitions = convert_ddm_list(args[0].string);
     if (!partitions) {
         // kept: the caller is left to its time-out.
         LOG_ERROR("convert_ddm_respone_data_to_json failed");
@@ -184,7 +178,7 @@ void removable_devices_list_callback(const message_bus_args &args, message_bus_r
         LOG_WARN("Bad params passed to removable_devices_list_callback");
         return;
     }
-    json_ptr devices = convert_list(args[0].string);
+    json_ptr devices = convert_ddm_list(args[0].string);
     if (!devices) {
         message_bus_send_string_reply(std::move(request), devices_failed);
         return;

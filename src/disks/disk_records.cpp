@@ -3,6 +3,7 @@
 #include <strings.h>
 
 #include <algorithm>
+#include <utility>
 #include <vector>
 
 #include "common/files.h"
@@ -105,4 +106,9 @@ json_ptr convert_ddm_respone_data_to_json(const char *text) {
         dump_string_to_file(converted_text_path, converted.c_str());
     }
     return value;
+}
+
+json_ptr convert_ddm_list(const char *text) {
+    json_ptr list = convert_ddm_respone_data_to_json(text);
+    return cJSON_IsArray(list.get()) ? std::move(list) : nullptr;
 }

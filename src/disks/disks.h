@@ -45,3 +45,5 @@ bool disk_record_is_mounted(const cJSON *partition);
 // The disk daemon's notation as JSON, or none. A record in which a member stands twice is none, and
 // left out of a list. What could not be read is kept in /tmp/nimbrel/ddm_data.err and ddm_json.err.
 json_ptr convert_ddm_respone_data_to_json(const char *text);
+// The same for what has to be a list.
+json_ptr convert_ddm_list(const char *text);

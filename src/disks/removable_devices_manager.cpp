@@ -28,27 +28,6 @@ struct record_texts {
     const char *empty_syspath;
 };
 
-constexpr record_texts partition_connected = {
-    .arrival = "Partition connected signal received",
-    .not_convertible = "Cannot parse partition connected",
-    .empty_syspath = "Syspath is empty",
-};
-constexpr record_texts partition_disconnected = {
-    .arrival = "Partition disconnected signal received",
-    .not_convertible = "Cannot parse partition disconnected",
-    .empty_syspath = "Syspath is empty",
-};
-constexpr record_texts device_attached = {
-    .arrival = "Device attached signal received",
-    .not_convertible = "Cannot parse device attached",
-    .empty_syspath = "Device syspath is empty",
-};
-constexpr record_texts device_detached = {
-    .arrival = "Device detached signal received",
-    .not_convertible = "Cannot parse device detached",
-    .empty_syspath = "Device syspath is empty",
-};
-
 bool field_is(const cJSON *record, const char *key, const char *value) {
     return strcmp(json_text(record, key), value) == 0;
 }
@@ -89,10 +68,9 @@ json_ptr take_list(const message_bus_args &args, const list_texts &texts) {
         return nullptr;
     }
     LOG_INFO("%s", texts.arrival);
-    json_ptr list = convert_ddm_respone_data_to_json(args[0].string);
-    if (!cJSON_IsArray(list.get())) {
+    json_ptr list = convert_ddm_list(args[0].string);
+    if (!list) {
         LOG_ERROR("%s", texts.not_convertible);
-        return nullptr;
     }
     return list;
 }
@@ -150,7 +128,9 @@ void partition_list_callback(const message_bus_args &args) {
 }
 
 void partition_connected_callback(const message_bus_args &args) {
-    json_ptr record = take_record(args, partition_connected);
+    json_ptr record = take_record(args, {.arrival = "Partition connected signal received",
+                                         .not_convertible = "Cannot parse partition connected",
+                                         .empty_syspath = "Syspath is empty"});
     if (!record) {
         return;
     }
@@ -163,7 +143,10 @@ void partition_connected_callback(const message_bus_args &args) {
 }
 
 void partition_disconnected_callback(const message_bus_args &args) {
-    const json_ptr record = take_record(args, partition_disconnected);
+    const json_ptr record =
+        take_record(args, {.arrival = "Partition disconnected signal received",
+                           .not_convertible = "Cannot parse partition disconnected",
+                           .empty_syspath = "Syspath is empty"});
     if (!record) {
         return;
     }
@@ -172,7 +155,9 @@ void partition_disconnected_callback(const message_bus_args &args) {
 }
 
 void device_attached_callback(const message_bus_args &args) {
-    json_ptr record = take_record(args, device_attached);
+    json_ptr record = take_record(args, {.arrival = "Device attached signal received",
+                                         .not_convertible = "Cannot parse device attached",
+                                         .empty_syspath = "Device syspath is empty"});
     if (!record) {
         return;
     }
@@ -187,7 +172,9 @@ void device_attached_callback(const message_bus_args &args) {
 }
 
 void device_detached_callback(const message_bus_args &args) {
-    const json_ptr record = take_record(args, device_detached);
+    const json_ptr record = take_record(args, {.arrival = "Device detached signal received",
+                                               .not_convertible = "Cannot parse device detached",
+                                               .empty_syspath = "Device syspath is empty"});
     if (!record) {
         return;
     }
