@@ -58,7 +58,8 @@ json_ptr partitions_of(std::span<const std::string> texts) {
 }
 
 std::string text_of(const cJSON *item) {
-    return print_json_unformatted(item).value_or("nothing");
+    const std::string text = print_json_unformatted(item);
+    return text.empty() ? "nothing" : text;
 }
 
 void must_read_back(const cJSON *item) {

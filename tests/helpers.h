@@ -40,8 +40,12 @@ inline json_ptr parse(const std::string &text) {
     return json_ptr(cJSON_Parse(text.c_str()));
 }
 
+inline std::string print(const cJSON *item) {
+    const std::string text = print_json_unformatted(item);
+    return text.empty() ? "nothing" : text;
+}
 inline std::string print(const json_ptr &item) {
-    return print_json_unformatted(item.get()).value_or("nothing");
+    return print(item.get());
 }
 
 inline std::string content(const std::string &path) {
@@ -67,7 +71,7 @@ public:
     std::string saved(const char *item) const {
         const json_ptr document = parse(content(path_));
         const cJSON *found = nimbrelc_utils_get_json_object(document.get(), item, nullptr);
-        return print_json_unformatted(found).value_or("nothing");
+        return print(found);
     }
 
     // What a daemon that starts anew finds.

@@ -28,11 +28,8 @@ bool kinds_agree(const cJSON *source, const cJSON *target) {
            (cJSON_IsBool(source) && cJSON_IsBool(target)) || kind_of(source) == kind_of(target);
 }
 
-std::optional<std::string> owned_text(char *printed) {
-    if (printed == nullptr) {
-        return std::nullopt;
-    }
-    std::string text(printed);
+std::string owned_text(char *printed) {
+    std::string text(nimbrelc_utils_empty_if_null(printed));
     cJSON_free(printed);
     return text;
 }
@@ -144,11 +141,11 @@ void nimbrelc_utils_copy_values_to_json(const cJSON *source, cJSON *target, bool
     }
 }
 
-std::optional<std::string> print_json(const cJSON *item) {
+std::string print_json(const cJSON *item) {
     return owned_text(cJSON_Print(item));
 }
 
-std::optional<std::string> print_json_unformatted(const cJSON *item) {
+std::string print_json_unformatted(const cJSON *item) {
     return owned_text(cJSON_PrintUnformatted(item));
 }
 

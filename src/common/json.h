@@ -4,7 +4,6 @@
 
 #include <cjson/cJSON.h>
 
-#include <optional>
 #include <string>
 #include <string_view>
 
@@ -49,9 +48,9 @@ double nimbrelc_utils_zero_if_null(const cJSON *item);
 // Source arrays are taken only with `copy_arrays`.
 void nimbrelc_utils_copy_values_to_json(const cJSON *source, cJSON *target, bool copy_arrays);
 
-// JSON text, indented or without white space; none when there is nothing printable.
-std::optional<std::string> print_json(const cJSON *item);
-std::optional<std::string> print_json_unformatted(const cJSON *item);
+// JSON text, indented or without white space; "" when there is nothing printable.
+std::string print_json(const cJSON *item);
+std::string print_json_unformatted(const cJSON *item);
 
 // The item's type number as it stands in log lines: false 0, true 1, null 2, number 3, string 4,
 // array 5, object 6.

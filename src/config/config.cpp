@@ -57,13 +57,13 @@ bool nimbrelc_config_load(const char *path) {
 
 bool nimbrelc_config_save() {
     LOG_INFO("Saving nimbrelc config");
-    const std::optional<std::string> text = print_json(config_root.get());
-    if (!text) {
+    const std::string text = print_json(config_root.get());
+    if (text.empty()) {
         LOG_ERROR("Error printing nimbrelc config");
         return false;
     }
-    printed_size = text->size();
-    if (!safe_dump_string_to_file(loaded_path.c_str(), text->c_str(), file_mode_secret)) {
+    printed_size = text.size();
+    if (!safe_dump_string_to_file(loaded_path.c_str(), text.c_str(), file_mode_secret)) {
         LOG_ERROR("Error saving nimbrelc config");
         return false;
     }

@@ -14,9 +14,7 @@ void get_application_status_callback(const message_bus_args & /*args*/,
                                      message_bus_request request) {
     const json_ptr status(cJSON_CreateObject());
     cJSON_AddStringToObject(status.get(), "status", "STARTED");
-    if (const auto text = print_json_unformatted(status.get())) {
-        message_bus_send_string_reply(std::move(request), text->c_str());
-    }
+    message_bus_send_string_reply(std::move(request), print_json_unformatted(status.get()).c_str());
 }
 
 constexpr message_bus_method methods[] = {

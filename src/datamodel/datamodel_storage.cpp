@@ -158,9 +158,8 @@ void get_count(const counter &row, message_bus_request request) {
 // --- One medium or volume
 
 struct object_row {
-    // The object as text; none, and logged, when there is no such object.
-    std::optional<std::string> (*build)(const cJSON *devices, const cJSON *partitions,
-                                        uint32_t index);
+    // The object as text; "", and logged, when there is no such object.
+    std::string (*build)(const cJSON *devices, const cJSON *partitions, uint32_t index);
     const char *start;
     const char *not_asked;
     const char *end;
@@ -194,8 +193,8 @@ void answer_object(const object_row &row, uint32_t index, const cJSON *devices,
     if (row.build == nullptr) {  // kept: no row is without
         LOG_ERROR("read_devices_and_partitions: no callback method");
         message_bus_send_no_reply(std::move(request));
-    } else if (const auto text = row.build(devices, partitions, index)) {
-        message_bus_send_string_reply(std::move(request), text->c_str());
+    } else if (const std::string text = row.build(devices, partitions, index); !text.empty()) {
+        message_bus_send_string_reply(std::move(request), text.c_str());
         LOG_INFO("%s", row.end);
         LOG_INFO("read_devices_and_partitions: end");
     } else {
@@ -312,12 +311,11 @@ std::string file_system_name(const char *type) {
     return std::string("X_KELVANTO-COM_") + type;
 }
 
-std::optional<std::string> build_physical_medium(const cJSON *devices, const cJSON *partitions,
-                                                 uint32_t index) {
+std::string build_physical_medium(const cJSON *devices, const cJSON *partitions, uint32_t index) {
     const auto i = static_cast<int32_t>(index - 1);
     if (i < 0 || i >= cJSON_GetArraySize(devices)) {
         LOG_ERROR("physical_medium_getter: invalid index %d", i);
-        return std::nullopt;
+        return "";
     }
     const cJSON *device = cJSON_GetArrayItem(devices, i);
     const char *syspath = json_text(device, "syspath");
@@ -339,29 +337,28 @@ std::optional<std::string> build_physical_medium(const cJSON *devices, const cJS
     cJSON_AddTrueToObject(entry.get(), "Removable");
     cJSON_AddStringToObject(entry.get(), "Status", "Online");
     add_capacity(entry.get(), "Capacity", capacity);
-    std::optional<std::string> text = print_json_unformatted(entry.get());
-    if (!text) {
+    std::string text = print_json_unformatted(entry.get());
+    if (text.empty()) {
         LOG_ERROR("physical_medium_getter: cannot print entry");
     }
     return text;
 }
 
-std::optional<std::string> build_logical_volume(const cJSON *devices, const cJSON *partitions,
-                                                uint32_t index) {
+std::string build_logical_volume(const cJSON *devices, const cJSON *partitions, uint32_t index) {
     const cJSON *partition = find_mounted(partitions, index);
     if (partition == nullptr) {
         LOG_ERROR("logical_volume_getter: invalid index %d", static_cast<int32_t>(index - 1));
-        return std::nullopt;
+        return "";
     }
     const char *disk_syspath = json_text(partition, "disk_syspath");
     if (disk_syspath[0] == '\0') {
         LOG_ERROR("logical_volume_getter: undefined disk syspath");
-        return std::nullopt;
+        return "";
     }
     const int device = find_device(devices, disk_syspath);
     if (device == 0) {
         LOG_ERROR("logical_volume_getter: cannot find device for volume");
-        return std::nullopt;
+        return "";
     }
     const double capacity = number_of(partition, "capacity");
     const std::string reference =
@@ -375,8 +372,8 @@ std::optional<std::string> build_logical_volume(const cJSON *devices, const cJSO
                             file_system_name(json_text(partition, "type")).c_str());
     add_capacity(entry.get(), "Capacity", capacity);
     add_capacity(entry.get(), "UsedSpace", capacity - number_of(partition, "free"));
-    std::optional<std::string> text = print_json_unformatted(entry.get());
-    if (!text) {
+    std::string text = print_json_unformatted(entry.get());
+    if (text.empty()) {
         LOG_ERROR("logical_volume_getter: cannot print entry");
     }
     return text;

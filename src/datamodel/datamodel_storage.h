@@ -6,7 +6,6 @@
 #include <cjson/cJSON.h>
 
 #include <cstdint>
-#include <optional>
 #include <string>
 
 #include "common/msg_bus/message_bus.h"
@@ -27,9 +26,7 @@ bool logical_volume_name_setter(const message_bus_arg &value, message_bus_reques
 // The data model's name of a partition's type ("NTFS", or "X_KELVANTO-COM_" and the type).
 std::string file_system_name(const char *type);
 
-// The answers of the two indexed getters, made from the disk daemon's lists; none, and logged, when
+// The answers of the two indexed getters, made from the disk daemon's lists; "", and logged, when
 // there is no such medium or volume.
-std::optional<std::string> build_physical_medium(const cJSON *devices, const cJSON *partitions,
-                                                 uint32_t index);
-std::optional<std::string> build_logical_volume(const cJSON *devices, const cJSON *partitions,
-                                                uint32_t index);
+std::string build_physical_medium(const cJSON *devices, const cJSON *partitions, uint32_t index);
+std::string build_logical_volume(const cJSON *devices, const cJSON *partitions, uint32_t index);

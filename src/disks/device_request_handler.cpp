@@ -53,7 +53,7 @@ const char *storage_type(const cJSON *device) {
 // What is not plain is still printed by the library.
 
 void append_printed(std::string &json, json_ptr value) {
-    json += print_json_unformatted(value.get()).value_or("null");
+    json += print_json_unformatted(value.get());
 }
 
 void append_text(std::string &json, std::string_view text) {
@@ -163,14 +163,14 @@ void removable_partitions_list_callback(const message_bus_args &args, message_bu
         LOG_ERROR("convert_ddm_respone_data_to_json failed");
         return;
     }
-    const auto text =
+    const std::string text =
         print_json_unformatted(build_document(cached_devices.get(), partitions.get()).get());
-    if (!text) {
+    if (text.empty()) {
         LOG_ERROR("cJSON_PrintUnformatted failed");
         message_bus_send_string_reply(std::move(request), partitions_failed);
         return;
     }
-    message_bus_send_string_reply(std::move(request), text->c_str());
+    message_bus_send_string_reply(std::move(request), text.c_str());
 }
 
 void removable_devices_list_callback(const message_bus_args &args, message_bus_request request) {

@@ -152,7 +152,7 @@ void store_callback(const message_bus_args &args, message_bus_request request) {
 
 bool restore_from(const char *path) {
     const json_ptr document = backup_load(path);
-    if (!document || !nimbrelc_config_has_room_for(print_json(document.get()).value_or(""))) {
+    if (!document || !nimbrelc_config_has_room_for(print_json(document.get()))) {
         LOG_ERROR("Failed to load backup from file:");
         return false;
     }
@@ -221,12 +221,12 @@ json_ptr backup_create(cJSON *root) {
 }
 
 bool backup_save(const char *path, const cJSON *document) {
-    const std::optional<std::string> text = print_json(document);
-    if (!text) {
+    const std::string text = print_json(document);
+    if (text.empty()) {
         LOG_ERROR("Error printing nimbrelc backup config");
         return false;
     }
-    const std::optional<std::string> encrypted = backup_encrypt(*text);
+    const std::optional<std::string> encrypted = backup_encrypt(text);
     if (!encrypted) {
         LOG_ERROR("Encrypting backup failed");
         return false;

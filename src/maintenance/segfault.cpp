@@ -125,11 +125,11 @@ void segfault_dump_getter(message_bus_request request, uint32_t index, const cha
     };
     copy_text("Time", "time");
     copy_text("ProcessName", "processName");
-    const std::optional<std::string> text = print_json_unformatted(entry.get());
-    if (!text) {
+    const std::string text = print_json_unformatted(entry.get());
+    if (text.empty()) {
         LOG_ERROR("segfault_dump_getter: cannot print entry");
         message_bus_send_no_reply(std::move(request));
         return;
     }
-    message_bus_send_string_reply(std::move(request), text->c_str());
+    message_bus_send_string_reply(std::move(request), text.c_str());
 }

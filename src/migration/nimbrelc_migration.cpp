@@ -152,12 +152,12 @@ bool save(cJSON *config, const char *installed) {
         return false;
     }
     set_software_version(device_info, installed);
-    const std::optional<std::string> text = print_json(config);
-    if (!text) {
+    const std::string text = print_json(config);
+    if (text.empty()) {
         LOG_ERROR("Error printing modified config");
         return false;
     }
-    if (!safe_dump_string_to_file(get_nimbrelc_config_file_location(), text->c_str(),
+    if (!safe_dump_string_to_file(get_nimbrelc_config_file_location(), text.c_str(),
                                   file_mode_secret)) {
         LOG_ERROR("Error saving migrated config");
         return false;

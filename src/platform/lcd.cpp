@@ -118,17 +118,13 @@ bool lcd_display_message(const char *key, lcd_event event, uint32_t number, bool
         cJSON_AddStringToObject(item, "Description", nimbrelc_utils_empty_if_null_json(language));
         cJSON_AddItemToArray(list.get(), item);
     }
-    const auto text = print_json_unformatted(list.get());
-    if (!text) {
-        return false;
-    }
     auto context = key != nullptr ? std::optional<std::string>(key) : std::nullopt;
-    return call_display(
-        "addEvent",
-        [context = std::move(context)](const message_bus_args &args) {
-            display_reply(args, context);
-        },
-        {mb_string(*text), mb_uint32(number), mb_boolean(first_flag), mb_boolean(second_flag)});
+    return call_display("addEvent",
+                        [context = std::move(context)](const message_bus_args &args) {
+                            display_reply(args, context);
+                        },
+                        {mb_string(print_json_unformatted(list.get())), mb_uint32(number),
+                         mb_boolean(first_flag), mb_boolean(second_flag)});
 }
 
 bool lcd_delete_message(const char *key) {

@@ -21,7 +21,6 @@
 #include "platform/launch_escape.h"
 #include "platform/service_manager.h"
 #include "remote_access/remote_access.h"
-#include "remote_access/ssh_time.h"
 
 namespace {
 
@@ -36,6 +35,7 @@ constexpr const char *activation_date_path = "ssh.activationDate";
 constexpr const char *server = "dropbear";
 constexpr int server_port = 22;
 constexpr int max_external_port = 65534;
+constexpr uint32_t max_release_minutes = 14400;  // ten days
 constexpr const char *firewall_zone = "internal";
 constexpr const char *firewall_slot = "100";
 
@@ -54,10 +54,31 @@ bool is_activation_running() {
     return date != nullptr && !cJSON_IsNull(date);
 }
 
+uint32_t granted_minutes(uint32_t minutes) {
+    return is_release() ? std::min(minutes, max_release_minutes) : minutes;
+}
+
+// In seconds; wraps at 32 bits, like the box's own clock. The stored number may be beyond 31 bits;
+// as everywhere its integer copy counts.
 uint32_t effective_duration() {
-    // The stored number may be beyond 31 bits; as everywhere its integer copy counts.
-    return ssh_duration_seconds(static_cast<uint32_t>(get_config_number(activation_duration_path)),
-                                is_release());
+    return granted_minutes(static_cast<uint32_t>(get_config_number(activation_duration_path))) * 60;
+}
+
+// What is left of an activation that began at `activation`: after the deadline nothing on a release
+// build and 0 on a devel build, where a duration of 0, which means an activation without end, gives
+// 0 too.
+std::optional<int32_t> remaining_seconds(time_t activation) {
+    const uint32_t duration = effective_duration();
+    // Added and subtracted as unsigned numbers: a sum beyond 2038 wraps, as a signed one would.
+    const auto deadline = static_cast<int32_t>(static_cast<uint32_t>(activation) + duration);
+    const auto clock = static_cast<int32_t>(timer_now());
+    if (!is_release() && duration == 0) {
+        return 0;
+    }
+    if (deadline > clock) {
+        return static_cast<int32_t>(static_cast<uint32_t>(deadline) - static_cast<uint32_t>(clock));
+    }
+    return is_release() ? std::nullopt : std::optional<int32_t>(0);
 }
 
 constexpr config_rule rules[] = {
@@ -245,8 +266,7 @@ bool continue_activation() {
         LOG_ERROR("get_activation_date() failed");
         return false;
     }
-    const std::optional<int32_t> remaining =
-        ssh_remaining_seconds(*date, effective_duration(), timer_now(), is_release());
+    const std::optional<int32_t> remaining = remaining_seconds(*date);
     if (!remaining) {
         LOG_INFO("It's after the deadline, just cleanup the configuration");
         // kept: the server is not stopped here.
@@ -313,9 +333,8 @@ bool ssh_set_activation_duration(const message_bus_arg &value, message_bus_reque
         LOG_WARN("Bad params passed to ssh_set_activation_duration");
         return message_bus_send_bool_reply(std::move(request), false);
     }
-    const uint32_t minutes =
-        is_release() ? std::min(value.word, ssh_max_release_minutes) : value.word;
-    set_config_item(activation_duration_path, json_ptr(cJSON_CreateNumber(minutes)));
+    set_config_item(activation_duration_path,
+                    json_ptr(cJSON_CreateNumber(granted_minutes(value.word))));
     const bool applied = ssh_configure() && nimbrelc_config_save();
     return message_bus_send_bool_reply(std::move(request), applied);
 }

@@ -21,12 +21,8 @@ constexpr const char *failure_reply = R"({"success":false,"failure":"INTERNAL_ER
 
 void fileservices_list_callback(const message_bus_args & /*args*/, message_bus_request request) {
     const json_ptr status = file_services_manager_get_services_status();
-    std::optional<std::string> text;
-    if (status) {
-        cJSON_AddTrueToObject(status.get(), "success");
-        text = print_json_unformatted(status.get());
-    }
-    message_bus_send_string_reply(std::move(request), text ? text->c_str() : failure_reply);
+    cJSON_AddTrueToObject(status.get(), "success");
+    message_bus_send_string_reply(std::move(request), print_json_unformatted(status.get()).c_str());
 }
 
 void fileservices_set_state_callback(const message_bus_args &args, message_bus_request request) {
@@ -64,11 +60,9 @@ void fileservices_update_credentials_callback(const message_bus_args &args,
 // kept: the reply is not the object's text but that text as one JSON string value, in double
 // quotes.
 void reply_settings(const cJSON *settings, message_bus_request request) {
-    const std::string text = print_json_unformatted(settings).value_or("");
+    const std::string text = print_json_unformatted(settings);
     const json_ptr value(cJSON_CreateString(text.c_str()));
-    if (const auto reply = print_json_unformatted(value.get())) {
-        message_bus_send_string_reply(std::move(request), reply->c_str());
-    }
+    message_bus_send_string_reply(std::move(request), print_json_unformatted(value.get()).c_str());
 }
 
 void fileservices_get_credentials_callback(const message_bus_args & /*args*/,

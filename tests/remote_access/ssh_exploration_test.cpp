@@ -110,7 +110,7 @@ protected:
     // What holds whenever no command has failed.
     void check() {
         EXPECT_EQ(document.saved("ssh"),
-                  print_json_unformatted(get_config_item("ssh")).value_or(""));
+                  print_json_unformatted(get_config_item("ssh")));
         EXPECT_LE(running_timers.size(), 1U);
         const bool enabled = get_config_flag("ssh.enable");
         const bool ends = !running_timers.empty();
