@@ -54,7 +54,7 @@ def faults():
     names, named = (set(re.findall(r"com\.kelvanto(?:\.\w+)+", text)) for text in ("\n".join(known), platform))
     yield from (f"docs/platform.md: not there, or there alone: {one}"
                 for one in [*({*rules, *lines} - {one for pair in pairs for one in pair}), *(names ^ named)])
-    arrows = {(file.rpartition("/")[0], name.rpartition("/")[0])
+    arrows = {(rooms.room_of(file), rooms.room_of(name))
               for file, rows in rooms.includes_of(TREE / "src").items() for _, name in rows}
     picture = read("ARCHITECTURE.md").split("```mermaid\nflowchart")[1].split("```")[0]
     room = dict(re.findall(r'^ +(\w+)\["([\w/]+)', picture, re.M))

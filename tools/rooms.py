@@ -12,6 +12,10 @@ SERVICES = ROOMS[1:ROOMS.index("platform")]
 DOOR_LINES = 60
 
 
+def room_of(file):
+    return os.path.dirname(file).removesuffix("/unused")
+
+
 def includes_of(src):
     """{file: [(line number, included file)]}, of the tree's own files, as paths below src."""
     found = {}
@@ -28,7 +32,7 @@ def includes_of(src):
 
 def bad_arrow(file, included):
     """What is wrong with one include, or None."""
-    room, below = os.path.dirname(file), os.path.dirname(included)
+    room, below = room_of(file), room_of(included)
     if below not in ROOMS:
         return f"{included} lies in no room"
     if ROOMS.index(below) < ROOMS.index(room):
@@ -69,7 +73,7 @@ def way_back(arrows, start, end):
 def faults(src):
     includes = includes_of(src)
     for file, rows in includes.items():
-        if os.path.dirname(file) not in ROOMS:
+        if room_of(file) not in ROOMS:
             yield file, 1, "lies in no room"
             continue
         for number, included in rows:

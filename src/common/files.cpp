@@ -1,3 +1,4 @@
+// Logs as "nimbrelc_utils".
 #include "common/files.h"
 
 #include <fcntl.h>

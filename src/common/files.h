@@ -54,6 +54,5 @@ int cmp_file_content(const char *path, const char *text);
 // Everything from the stream's position to its end, or nothing on a read error.
 std::optional<std::string> read_to_buffer(FILE *stream);
 
-// Removes a whole tree without following symbolic links; 0 on success. kept: for programs that
-// embed this module; nothing here calls it.
+// Removes a whole tree without following symbolic links; 0 on success. kept: nothing here calls it.
 int rmrf(const char *directory);

@@ -40,12 +40,11 @@ void logger_set_parameter(const char *key, const char *value);
 // everything else is kept.
 void logger_cleanup();
 
-// Installs hooks (borrowed, null for none). kept: for programs that embed this module; here only
-// the unit tests listen.
+// Installs hooks (borrowed, null for none). kept: only the unit tests listen.
 void logger_set_custom_logger(const custom_logger *hooks);
 
 // Owner given to log files before a line is written, -1 for none. Group first, then user.
-// kept: for programs that embed this module; nothing here calls it.
+// kept: nothing here calls it.
 void logger_set_file_owner(gid_t group_id, uid_t user_id);
 
 // Writes one message, cut to what fits an 8000-byte line. `line` is a source line number.

@@ -1,3 +1,4 @@
+// Logs as "nimbrelc_utils".
 #include "common/regular_expressions.h"
 
 #include "common/texts.h"

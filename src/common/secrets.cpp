@@ -1,3 +1,4 @@
+// Logs as "nimbrelc_utils".
 #include "common/secrets.h"
 
 #include <openssl/bio.h>

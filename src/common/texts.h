@@ -12,7 +12,7 @@ const char *nimbrelc_utils_empty_if_null(const char *text);
 // The value as it may stand in a generated file: each control character becomes "_".
 std::string printable(std::string_view value);
 
-// kept: for programs that embed this module; nothing here calls the following five.
+// kept: nothing here calls the following five.
 
 // Every double quote gets a backslash before it; nothing for null.
 std::optional<std::string> nimbrelc_utils_escape_quotes(const char *text);

@@ -1,3 +1,4 @@
+// Logs as "datamodel".
 #include "datamodel/datamodel_device.h"
 
 #include <arpa/inet.h>

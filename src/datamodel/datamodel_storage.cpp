@@ -1,3 +1,4 @@
+// Logs as "datamodel".
 #include "datamodel/datamodel_storage.h"
 
 #include <strings.h>

@@ -1,5 +1,3 @@
-#include "migration/kq3_migration_08.04.99_08.05.01.h"
-
 #include <string>
 
 #include "common/dates.h"

@@ -1,5 +1,3 @@
-#include "migration/kq3_migration_08.05.08_08.05.09.h"
-
 #include "common/json.h"
 #include "common/logger.h"
 #include "common/secrets.h"

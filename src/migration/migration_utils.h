@@ -1,4 +1,4 @@
-// What several migration steps need: finding sections, dropping and adding members, and reading
+// What several migration steps need: dropping and replacing members, and reading
 // secrets in the format of an earlier firmware generation.
 #pragma once
 

@@ -1,3 +1,4 @@
+// Logs as "launch".
 // Command lines that are made of a format.
 #include <sys/wait.h>
 

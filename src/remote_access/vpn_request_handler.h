@@ -2,5 +2,5 @@
 // An empty answer is the only sign of failure that callers get.
 #pragma once
 
-// Compiles the rules for new credentials and serves the methods; false (logged) when either fails.
+// Serves the methods; false (logged) when one cannot be served.
 bool vpn_request_handler_start();

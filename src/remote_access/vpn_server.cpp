@@ -1,3 +1,4 @@
+// Logs as "vpn".
 #include "remote_access/vpn_server.h"
 
 #include <string>

@@ -1,3 +1,4 @@
+// Logs as "file_services_manager".
 #include "sharing/file_service_queue.h"
 
 #include "common/logger.h"

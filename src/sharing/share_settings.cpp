@@ -1,3 +1,4 @@
+// Logs as "file_services_request_handler".
 #include "sharing/share_settings.h"
 
 #include <algorithm>

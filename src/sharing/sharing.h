@@ -12,8 +12,8 @@ bool file_services_manager_start();
 bool file_services_manager_stop();
 
 // Serves the web methods for central storage, the protection of the shares and the switches of the
-// file services, and answers the PAM and NSS modules. False when a method cannot be served or the
-// rules for new credentials do not compile; stopping is always true.
+// file services, and answers the PAM and NSS modules. False when a method cannot be served;
+// stopping is always true.
 bool file_services_request_handler_start();
 bool file_services_request_handler_stop();
 

@@ -7,7 +7,6 @@
 #include "common/secrets.h"
 #include "config/stored_secrets.h"
 #include "helpers.h"
-#include "migration/kq3_migration_08.05.08_08.05.09.h"
 #include "migration/migration_steps.h"
 #include "migration/migration_utils.h"
 

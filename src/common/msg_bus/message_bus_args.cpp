@@ -1,3 +1,4 @@
+// Logs as "message_bus".
 #include "common/msg_bus/message_bus_args.h"
 
 #include <algorithm>

@@ -1,3 +1,4 @@
+// Logs as "message_bus".
 #include "common/msg_bus/message_bus_connection.h"
 
 #include <event2/event.h>

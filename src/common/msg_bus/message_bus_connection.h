@@ -16,7 +16,7 @@ DBusConnection *message_bus_connection();
 bool connection_setup();
 
 // Sets DBUS_SESSION_BUS_ADDRESS; returns what setenv() returned. The system bus is not affected.
-// Nothing here calls it: it is for programs that embed this module.
+// kept: nothing here calls it.
 int message_bus_set_dbus_socket(const char *address);
 
 // Asks for a well-known name, replacing an owner that allows it. Queued counts as success.

@@ -1,3 +1,4 @@
+// Logs as "message_bus".
 // The message bus's calls to other daemons, and the way of their replies.
 #include <memory>
 #include <string>
