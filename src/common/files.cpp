@@ -46,13 +46,16 @@ file_ptr open_regular_file(const char *path, int flags, mode_t mode, const char 
     return file;
 }
 
+bool accept_any(int /*fd*/, const struct stat & /*info*/, mode_t /*mode*/) {
+    return true;
+}
+
 file_ptr open_for_reading(const char *path) {
     if (path == nullptr) {
         errno = EFAULT;
         return nullptr;
     }
-    return open_regular_file(path, O_RDONLY, 0, "r",
-                             [](int, const struct stat &, mode_t) { return true; });
+    return open_regular_file(path, O_RDONLY, 0, "r", accept_any);
 }
 
 // A file that is there already may have been planted: one with a second name, or another user's
@@ -71,10 +74,22 @@ bool empty_for_writing(int fd, const struct stat &info, mode_t mode) {
     return ftruncate(fd, 0) == 0;
 }
 
-// As fopen() with "w+" does it, but never through a link.
-file_ptr open_for_writing(const char *path, mode_t mode, int flags = 0) {
-    return open_regular_file(path, O_RDWR | O_CREAT | O_NOFOLLOW | flags, mode, "w+",
-                             empty_for_writing);
+// A file that was not there before is our own, whatever owner the medium shows.
+file_ptr make_for_writing(const char *path, mode_t mode) {
+    return open_regular_file(path, O_RDWR | O_CREAT | O_EXCL, mode, "w+", accept_any);
+}
+
+// As fopen() with "w+" does it, but never through a link. What is refused is made anew where it can
+// be removed.
+file_ptr open_for_writing(const char *path, mode_t mode) {
+    file_ptr file = make_for_writing(path, mode);
+    if (file == nullptr && errno == EEXIST) {
+        file = open_regular_file(path, O_RDWR | O_NOFOLLOW, mode, "w+", empty_for_writing);
+        if (file == nullptr && errno == EPERM && unlink(path) == 0) {
+            file = make_for_writing(path, mode);
+        }
+    }
+    return file;
 }
 
 // Whether a file that replaces another one reaches the medium before the name does, and the name
@@ -206,7 +221,7 @@ bool safe_dump_string_to_file(const char *path, const char *text, mode_t mode) {
     if (remove(temporary.c_str()) == 0) {
         LOG_WARN("Previous file write failed, proceeding");
     }
-    if (!write_text(temporary.c_str(), open_for_writing(temporary.c_str(), mode, O_EXCL), text,
+    if (!write_text(temporary.c_str(), make_for_writing(temporary.c_str(), mode), text,
                     sync_writes)) {
         LOG_ERROR("Error saving file");
         return false;

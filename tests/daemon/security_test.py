@@ -72,19 +72,21 @@ def test_secrets_are_for_the_daemon_alone(box):
 
     def store(path):
         box.call("/backup", "com.kelvanto.nimbrel.backup", "store", path)
-    document = box.read("/media/nimbrelc.json")
-    os.chmod(box.path("/tmp"), 0o777)  # the kernel protects planted links in sticky directories only
+    document, console = box.read("/media/nimbrelc.json"), box.read("/media/serial_login_password")
     as_intruder(box, "sh", "-c", "ln -s /media/nimbrelc.json /tmp/link; umask 0; echo mine >/tmp/open")
-    for path in ("/tmp/link", "/tmp/open"):
-        store(path)
-    box.wait_log("Failed to save the backup", count=2)
-    assert box.read("/media/nimbrelc.json") == document
+    store("/tmp/open")
     assert box.read("/tmp/open") == "mine\n"
+    os.chmod(box.path("/tmp"), 0o777)  # the kernel protects what is planted in sticky directories only
+    os.link(box.path("/media/serial_login_password"), box.path("/media/second"))
+    store("/tmp/link")
+    box.wait_log("Failed to save the backup", count=2)
     box.write("/tmp/lax", "older", 0o666)
-    for path in ("/tmp/new", "/tmp/lax"):
+    for path in ("/tmp/new", "/tmp/lax", "/tmp/open", "/media/second"):
         store(path)
         assert facts(box, path) == ("-rw-------", 7001)
         assert as_intruder(box, "cat", path).returncode == 1
+    assert box.read("/media/nimbrelc.json") == document
+    assert box.read("/media/serial_login_password") == console
 
 
 def test_signals_count_only_from_their_real_senders(box):

@@ -22,8 +22,8 @@ def backup(box, method, *args, **options):
     return box.call("/backup", "com.kelvanto.nimbrel.backup", method, *args, **options)
 
 
-def read_backup(box):
-    with open(box.path(FILE), "rb") as file:
+def read_backup(box, path=FILE):
+    with open(box.path(path), "rb") as file:
         return json.loads(openssl(file.read(), "-d"))
 
 
@@ -82,6 +82,22 @@ def test_settings_move_to_another_box(box):
     auth = box.call("/com/kelvanto/pam", "com.kelvanto.authentification", "AuthRequest",
                     "family", "photos2024", name="com.kelvanto.pamauth")
     assert auth == (1,)
+
+
+def test_a_medium_without_owners(box):
+    """As a FAT or NTFS medium is mounted: all files are the shares' user's, and everybody's."""
+    box.run(["sh", "-ec", "mknod /dev/fuse c 10 229; bindfs --force-user=default --force-group=default "
+             "--perms=a=rwX --chmod-ignore --chown-ignore /media /media"])
+    box.start_daemon()
+    for _ in range(2):
+        backup(box, "store", "/media/backup")
+        assert read_backup(box, "/media/backup")["version"] == "08.05.09"
+    key = "Device.X_KELVANTO-COM_DeviceManagement.MinimumFWVersion"
+    assert box.data_model("SetValue", key, "08.05.01") == (True,)
+    box.run(["s6-svc", "-k", "/run/service/nimbrelc"])
+    wait_until(box.exits, "the daemon is gone")
+    wait_until(box.serving, "the supervisor brings it back")
+    assert box.data_model("GetValue", key) == ("08.05.01",)
 
 
 @pytest.mark.sanitize
