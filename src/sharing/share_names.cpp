@@ -21,13 +21,13 @@ constexpr char replacement = '_';
 constexpr std::string_view reserved_names[] = {"global", "globals", "homes",    "printers",
                                                "print$", "ipc$",    "netlogon", "profiles"};
 
-// A name as servers compare it: without blanks, and in small letters, of all alphabets where the
-// box knows them.
+// A name as servers compare it: each run of blanks as one, and in small letters, of all alphabets
+// where the box knows them.
 std::string compared_form(std::string_view name) {
     static const locale_t all_alphabets = newlocale(LC_CTYPE_MASK, "C.UTF-8", nullptr);
     std::string form;
     for (const char c : name) {
-        if (c != ' ') {
+        if (c != ' ' || form.empty() || form.back() != ' ') {
             form += c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
         }
     }
@@ -53,7 +53,9 @@ std::string compared_form(std::string_view name) {
 std::string written_label(const cJSON *partition) {
     std::string label = printable(json_text(partition, "label"));
     std::replace(label.begin(), label.end(), ']', replacement);
-    const std::string form = compared_form(label);
+    // Servers find their own sections among names without any blanks.
+    std::string form = compared_form(label);
+    std::erase(form, ' ');
     // For a section without a name servers refuse the whole file, with every other share.
     if (form.empty() || std::find(std::begin(reserved_names), std::end(reserved_names), form) !=
                             std::end(reserved_names)) {

@@ -127,12 +127,13 @@ TEST(share_names, are_distinct_and_mean_nothing_else) {
         {"IPC$", "/4", "_IPC$"},
         {"_ipc$", "/5", "_ipc$_"},
         {"", "/6", "_"},
-        {" ", "/7", "_ _"},
-        {"Disk", "/8", "Disk"},
-        {"dis k", "/9", "dis k_"},
-        {"dis k", "/9", "dis k_"},  // announced twice
-        {"DISK_", "/10", "DISK__"},
-        {"Disk", "/8", "Disk"},
+        {" ", "/7", "_ "},
+        {"My Disk", "/8", "My Disk"},
+        {"my  disk", "/9", "my  disk_"},
+        {"my  disk", "/9", "my  disk_"},  // announced twice
+        {"MY DISK_", "/10", "MY DISK__"},
+        {"MyDisk", "/13", "MyDisk"},
+        {"My Disk", "/8", "My Disk"},
         {"\u00c9cole", "/11", "\u00c9cole"},
         {"\u00e9cole", "/12", "\u00e9cole_"},
     };
