@@ -50,7 +50,7 @@ void shed_inherited_state() {
     for (int number = 1; number < NSIG; ++number) {
         signal(number, number == SIGPIPE ? SIG_IGN : SIG_DFL);
     }
-    umask(S_IWGRP | S_IWOTH);
+    umask(umask(0) | S_IWGRP | S_IWOTH);
 }
 
 // Root's further groups do not belong to the daemon's user. Only root can drop them.

@@ -127,7 +127,7 @@ def test_whatever_the_process_inherits(box):
               0o755, "root")
     box.write("/run/service/nimbrelc/run", """#!/bin/bash
 trap '' HUP INT TERM CHLD PIPE
-umask 0
+umask 0050
 exec setpriv --groups 0,7002 /etc/s6/sv/nimbrelc/run <&- >&- 2>&-
 """, 0o755, "root")
     box.run(["s6-svc", "-u", "/run/service/nimbrelc"])
@@ -135,7 +135,7 @@ exec setpriv --groups 0,7002 /etc/s6/sv/nimbrelc/run <&- >&- 2>&-
     status = Path(f"/proc/{box.daemon_pid()}/status").read_text()
     assert re.search(r"^Groups:\s*$", status, re.M)
     assert re.search(r"^Uid:\s+7001\s+7001\s+7001", status, re.M)
-    assert re.search(r"^Umask:\s+0022$", status, re.M)
+    assert re.search(r"^Umask:\s+0072$", status, re.M)
     assert int(re.search(r"^SigIgn:\s+(\w+)", status, re.M)[1], 16) & 0x7fffffff == 1 << 12  # SIGPIPE
     ignored = re.search(r"^SigIgn:\s+(\w+)", box.read("/run/box/signals"), re.M)[1]
     assert int(ignored, 16) & 0x7fffffff == 0
