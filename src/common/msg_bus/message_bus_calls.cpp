@@ -9,11 +9,15 @@
 
 namespace {
 
-constexpr size_t max_unanswered = 64;
+// What is left of the bus's 128 is for other peers: a healthy one answers soon, one that hangs
+// would take it for good.
+constexpr size_t max_unanswered = 120;
+constexpr size_t max_unanswered_by_a_hung_peer = 64;
 
 struct peer {
     const char *name;
     std::vector<dbus_uint32_t> unanswered;  // serials
+    bool hangs = false;                     // a call timed out, and no answer came since
     bool is_watched = false;                // a new owner of the name is announced
 };
 
@@ -40,7 +44,9 @@ void watch_owner(peer &hung) {
 
 bool message_bus_calls_may_call(const char *destination) {
     const auto known = find_peer(destination);
-    return known == peers.end() || known->unanswered.size() < max_unanswered;
+    return known == peers.end() ||
+           known->unanswered.size() <
+               (known->hangs ? max_unanswered_by_a_hung_peer : max_unanswered);
 }
 
 void message_bus_calls_add(const char *destination, dbus_uint32_t serial) {
@@ -60,6 +66,7 @@ void message_bus_calls_reply(DBusMessage *reply) {
         if (call == known.unanswered.end()) {
             continue;
         }
+        known.hangs = timed_out;
         if (timed_out) {
             watch_owner(known);
         } else {
@@ -81,5 +88,6 @@ void message_bus_calls_owner_changed(DBusMessage *signal) {
     const auto known = find_peer(name);
     if (known != peers.end() && *after != '\0') {
         known->unanswered.clear();
+        known->hangs = false;
     }
 }

@@ -4,7 +4,8 @@
 
 #include <dbus/dbus.h>
 
-// Whether another call may go to `destination`: not while 64 are without an answer.
+// Whether another call may go to `destination`: not while 120 are without an answer, or 64 of a
+// peer that let one time out and has answered none since.
 bool message_bus_calls_may_call(const char *destination);
 
 // A call was queued; `destination` is kept by pointer and must outlive the process.
