@@ -1,6 +1,7 @@
 // Logs as "nimbrelc_utils".
 #include "common/secrets.h"
 
+#include <dbus/dbus.h>
 #include <openssl/bio.h>
 #include <openssl/buffer.h>
 #include <openssl/crypto.h>
@@ -259,7 +260,8 @@ std::optional<std::string> nimbrelc_utils_get_decrypted_string(const char *store
     }
     std::optional<std::string> plain =
         nimbrelc_utils_decrypt_base64_encoded_data(stored, passphrase);
-    if (!plain) {
+    // One in 256 wrong passphrases leaves a valid padding behind bytes without a meaning.
+    if (!plain || !dbus_validate_utf8(plain->c_str(), nullptr)) {
         LOG_ERROR("Decryption failed");
         return std::nullopt;
     }

@@ -27,7 +27,8 @@ std::optional<std::string> nimbrelc_utils_encrypt_and_base64_encode_data(
 std::optional<std::string> nimbrelc_utils_decrypt_base64_encoded_data(const char *text,
                                                                       std::string_view passphrase);
 
-// The plain text of a stored secret: "" for null or "", otherwise up to its first zero byte.
+// The plain text of a stored secret: "" for null or "", otherwise up to its first zero byte. Fails
+// for what is no UTF-8.
 std::optional<std::string> nimbrelc_utils_get_decrypted_string(const char *stored,
                                                                std::string_view passphrase);
 

@@ -46,6 +46,8 @@ TEST(secrets, refuses_damaged_secrets) {
     for (size_t size = 0; size < blob.size(); ++size) {
         EXPECT_FALSE(nimbrelc_utils_decrypt_data(blob.substr(0, size), "k26u0crDLs")) << size;
     }
+    EXPECT_TRUE(nimbrelc_utils_decrypt_base64_encoded_data(stored_block, "k26u0crDLs43"));
+    EXPECT_FALSE(nimbrelc_utils_get_decrypted_string(stored_block, "k26u0crDLs43"));  // no UTF-8
     EXPECT_FALSE(nimbrelc_utils_get_decrypted_string("AAAA", "k26u0crDLs"));
     EXPECT_FALSE(nimbrelc_utils_get_decrypted_string("not base64!", "k26u0crDLs"));
 }
