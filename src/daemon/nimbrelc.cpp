@@ -57,14 +57,16 @@ constexpr const char *bus_names[] = {
 };
 
 // Whether a directory is the daemon's own, or root's, and nobody else can put anything into it. One
-// of its own that others can write in is tightened.
+// of its own that others can write in is tightened. A link counts as what root made it point to.
 bool is_private_dir(const char *path) {
-    const int directory = open(path, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+    struct stat info {};
+    const bool is_roots_link = lstat(path, &info) == 0 && S_ISLNK(info.st_mode) && info.st_uid == 0;
+    const int directory =
+        open(path, O_RDONLY | O_DIRECTORY | O_CLOEXEC | (is_roots_link ? 0 : O_NOFOLLOW));
     if (directory == -1) {
         return false;
     }
     constexpr mode_t written_by_others = S_IWGRP | S_IWOTH;
-    struct stat info {};
     bool is_private =
         fstat(directory, &info) == 0 && (info.st_uid == geteuid() || info.st_uid == 0);
     if (is_private && (info.st_mode & written_by_others) != 0) {

@@ -56,6 +56,12 @@ def test_nothing_planted_in_the_place_of_the_working_directory_survives(box, pla
     assert box.exists(OWN + "/configs/samba.config")
 
 
+def test_root_may_put_the_working_directory_elsewhere(box):
+    box.run(["sh", "-ec", f"install -d -o nimbrelc /run/own; ln -s /run/own {OWN}"])
+    box.start_daemon()
+    assert box.exists("/run/own/configs")
+
+
 def test_secrets_are_for_the_daemon_alone(box):
     box.run(["sh", "-c", "umask 0; cp /opt/app/default_config/nimbrelc.json /media/nimbrelc.json"])
     box.chown("/media/nimbrelc.json", "nimbrelc")
