@@ -153,8 +153,8 @@ std::optional<std::string> nimbrelc_utils_read_binary_file(const char *path) {
     file_ptr file = open_for_reading(path);
     if (file == nullptr) {
         const int error = errno;
-        LOG_WARN("Cannot open the file %s: %s", nimbrelc_utils_empty_if_null(path),
-                 strerror(error));
+        LOG_WARN("Cannot open the file %s: %s",
+                 printable(nimbrelc_utils_empty_if_null(path)).c_str(), strerror(error));
         errno = error;
         return std::nullopt;
     }
@@ -242,7 +242,7 @@ bool dump_binary_to_file(const char *path, std::string_view data) {
     }
     const file_ptr file = open_for_writing(path, file_mode_secret);
     if (file == nullptr) {
-        LOG_WARN("Cannot open file %s for writing", path);
+        LOG_WARN("Cannot open file %s for writing", printable(path).c_str());
         return false;
     }
     // kept: a short write is not an error here.

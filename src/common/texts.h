@@ -9,7 +9,8 @@
 bool nimbrelc_utils_is_null_or_empty(const char *text);
 const char *nimbrelc_utils_empty_if_null(const char *text);
 
-// The value as it may stand in a generated file: each control character becomes "_".
+// The value as it may stand in a generated file or in a line of the log: "_" for each control
+// character.
 std::string printable(std::string_view value);
 
 // kept: nothing here calls the following five.

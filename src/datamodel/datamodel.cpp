@@ -8,6 +8,7 @@
 
 #include "common/json.h"
 #include "common/logger.h"
+#include "common/texts.h"
 #include "config/config.h"
 #include "datamodel/datamodel_device.h"
 #include "datamodel/datamodel_handler.h"
@@ -254,14 +255,15 @@ void get_value_callback(const message_bus_args &args, message_bus_request reques
     const char *key = args[0].string;
     const datamodel_handler *handler = find_handler(key, nullptr);
     if (handler == nullptr) {
-        LOG_WARN("Failed to get value for key %s: handler not found", key);
+        LOG_WARN("Failed to get value for key %s: handler not found", printable(key).c_str());
         message_bus_send_no_reply(std::move(request));
     } else if (handler->get != nullptr) {
         handler->get(std::move(request));
     } else if (handler->config_key != nullptr) {
         send_value_from_config(handler->config_key, handler->reply_type, std::move(request));
     } else {
-        LOG_ERROR("Failed to get value for key %s: handler callback not found", key);
+        LOG_ERROR("Failed to get value for key %s: handler callback not found",
+                  printable(key).c_str());
         message_bus_send_no_reply(std::move(request));
     }
 }
@@ -280,7 +282,7 @@ void set_value_callback(const message_bus_args &args, message_bus_request reques
     uint32_t index = 0;
     const datamodel_handler *handler = find_handler(key, &index);
     if (handler == nullptr) {
-        LOG_ERROR("Failed to get value for key %s: handler not found", key);
+        LOG_ERROR("Failed to get value for key %s: handler not found", printable(key).c_str());
         message_bus_send_bool_reply(std::move(request), false);
         return;
     }
@@ -291,7 +293,8 @@ void set_value_callback(const message_bus_args &args, message_bus_request reques
     } else if (handler->config_key != nullptr && handler->config_writable) {
         message_bus_send_bool_reply(std::move(request), write_config(handler->config_key, value));
     } else {
-        LOG_ERROR("Failed to get value for key %s: handler callback not found", key);
+        LOG_ERROR("Failed to get value for key %s: handler callback not found",
+                  printable(key).c_str());
         message_bus_send_bool_reply(std::move(request), false);
         return;
     }
@@ -317,7 +320,7 @@ void get_object_callback(const message_bus_args &args, message_bus_request reque
     } else if (handler != nullptr && handler->get != nullptr) {
         handler->get(std::move(request));
     } else {
-        LOG_WARN("Failed to get object for key %s", key);
+        LOG_WARN("Failed to get object for key %s", printable(key).c_str());
         message_bus_send_no_reply(std::move(request));
     }
 }

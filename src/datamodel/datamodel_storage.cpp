@@ -9,6 +9,7 @@
 
 #include "common/json.h"
 #include "common/logger.h"
+#include "common/texts.h"
 #include "disks/disks.h"
 
 namespace {
@@ -295,7 +296,8 @@ bool logical_volume_name_setter(const message_bus_arg &value, message_bus_reques
         value.string[0] != '\0') {
         LOG_WARN("logical_volume_name_setter: not supported");
     } else {
-        LOG_WARN("logical_volume_name_setter: failed to set value of parameter %s", key);
+        LOG_WARN("logical_volume_name_setter: failed to set value of parameter %s",
+                 printable(key).c_str());
     }
     return message_bus_send_bool_reply(std::move(request), false);
 }

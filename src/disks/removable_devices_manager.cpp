@@ -6,6 +6,7 @@
 
 #include "common/json.h"
 #include "common/logger.h"
+#include "common/texts.h"
 #include "disks/disk_lists.h"
 #include "disks/disks.h"
 #include "platform/lcd.h"
@@ -44,7 +45,7 @@ json_ptr take_record(const message_bus_args &args, const record_texts &texts) {
     json_ptr record = convert_ddm_respone_data_to_json(args[0].string);
     if (!record) {
         LOG_ERROR("%s", texts.not_convertible);
-        LOG_ERROR("%s", args[0].string);
+        LOG_ERROR("%s", printable(args[0].string).c_str());
         return nullptr;
     }
     if (*json_text(record.get(), "syspath") == '\0') {
@@ -269,13 +270,13 @@ bool removable_partitions_list(message_bus_request &request, message_bus_answer 
 }
 
 bool removable_devices_unmount_device(const char *uuid) {
-    LOG_INFO("Unmount requested for uuid = %s", uuid);
+    LOG_INFO("Unmount requested for uuid = %s", printable(uuid).c_str());
     return message_bus_call_method_with_args(ddm, "/control", ddm, "UnmountDevice", nullptr,
                                              {mb_string(uuid)});
 }
 
 bool removable_devices_change_label(const char *uuid, const char *label) {
-    LOG_INFO("Change label requested for uuid = %s", uuid);
+    LOG_INFO("Change label requested for uuid = %s", printable(uuid).c_str());
     return message_bus_call_method_with_args(ddm, "/control", ddm, "ChangeLabel", nullptr,
                                              {mb_string(uuid), mb_string(label)});
 }

@@ -11,6 +11,7 @@
 #include "common/logger.h"
 #include "common/msg_bus/message_bus.h"
 #include "common/secrets.h"
+#include "common/texts.h"
 #include "common/timer.h"
 #include "config/config.h"
 #include "config/stored_secrets.h"
@@ -134,7 +135,7 @@ void restore_plain_vpn_secret(cJSON *root, const cJSON *values, const vpn_secret
 
 void restore_value(cJSON *root, const cJSON *member) {
     if (nimbrelc_utils_get_json_object(root, member->string, nullptr) == nullptr) {
-        LOG_WARN("No field %s in nimbrelc configuration", member->string);
+        LOG_WARN("No field %s in nimbrelc configuration", printable(member->string).c_str());
     } else if (json_ptr value = copy_value(member)) {
         json_replace(root, member->string, std::move(value));
     }

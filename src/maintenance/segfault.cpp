@@ -8,6 +8,7 @@
 #include "common/dates.h"
 #include "common/json.h"
 #include "common/logger.h"
+#include "common/texts.h"
 #include "common/timer.h"
 #include "config/config.h"
 #include "maintenance/maintenance.h"
@@ -52,7 +53,7 @@ void push_dump(const char *stamp, const char *process_name) {
 }
 
 void add_dump(const char *process_name) {
-    LOG_INFO("Adding segfault dump for process %s", process_name);
+    LOG_INFO("Adding segfault dump for process %s", printable(process_name).c_str());
     if (!nimbrelc_config_has_room_for(process_name)) {
         return;
     }

@@ -39,7 +39,8 @@ void display_reply(const message_bus_args &args, const std::optional<std::string
         return;
     }
     if (find_message(key->c_str()) != stored_message_ids.end()) {
-        LOG_INFO("Message with registration key: \"%s\" already exists in list", key->c_str());
+        LOG_INFO("Message with registration key: \"%s\" already exists in list",
+                 printable(*key).c_str());
     }
     lcd_message message = {.key = *key};
     if (args.are("u")) {
@@ -54,12 +55,14 @@ void display_reply(const message_bus_args &args, const std::optional<std::string
 void delete_reply(const message_bus_args &args, const std::string &key) {
     const auto message = find_message(key.c_str());
     if (message == stored_message_ids.end()) {
-        LOG_ERROR("Requested to delete a non-existent message with key: \"%s\"", key.c_str());
+        LOG_ERROR("Requested to delete a non-existent message with key: \"%s\"",
+                  printable(key).c_str());
         return;
     }
     // kept: forgotten whatever the display service answered.
     stored_message_ids.erase(message);
-    LOG_INFO("Message with key: \"%s\" removed, dbus argc: %d", key.c_str(), args.count());
+    LOG_INFO("Message with key: \"%s\" removed, dbus argc: %d", printable(key).c_str(),
+             args.count());
 }
 
 }  // namespace
@@ -89,12 +92,12 @@ bool lcd_stop() {
 void lcd_show_event(const char *key, lcd_event event, bool flag) {
     const char *text = lcd_event_get(event);
     LOG_INFO("LCD show event \"%s\" (%s)", text != nullptr ? text : "(null)",
-             nimbrelc_utils_empty_if_null(key));
+             printable(nimbrelc_utils_empty_if_null(key)).c_str());
     lcd_display_message(key, event, 1, true, flag);
 }
 
 void lcd_dismiss_event(const char *key) {
-    LOG_INFO("LCD dismiss event \"%s\"", nimbrelc_utils_empty_if_null(key));
+    LOG_INFO("LCD dismiss event \"%s\"", printable(nimbrelc_utils_empty_if_null(key)).c_str());
     lcd_delete_message(key);
 }
 
@@ -131,7 +134,7 @@ bool lcd_delete_message(const char *key) {
     const auto message = find_message(key);
     if (message == stored_message_ids.end()) {
         LOG_INFO("Attempt to remove non-existent message from list, key: \"%s\"",
-                 nimbrelc_utils_empty_if_null(key));
+                 printable(nimbrelc_utils_empty_if_null(key)).c_str());
         return false;
     }
     return call_display(

@@ -13,6 +13,7 @@
 #include "common/files.h"
 #include "common/json.h"
 #include "common/logger.h"
+#include "common/texts.h"
 #include "config/config.h"
 #include "disks/disks.h"
 #include "platform/launch.h"
@@ -44,14 +45,15 @@ bool is_directory(DIR *parent, const dirent *entry) {
 }
 
 void remove_cnid_directory(const char *name) {
-    LOG_INFO("Removing unnecessary CNID dir: %s", name);
+    const std::string shown = printable(name);
+    LOG_INFO("Removing unnecessary CNID dir: %s", shown.c_str());
     const char *const remove_directory[] = {
         "/usr/bin/sudo", "/bin/sh", "/usr/bin/scripts/remove_afp_cnid_dir.sh", name, nullptr};
     int status = 0;
     if (launch_one(remove_directory, &status) == LAUNCH_OK && status == 0) {
-        LOG_INFO("CNID dir %s successfully removed", name);
+        LOG_INFO("CNID dir %s successfully removed", shown.c_str());
     } else {
-        LOG_ERROR("Failed to remove dir %s", name);
+        LOG_ERROR("Failed to remove dir %s", shown.c_str());
     }
 }
 

@@ -97,12 +97,14 @@ bool has_literal_path(const cJSON *partition) {
          sign = strchr(sign + 1, '%')) {
         if ((sign[1] != '\0' && strchr("adghijmtuvwDGHIJLMNPRSTUV", sign[1]) != nullptr) ||
             (sign[1] == '$' && sign[2] == '(')) {
-            LOG_WARN("Cannot share %s: the server would read a variable in it", mount_point);
+            LOG_WARN("Cannot share %s: the server would read a variable in it",
+                     printable(mount_point).c_str());
             return false;
         }
     }
     if (strstr(mount_point, "  ") != nullptr) {
-        LOG_WARN("Cannot share %s: the server would read one blank for two", mount_point);
+        LOG_WARN("Cannot share %s: the server would read one blank for two",
+                 printable(mount_point).c_str());
         return false;
     }
     return true;

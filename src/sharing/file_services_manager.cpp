@@ -3,6 +3,7 @@
 #include <cstring>
 
 #include "common/logger.h"
+#include "common/texts.h"
 #include "disks/disks.h"
 #include "sharing/file_service.h"
 #include "sharing/file_service_events.h"
@@ -106,7 +107,7 @@ bool file_services_manager_change_file_service_state_by_name(const char *name, b
         }
         return true;
     }
-    LOG_WARN("Unrecognised file service %s", name);
+    LOG_WARN("Unrecognised file service %s", printable(name).c_str());
     return false;
 }
 

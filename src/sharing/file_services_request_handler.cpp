@@ -8,6 +8,7 @@
 #include "common/json.h"
 #include "common/logger.h"
 #include "common/msg_bus/message_bus.h"
+#include "common/texts.h"
 #include "sharing/file_services_manager.h"
 #include "sharing/share_settings.h"
 #include "sharing/sharing.h"
@@ -86,7 +87,7 @@ void fileservices_get_restricted_credentials_callback(const message_bus_args & /
 void pam_auth_request_callback(const message_bus_args &args, message_bus_request request) {
     const std::string_view username = args[0].string;
     const std::string_view password = args[1].string;
-    LOG_INFO("PAM auth request for user %s", args[0].string);
+    LOG_INFO("PAM auth request for user %s", printable(username).c_str());
     // A password that does not decrypt reads as an empty one, with which nobody gets in.
     storage_config stored;
     file_services_request_handler_get_storage_config(stored);
@@ -110,7 +111,7 @@ void nss_password_request_callback(const message_bus_args &args, message_bus_req
     if (allowed) {
         LOG_INFO("Allowed, switching to user 'default'");
     } else {
-        LOG_INFO("Denied, user %s unrecognised", args[2].string);
+        LOG_INFO("Denied, user %s unrecognised", printable(username).c_str());
     }
     message_bus_send_reply(std::move(request),
                            {mb_uint32(allowed), mb_string("default"), mb_string("x"),

@@ -126,6 +126,34 @@ def test_signals_count_only_from_their_real_senders(box):
                "the VPN's restart")
 
 
+def test_foreign_texts_are_no_lines_of_their_own_in_the_log(box):
+    box.run(["mkdir", "/var/netatalk/CNID/x\nforged"])
+    box.edit_config(lambda config: config["nas"]["fileServices"]["afp"].update(enabled=True))
+    box.start_daemon()
+    text = "x\nforged"
+
+    def ask(name, path, method, *args):
+        return as_intruder(box, "dbus-send", "--system", "--print-reply=literal", "--dest=com.kelvanto." + name, path,
+                           "com.kelvanto." + method, *args).stdout.strip()
+    # The questions that anybody may ask; everything else is for root and the group.
+    assert ask("pamauth", "/com/kelvanto/pam", "authentification.AuthRequest", "string:" + text, "string:") == "uint32 0"
+    assert "default" in ask("nssauth", "/com/kelvanto/nss", "passwd.PwRequest", "uint32:1", "uint32:1", "string:" + text)
+    assert ask("firmware", "/signature", "firmware.upgrade.DevelopmentBuildsAllowed") == "boolean false"
+    assert ask("nimbrel", "/com/kelvanto/nimbrel", "nimbrel.datamodel.GetValue", "string:Device.LAN.IPAddress") == ""
+    for key in (text, "Device.StorageService.1.LogicalVolume.1" + text):
+        box.data_model("SetValue", key, text)
+        box.data_model("GetObject", key)
+    for path, method, *args in [("/debug/segfault", "debug.segfault.AddDump", text), ("/backup", "backup.store", text),
+                                ("/ws/nas/devices", "nas.devices.unmount", text),
+                                ("/ws/nas/devices", "nas.devices.rename", text, text)]:
+        box.call(path, *("com.kelvanto.nimbrel." + method).rsplit(".", 1), *args)
+    box.disk_signal("PartitionConnected", text)
+    box.plug(text, "SD", partitions=[{"label": text, "mount_point": "/media/a  " + text}])
+    box.wait_log("Cannot share ")
+    box.wait_log("CNID dir x_forged successfully removed")
+    assert not re.findall("^(?!.*x_forged).*forged.*", box.log(), re.M)
+
+
 @pytest.mark.sanitize
 def test_whatever_the_process_inherits(box):
     box.write("/usr/bin/scripts/ssh/set_auth_key.sh",
