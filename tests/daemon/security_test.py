@@ -202,11 +202,14 @@ NEEDED = [
     SCRIPTS + "firewallctl start debug", SCRIPTS + "firewallctl vpn release",
     SCRIPTS + "firewall/set_port_forwarding.sh internal 100 65534 22 'Remote SSH Access'",
     SCRIPTS + "firewall/delete_port_forwarding.sh internal 100",
-    SCRIPTS + "ssh/set_auth_key.sh 'any key'", SCRIPTS + "vpn/updateConfig.sh a 0vb 0v",
+    SCRIPTS + "ssh/set_auth_key.sh 'any key'", SCRIPTS + "vpn/updateConfig.sh 0v 0v",
+    SCRIPTS + """vpn/updateConfig.sh "$(printf 'a\\nb')" '(c,:=#*\\' ^d$ 0ve f '0v(null)'""",
+    SCRIPTS + "vpn/updateConfig.sh " + 9000 * "a" + " 0v 0v",
     SCRIPTS + "vpn/getPortForwardingStatus.sh 4500 internal_99", SCRIPTS + "vpn/getConnectedDevices.sh",
     f"/bin/sh {SCRIPTS}remove_afp_cnid_dir.sh 'My Data'", f"/bin/sh {SCRIPTS}remove_afp_cnid_dir.sh ..a",
 ]
 NEIGHBOURS = [
+    SCRIPTS + "vpn/updateConfig.sh", SCRIPTS + "vpn/updateConfig.sh --reset", SCRIPTS + "vpn/updateConfig.sh a 0vb",
     "s6-svstat /run/service/dbus", "s6-svc -d /run/service/smbd", "s6-rc -u change smbd avahi", "dmesg",
     "smbpasswd -c /tmp/other -an default", SCRIPTS + "firewallctl", SCRIPTS + "firewallctl start debug x",
     SCRIPTS + "firewallctl flush debug", SCRIPTS + "vpn/getPortForwardingStatus.sh 500 internal_99",
