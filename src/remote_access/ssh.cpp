@@ -6,7 +6,6 @@
 #include <cstdint>
 #include <cstring>
 #include <ctime>
-#include <limits>
 #include <optional>
 #include <string>
 #include <utility>
@@ -157,7 +156,8 @@ bool clean_up_session() {
 
 bool remove_timer() {
     if (!stop_timer || !timer_stop(*stop_timer)) {
-        LOG_ERROR("Failed to remove the timer: %s", strerror(errno));
+        // The event library sets no error.
+        LOG_ERROR("Failed to remove the timer: %s", strerror(EINVAL));
         return false;
     }
     stop_timer.reset();
@@ -219,12 +219,7 @@ std::optional<time_t> get_activation_date() {
         LOG_ERROR("strptime failed to parse the date: %s", strerror(EINVAL));
         return std::nullopt;
     }
-    // A date that the box's 32-bit clock cannot hold cannot be converted there either.
-    if (*date == -1 || *date < std::numeric_limits<int32_t>::min() ||
-        *date > std::numeric_limits<int32_t>::max()) {
-        return std::nullopt;
-    }
-    return date;
+    return *date == -1 ? std::nullopt : date;
 }
 
 // What a new and a continued activation share: the forwarding, then the server.

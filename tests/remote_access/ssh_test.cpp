@@ -31,7 +31,7 @@ protected:
     }
     // A daemon that starts, `age` seconds after an activation of one minute began.
     static bool start_after(int age) {
-        set_config_text("ssh.activationDate", print_datetime(now - age)->c_str());
+        set_config_text("ssh.activationDate", print_datetime(timer_now() - age)->c_str());
         return ssh_start();
     }
     void expect_end_after(int seconds) {
@@ -57,10 +57,17 @@ TEST_F(ssh, ends_an_activation_in_time) {
 }
 
 TEST_F(ssh, continues_an_activation_for_what_is_left_of_it) {
-    ASSERT_TRUE(start_after(40));
-    EXPECT_EQ(simulated_box::take_commands(), (commands{key, set, start}));
-    EXPECT_EQ(document.saved("ssh.activationDate"), "null");  // as written before this start
-    expect_end_after(20);
+    for (const int64_t begin : {int64_t{now}, int64_t{0x90000000}}) {
+        if (static_cast<time_t>(begin) != begin) {
+            continue;  // beyond the box's clock
+        }
+        simulated_box::reset(static_cast<time_t>(begin));
+        set_config_flag("ssh.enable", true);
+        ASSERT_TRUE(start_after(40));
+        EXPECT_EQ(simulated_box::take_commands(), (commands{key, set, start}));
+        EXPECT_EQ(document.saved("ssh.activationDate"), "null");  // as written before this start
+        expect_end_after(20);
+    }
 }
 
 TEST_F(ssh, ends_what_is_past_its_deadline) {
@@ -111,11 +118,9 @@ TEST_F(ssh, does_nothing_for_a_bad_section) {
     const stored_document none{R"({"ssh": {"authorizedKey": "k"}})"};
     EXPECT_FALSE(ssh_start());
     const stored_document odd{document.saved("ssh").insert(0, "{\"ssh\":") + "}"};
-    for (const char *date : {"yesterday", "9999-01-01T00:00:00Z"}) {
-        set_config_text("ssh.activationDate", date);
-        EXPECT_FALSE(ssh_start());
-        EXPECT_EQ(simulated_box::take_commands(), commands{key});
-    }
+    set_config_text("ssh.activationDate", "yesterday");
+    EXPECT_FALSE(ssh_start());
+    EXPECT_EQ(simulated_box::take_commands(), commands{key});
 }
 
 TEST_F(ssh, undoes_what_a_failing_step_leaves) {
