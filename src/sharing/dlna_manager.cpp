@@ -20,14 +20,17 @@ constexpr const char *done_reply = R"({"status":200})";
 constexpr const char *failure_reply = R"({"status":500,"error":"Error saving configuration"})";
 
 constexpr int retry_seconds = 5;
+// Where too many calls are unanswered: as often as a server is asked that lets each time out.
+constexpr int unsent_retry_seconds = 30;
 
 struct {
     bool desired = false;
     bool last_sent = false;
-    bool in_flight = false;        // a call awaits its reply
-    bool retry = false;            // an unchanged state is to be sent again
-    bool retry_scheduled = false;  // the retry timer runs
-    timer_ptr retry_timer;         // made on first use
+    bool in_flight = false;  // a call awaits its reply
+    bool retry = false;      // an unchanged state is to be sent again
+    int retry_scheduled =
+        0;                  // for how many seconds the retry timer was started; 0: it does not run
+    timer_ptr retry_timer;  // made on first use
 } dms;
 
 void send_state(bool state);
@@ -42,27 +45,27 @@ void apply_state() {
 }
 
 void retry_timer_callback() {
-    dms.retry_scheduled = false;
+    dms.retry_scheduled = 0;
     dms.retry = true;
     send_state(dms.desired);
 }
 
 // A timer that runs already serves a later failure too: timers of their own, one for each change
 // that an absent server missed, would go on asking it in turns.
-void schedule_retry() {
+void schedule_retry(int seconds) {
+    LOG_WARN("DMS manager not ready, scheduling reconfiguration");
     if (!dms.retry_timer) {
         dms.retry_timer = timer_new(retry_timer_callback);
     }
-    if (!dms.retry_scheduled) {
-        dms.retry_scheduled = timer_start(*dms.retry_timer, retry_seconds);
+    if (dms.retry_scheduled == 0 || dms.retry_scheduled > seconds) {
+        dms.retry_scheduled = timer_start(*dms.retry_timer, seconds) ? seconds : 0;
     }
 }
 
 void dms_streaming_state_reply(const message_bus_args &args) {
     dms.in_flight = false;
     if (!args.are("b") || !args[0].boolean()) {
-        LOG_WARN("DMS manager not ready, scheduling reconfiguration");
-        schedule_retry();
+        schedule_retry(retry_seconds);
         return;
     }
     LOG_INFO("DMS manager configuration delivered successfully");
@@ -83,7 +86,8 @@ void send_state(bool state) {
                                            "com.kelvanto.dlna", "DmsStreamingState",
                                            dms_streaming_state_reply, {mb_boolean(state)})) {
         // No reply will come, and one that is waited for would hold back every later state.
-        dms_streaming_state_reply({});
+        dms.in_flight = false;
+        schedule_retry(unsent_retry_seconds);
     }
 }
 
