@@ -22,6 +22,7 @@
 #include <iterator>
 #include <string>
 #include <string_view>
+#include <variant>
 
 namespace {
 
@@ -65,34 +66,21 @@ logger_settings settings;
 // The C library keeps the pointer it was given, so this copy changes only when the log is reopened.
 std::string opened_ident;
 
-struct switch_row {
+struct setting_row {
     const char *key;
-    bool logger_settings::*setting;
-    bool enables_logging;
+    std::variant<bool logger_settings::*, std::string logger_settings::*, int logger_settings::*>
+        setting;
+    bool enables_logging = false;  // when it is switched on
 };
-constexpr switch_row switch_rows[] = {
+constexpr setting_row setting_rows[] = {
     {"stdout", &logger_settings::to_stdout, true},
     {"syslog", &logger_settings::to_syslog, true},
     {"file", &logger_settings::to_file, true},
-    {"lineandfile", &logger_settings::with_position, false},
-    {"rollingfile", &logger_settings::to_rolling, false},
-};
-
-struct text_row {
-    const char *key;
-    std::string logger_settings::*setting;
-};
-constexpr text_row text_rows[] = {
+    {"lineandfile", &logger_settings::with_position},
+    {"rollingfile", &logger_settings::to_rolling},
     {"syslog.ident", &logger_settings::ident},
     {"rollingfile.path", &logger_settings::rolling_directory},
     {"rollingfile.name", &logger_settings::rolling_name},
-};
-
-struct number_row {
-    const char *key;
-    int logger_settings::*setting;
-};
-constexpr number_row number_rows[] = {
     {"rollingfile.count", &logger_settings::rolling_count},
     {"rollingfile.size", &logger_settings::rolling_size},
 };
@@ -342,20 +330,17 @@ void logger_set_parameter(const char *key, const char *value) {
     } else if (strcmp(key, "file.name") == 0) {
         snprintf(settings.file_path, sizeof(settings.file_path), "%s", value);
     }
-    for (const switch_row &row : switch_rows) {
-        if (strcmp(key, row.key) == 0) {
-            settings.*row.setting = truth(value);
+    for (const setting_row &row : setting_rows) {
+        if (strcmp(key, row.key) != 0) {
+            continue;
+        }
+        if (const auto *flag = std::get_if<0>(&row.setting)) {
+            settings.**flag = truth(value);
             settings.enabled = settings.enabled || (row.enables_logging && truth(value));
-        }
-    }
-    for (const text_row &row : text_rows) {
-        if (strcmp(key, row.key) == 0) {
-            settings.*row.setting = value;
-        }
-    }
-    for (const number_row &row : number_rows) {
-        if (strcmp(key, row.key) == 0) {
-            settings.*row.setting = atoi(value);
+        } else if (const auto *text = std::get_if<1>(&row.setting)) {
+            settings.**text = value;
+        } else {
+            settings.*std::get<2>(row.setting) = atoi(value);
         }
     }
     if (settings.hooks && settings.hooks->on_parameter) {

@@ -71,14 +71,8 @@ bool nimbrelc_config_save() {
 }
 
 bool nimbrelc_config_has_room_for(std::string_view text) {
-    size_t needed = 0;
-    for (const char c : text) {
-        if (static_cast<unsigned char>(c) < ' ') {
-            needed += strlen("\\u0000");
-        } else {
-            needed += c == '"' || c == '\\' ? 2 : 1;
-        }
-    }
+    const json_ptr item(cJSON_CreateString(std::string(text).c_str()));
+    const size_t needed = print_json_unformatted(item.get()).size();
     if (printed_size + needed > max_file_size) {
         LOG_ERROR("The text is too large for the config file: %zu bytes", text.size());
         return false;

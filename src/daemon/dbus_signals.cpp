@@ -43,13 +43,11 @@ constexpr message_bus_signal upgrade_signals[] = {
 }  // namespace
 
 bool dbus_signals_start() {
-    const bool added =
-        message_bus_add_signals(log_category, "com.kelvanto.systemcalls", network_signals) &&
-        message_bus_add_signals(log_category, "com.kelvanto.nimbrel.upgrade", upgrade_signals);
-    if (!added) {
-        LOG_ERROR("Couldn't register DBus signal handler");
-    }
-    return added;
+    constexpr const char *failure_text = "Couldn't register DBus signal handler";
+    return message_bus_add_signals(log_category, "com.kelvanto.systemcalls", network_signals,
+                                   failure_text) &&
+           message_bus_add_signals(log_category, "com.kelvanto.nimbrel.upgrade", upgrade_signals,
+                                   failure_text);
 }
 
 bool dbus_signals_stop() {

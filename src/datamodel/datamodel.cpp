@@ -35,30 +35,18 @@ std::string config_path(const char *config_key) {
 
 // The value as an item of the document, or none where it is not of a kind that `item` takes.
 json_ptr new_item(const cJSON *item, const message_bus_arg &value) {
-    cJSON *taken = nullptr;
-    switch (value.type) {
-        case MB_ARG_BOOLEAN:
-            if (cJSON_IsBool(item)) {
-                taken = cJSON_CreateBool((value.word & 0xffU) != 0);
-            }
-            break;
-        case MB_ARG_UINT32:
-        case MB_ARG_INT32:
-            // kept: a signed value is read as an unsigned one, -1 becomes 4294967295. The item's
-            // integer copy, which everybody reads, stops at the largest signed integer.
-            if (cJSON_IsNumber(item)) {
-                taken = cJSON_CreateNumber(value.word);
-            }
-            break;
-        case MB_ARG_STRING:
-            if (cJSON_IsNull(item) || cJSON_IsString(item)) {
-                taken = cJSON_CreateString(value.string);
-            }
-            break;
-        default:
-            break;
+    if (value.type == MB_ARG_BOOLEAN && cJSON_IsBool(item)) {
+        return json_ptr(cJSON_CreateBool((value.word & 0xffU) != 0));
     }
-    return json_ptr(taken);
+    // kept: a signed value is read as an unsigned one, -1 becomes 4294967295. The item's integer
+    // copy, which everybody reads, stops at the largest signed integer.
+    if ((value.type == MB_ARG_UINT32 || value.type == MB_ARG_INT32) && cJSON_IsNumber(item)) {
+        return json_ptr(cJSON_CreateNumber(value.word));
+    }
+    if (value.type == MB_ARG_STRING && (cJSON_IsNull(item) || cJSON_IsString(item))) {
+        return json_ptr(cJSON_CreateString(value.string));
+    }
+    return nullptr;
 }
 
 // Writes a value of the item's own kind and saves the document. A failed save leaves the memory

@@ -226,12 +226,9 @@ constexpr message_bus_method methods[] = {
 }  // namespace
 
 bool device_request_handler_start() {
-    if (!message_bus_add_methods(log_category, "/ws/nas/devices",
-                                 "com.kelvanto.nimbrel.nas.devices", methods)) {
-        LOG_ERROR("Failed to add a method listener");
-        return false;
-    }
-    return true;
+    return message_bus_add_methods(log_category, "/ws/nas/devices",
+                                   "com.kelvanto.nimbrel.nas.devices", methods,
+                                   "Failed to add a method listener");
 }
 
 bool device_request_handler_stop() {

@@ -219,8 +219,7 @@ bool ask_for_list(const char *method, message_bus_request &request, message_bus_
 
 bool removable_devices_manager_start() {
     LOG_INFO("Adding listeners for devices and partitions");
-    if (!message_bus_add_signals(log_category, ddm, signals)) {
-        LOG_ERROR("Failed to add a signal listener");
+    if (!message_bus_add_signals(log_category, ddm, signals, "Failed to add a signal listener")) {
         return false;
     }
     LOG_INFO("Calling devices list method on startup");

@@ -141,14 +141,13 @@ void restore_value(cJSON *root, const cJSON *member) {
     }
 }
 
-void store_callback(const message_bus_args &args, message_bus_request request) {
+void store(const message_bus_args &args) {
     const json_ptr document = backup_create(get_config_root());
     if (!document) {
         LOG_ERROR("Failed to create backup");
     } else if (!backup_save(args[0].string, document.get())) {
         LOG_ERROR("Failed to save the backup");
     }
-    message_bus_send_no_reply(std::move(request));
 }
 
 bool restore_from(const char *path) {
@@ -183,7 +182,7 @@ void restore_callback(const message_bus_args &args, message_bus_request request)
 
 constexpr message_bus_method methods[] = {
     {.member = "store",
-     .handler = store_callback,
+     .handler = message_bus_answer_empty<store>,
      .args = "s",
      .refusal_text = "Bad params passed to store_callback",
      .arrival_text = "Storing backup requested"},
@@ -283,11 +282,8 @@ bool backup_restore(cJSON *root, const cJSON *document) {
 }
 
 bool backup_start() {
-    if (!message_bus_add_methods(log_category, "/backup", "com.kelvanto.nimbrel.backup", methods)) {
-        LOG_ERROR("Failed to add method listener");
-        return false;
-    }
-    return true;
+    return message_bus_add_methods(log_category, "/backup", "com.kelvanto.nimbrel.backup", methods,
+                                   "Failed to add method listener");
 }
 
 bool backup_stop() {

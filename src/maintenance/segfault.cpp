@@ -52,7 +52,13 @@ void push_dump(const char *stamp, const char *process_name) {
     cJSON_DeleteItemFromArray(dumps, cJSON_GetArraySize(dumps) - 1);
 }
 
-void add_dump(const char *process_name) {
+void add_dump(const message_bus_args &args) {
+    // kept: checked here, for what is refused is an error without a reason.
+    if (!args.are("s")) {
+        LOG_ERROR("add_dump_callback wrong out arg");
+        return;
+    }
+    const char *process_name = args[0].string;
     LOG_INFO("Adding segfault dump for process %s", printable(process_name).c_str());
     if (!nimbrelc_config_has_room_for(process_name)) {
         return;
@@ -69,26 +75,16 @@ void add_dump(const char *process_name) {
     nimbrelc_config_save();
 }
 
-void add_dump_callback(const message_bus_args &args, message_bus_request request) {
-    // kept: checked here, for what is refused is an error without a reason.
-    if (args.are("s")) {
-        add_dump(args[0].string);
-    } else {
-        LOG_ERROR("add_dump_callback wrong out arg");
-    }
-    message_bus_send_no_reply(std::move(request));
-}
-
 constexpr message_bus_method methods[] = {
-    {.member = "AddDump", .handler = add_dump_callback},
+    {.member = "AddDump", .handler = message_bus_answer_empty<add_dump>},
 };
 
 }  // namespace
 
 bool segfault_start() {
     if (!message_bus_add_methods(log_category, "/debug/segfault",
-                                 "com.kelvanto.nimbrel.debug.segfault", methods)) {
-        LOG_ERROR("message_bus_add_method_listener failed");
+                                 "com.kelvanto.nimbrel.debug.segfault", methods,
+                                 "message_bus_add_method_listener failed")) {
         return false;
     }
     const char *current = nimbrelc_config_get_software_version();

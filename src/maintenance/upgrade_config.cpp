@@ -38,12 +38,8 @@ constexpr message_bus_method methods[] = {
 }  // namespace
 
 bool upgrade_config_start() {
-    if (!message_bus_add_methods(log_category, "/signature", "com.kelvanto.firmware.upgrade",
-                                 methods)) {
-        LOG_ERROR("message_bus_add_method_listener failed");
-        return false;
-    }
-    return true;
+    return message_bus_add_methods(log_category, "/signature", "com.kelvanto.firmware.upgrade",
+                                   methods, "message_bus_add_method_listener failed");
 }
 
 bool upgrade_config_stop() {

@@ -142,13 +142,15 @@ bool save_credentials(bool enable, const char *username, const char *password,
     return nimbrelc_config_save();
 }
 
-void update_configuration(bool enable, const char *username, const char *password,
-                          const char *preshared_key) {
+void update_configuration(const message_bus_args &args) {
+    const char *username = args[1].string;
+    const char *password = args[2].string;
+    const char *preshared_key = args[3].string;
     if (!get_config_flag(vpn_global_enable_path) ||
         !are_valid_credentials(username, password, preshared_key)) {
         return;
     }
-    if (!save_credentials(enable, username, password, preshared_key)) {
+    if (!save_credentials(args[0].boolean(), username, password, preshared_key)) {
         LOG_ERROR("Failed to save credentials");
         return;
     }
@@ -163,12 +165,8 @@ void update_configuration(bool enable, const char *username, const char *passwor
     }
 }
 
-void update_configuration_callback(const message_bus_args &args, message_bus_request request) {
-    update_configuration(args[0].boolean(), args[1].string, args[2].string, args[3].string);
-    message_bus_send_no_reply(std::move(request));
-}
-
-void set_enabled(bool enable) {
+void set_enabled(const message_bus_args &args) {
+    const bool enable = args[0].boolean();
     if (!get_config_flag(vpn_global_enable_path)) {
         return;
     }
@@ -182,11 +180,6 @@ void set_enabled(bool enable) {
     if (!enable && !vpn_stop_daemons()) {
         LOG_ERROR("Failed to write vpn configuration");  // kept: though nothing was written
     }
-}
-
-void set_enabled_callback(const message_bus_args &args, message_bus_request request) {
-    set_enabled(args[0].boolean());
-    message_bus_send_no_reply(std::move(request));
 }
 
 void get_config_callback(const message_bus_args & /*args*/, message_bus_request request) {
@@ -225,7 +218,8 @@ void get_global_status_callback(const message_bus_args &args, message_bus_reques
     message_bus_send_bool_reply(std::move(request), get_config_flag(vpn_global_enable_path));
 }
 
-void set_last_connection_details(const char *end_date, uint32_t seconds) {
+void set_last_connection_details(const message_bus_args &args) {
+    const char *end_date = args[0].string;
     if (!is_datetime(end_date)) {
         LOG_ERROR("Invalid  end date");
         return;
@@ -233,18 +227,12 @@ void set_last_connection_details(const char *end_date, uint32_t seconds) {
     if (!nimbrelc_config_has_room_for(end_date)) {
         return;
     }
-    const uint32_t minutes = seconds / 60;
+    const uint32_t minutes = args[1].word / 60;
     set_config_text(vpn_last_connect_timestamp_path, end_date);
     set_config_item(vpn_last_connection_duration_path, json_ptr(cJSON_CreateNumber(minutes)));
     if (!nimbrelc_config_save()) {
         LOG_ERROR("set_last_connection failed");
     }
-}
-
-void set_last_connection_details_callback(const message_bus_args &args,
-                                          message_bus_request request) {
-    set_last_connection_details(args[0].string, args[1].word);
-    message_bus_send_no_reply(std::move(request));
 }
 
 void get_last_connection_details_callback(const message_bus_args & /*args*/,
@@ -291,13 +279,13 @@ constexpr message_bus_method methods[] = {
      .arrival_text = "get_preshared_key_callback start"},
     // kept: the refusal names another handler.
     {.member = "updateConfig",
-     .handler = update_configuration_callback,
+     .handler = message_bus_answer_empty<update_configuration>,
      .args = "bsss",
      .refusal_text = "Bad params passed to get_preshared_key_callback",
      .refusal = empty_reply,
      .arrival_text = "update_configuration_callback start"},
     {.member = "updateConfigRestricted",
-     .handler = set_enabled_callback,
+     .handler = message_bus_answer_empty<set_enabled>,
      .args = "b",
      .refusal_text = "Bad params passed to set_enabled_callback",
      .refusal = empty_reply,
@@ -318,7 +306,7 @@ constexpr message_bus_method methods[] = {
      .handler = get_global_status_callback,
      .arrival_text = "get_global_status_callback start"},
     {.member = "setLastConnectionDetails",
-     .handler = set_last_connection_details_callback,
+     .handler = message_bus_answer_empty<set_last_connection_details>,
      .args = "su",
      .refusal_text = "Bad params passed to set_last_connection_details_callback",
      .refusal = empty_reply,
@@ -340,9 +328,6 @@ constexpr message_bus_method methods[] = {
 }  // namespace
 
 bool vpn_request_handler_start() {
-    if (!message_bus_add_methods(log_category, "/ws/vpn", "com.kelvanto.nimbrel.vpn", methods)) {
-        LOG_ERROR("message_bus_add_method_listener failed");
-        return false;
-    }
-    return true;
+    return message_bus_add_methods(log_category, "/ws/vpn", "com.kelvanto.nimbrel.vpn", methods,
+                                   "message_bus_add_method_listener failed");
 }

@@ -26,11 +26,10 @@ constexpr int unsent_retry_seconds = 30;
 struct {
     bool desired = false;
     bool last_sent = false;
-    bool in_flight = false;  // a call awaits its reply
-    bool retry = false;      // an unchanged state is to be sent again
-    int retry_scheduled =
-        0;                  // for how many seconds the retry timer was started; 0: it does not run
-    timer_ptr retry_timer;  // made on first use
+    bool in_flight = false;   // a call awaits its reply
+    bool retry = false;       // an unchanged state is to be sent again
+    int retry_scheduled = 0;  // the seconds for which the retry timer runs
+    timer_ptr retry_timer;    // made on first use
 } dms;
 
 void send_state(bool state);
@@ -134,10 +133,8 @@ constexpr message_bus_method methods[] = {
 
 bool dlna_manager_start() {
     const bool served =
-        message_bus_add_methods(log_category, "/ws/dlna", "com.kelvanto.nimbrel.dlna", methods);
-    if (!served) {
-        LOG_ERROR("Failed to add method listener");
-    }
+        message_bus_add_methods(log_category, "/ws/dlna", "com.kelvanto.nimbrel.dlna", methods,
+                                "Failed to add method listener");
     apply_state();
     return served;
 }

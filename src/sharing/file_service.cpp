@@ -2,6 +2,7 @@
 
 #include "common/json.h"
 #include "config/config.h"
+#include "platform/service_manager.h"
 
 namespace {
 
@@ -46,4 +47,13 @@ bool file_service_save_state(const char *section_path, bool enabled) {
     }
     json_set(section, switch_key, json_ptr(cJSON_CreateBool(enabled)));
     return nimbrelc_config_save();
+}
+
+bool file_service_is_up(const log_source &caller, const char *daemon, bool assumed,
+                        const char *unknown) {
+    const std::optional<bool> is_up = service_manager_is_up(daemon);
+    if (!is_up) {
+        LOG_FOR(caller, LOG_LEVEL_WARN, unknown, daemon);
+    }
+    return is_up.value_or(assumed);
 }

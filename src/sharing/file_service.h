@@ -4,6 +4,7 @@
 
 #include <array>
 
+#include "common/logger.h"
 #include "sharing/file_service_events.h"
 
 // One service. The operations only begin an action: the daemon needs `time_req_for` seconds (0 for
@@ -40,6 +41,11 @@ bool file_service_is_enabled(const char *section_path);
 
 // The switch as starting and reloading see it: a number other than zero is on too.
 bool file_service_is_switched_on(const char *section_path);
+
+// Whether a supervised daemon is up. Where that cannot be determined `unknown` (a %s is the
+// daemon's name) is logged at WARN for the caller, and it counts as `assumed`.
+bool file_service_is_up(const log_source &caller, const char *daemon, bool assumed,
+                        const char *unknown);
 
 // Stores the switch and saves the configuration, unless it already has that value. False when the
 // save failed (memory stays changed) or the service has no section.

@@ -7,7 +7,6 @@
 #include <cerrno>
 #include <csignal>
 #include <cstring>
-#include <optional>
 #include <set>
 
 #include "common/files.h"
@@ -115,11 +114,10 @@ bool generate_config() {
 }
 
 bool start_or_reload() {
-    const std::optional<bool> is_up = service_manager_is_up(daemon_name);
-    if (!is_up) {
-        LOG_WARN("Cannot determine state of afp daemon, assuming it's down");
-    }
-    if (is_up.value_or(false)) {
+    const bool is_up =
+        file_service_is_up(log_category, daemon_name, false,
+                           "Cannot determine state of afp daemon, assuming it's down");
+    if (is_up) {
         LOG_INFO("Reloading afp daemon");
         if (service_manager_signal(daemon_name, SIGHUP) != 0) {
             LOG_ERROR("Cannot reload afp daemon");
@@ -177,11 +175,9 @@ bool afp_reload() {
 }
 
 bool afp_stop() {
-    const std::optional<bool> is_up = service_manager_is_up(daemon_name);
-    if (!is_up) {
-        LOG_WARN("Cannot determine state of afp daemon, assuming it's up");
-    }
-    if (is_up.value_or(true)) {
+    const bool is_up = file_service_is_up(log_category, daemon_name, true,
+                                          "Cannot determine state of afp daemon, assuming it's up");
+    if (is_up) {
         LOG_INFO("Stopping afp daemon");
         if (service_manager_stop(daemon_name) != 0) {
             LOG_ERROR("Cannot stop afp daemon");
@@ -196,11 +192,8 @@ bool afp_stop() {
 }
 
 bool afp_is_running() {
-    const std::optional<bool> is_up = service_manager_is_up(daemon_name);
-    if (!is_up) {
-        LOG_WARN("Cannot determine state of afp daemon");
-    }
-    return is_up.value_or(false);
+    return file_service_is_up(log_category, daemon_name, false,
+                              "Cannot determine state of afp daemon");
 }
 
 bool afp_is_enabled() {

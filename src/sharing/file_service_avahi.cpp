@@ -1,7 +1,6 @@
 #include "sharing/file_service_avahi.h"
 
 #include <csignal>
-#include <optional>
 
 #include "common/logger.h"
 #include "platform/service_manager.h"
@@ -31,11 +30,10 @@ bool avahi_start() {
         LOG_INFO("Avahi daemon is disabled");
         return true;
     }
-    const std::optional<bool> is_up = service_manager_is_up(daemon_name);
-    if (!is_up) {
-        LOG_WARN("Cannot determine state of avahi daemon, assuming it's down");
-    }
-    if (is_up.value_or(false)) {
+    const bool is_up =
+        file_service_is_up(log_category, daemon_name, false,
+                           "Cannot determine state of avahi daemon, assuming it's down");
+    if (is_up) {
         LOG_INFO("Avahi daemon is already working");
         return true;
     }
@@ -43,11 +41,9 @@ bool avahi_start() {
 }
 
 bool avahi_stop() {
-    const std::optional<bool> is_up = service_manager_is_up(daemon_name);
+    const bool is_up = file_service_is_up(log_category, daemon_name, true,
+                                          "Cannot determine state of avahi daemon");
     if (!is_up) {
-        LOG_WARN("Cannot determine state of avahi daemon");
-    }
-    if (!is_up.value_or(true)) {
         LOG_WARN("Avahi daemon in not working");
         return true;
     }
@@ -64,11 +60,9 @@ bool avahi_reload() {
         LOG_INFO("Avahi daemon is disabled");
         return true;
     }
-    const std::optional<bool> is_up = service_manager_is_up(daemon_name);
+    const bool is_up = file_service_is_up(log_category, daemon_name, false,
+                                          "Cannot determine state of avahi daemon");
     if (!is_up) {
-        LOG_WARN("Cannot determine state of avahi daemon");
-    }
-    if (!is_up.value_or(false)) {
         return start_daemon();
     }
     LOG_INFO("Reloading avahi daemon");
@@ -80,11 +74,8 @@ bool avahi_reload() {
 }
 
 bool avahi_is_running() {
-    const std::optional<bool> is_up = service_manager_is_up(daemon_name);
-    if (!is_up) {
-        LOG_WARN("Cannot determine state of avahi daemon");
-    }
-    return is_up.value_or(false);
+    return file_service_is_up(log_category, daemon_name, false,
+                              "Cannot determine state of avahi daemon");
 }
 
 bool avahi_is_enabled() {

@@ -12,30 +12,41 @@ constexpr int debounce_seconds = 3;
 
 // --- Actions
 
-bool stop_service(const file_service &service) {
-    if (!service.stop()) {
-        LOG_ERROR("Cannot stop file service [%s]", service.name);
-        return false;
-    }
-    LOG_INFO("Stop of service [%s] initiated", service.name);
-    return true;
-}
+struct action {
+    bool (*file_service::*begin)();
+    file_service_event event;  // whose time it takes
+    const char *failed;
+    const char *initiated;
+    const char *scheduled;
+};
+constexpr action stopping = {
+    .begin = &file_service::stop,
+    .event = FILE_SERVICE_EVENT_STOP,
+    .failed = "Cannot stop file service [%s]",
+    .initiated = "Stop of service [%s] initiated",
+    .scheduled = "Schedule stop verification of [%s] service in %d seconds",
+};
+constexpr action starting = {
+    .begin = &file_service::start,
+    .event = FILE_SERVICE_EVENT_START,
+    .failed = "Cannot start file service [%s]",
+    .initiated = "Start of service [%s] initiaded",
+    .scheduled = "Schedule start verification of [%s] service in %d seconds",
+};
+constexpr action reloading = {
+    .begin = &file_service::reload,
+    .event = FILE_SERVICE_EVENT_RELOAD,
+    .failed = "Cannot reload file service [%s]",
+    .initiated = "Reload of service [%s] initiated",
+    .scheduled = "Schedule reload verification of [%s] service in %d seconds",
+};
 
-bool start_service(const file_service &service) {
-    if (!service.start()) {
-        LOG_ERROR("Cannot start file service [%s]", service.name);
+bool begin(const file_service &service, const action &wanted) {
+    if (!(service.*wanted.begin)()) {
+        LOG_ERROR(wanted.failed, service.name);
         return false;
     }
-    LOG_INFO("Start of service [%s] initiaded", service.name);
-    return true;
-}
-
-bool reload_service(const file_service &service) {
-    if (!service.reload()) {
-        LOG_ERROR("Cannot reload file service [%s]", service.name);
-        return false;
-    }
-    LOG_INFO("Reload of service [%s] initiated", service.name);
+    LOG_INFO(wanted.initiated, service.name);
     return true;
 }
 
@@ -127,25 +138,14 @@ void continue_restart(file_service_queue &queue) {
 
 // --- The outcome of a reduced queue
 
-follow_up then_verify_start(const file_service &service) {
-    const int seconds = service.time_req_for(FILE_SERVICE_EVENT_START);
-    LOG_INFO("Schedule start verification of [%s] service in %d seconds", service.name, seconds);
-    return {start_check, seconds};
-}
-
-follow_up then_verify_stop(const file_service &service, verification callback) {
-    const int seconds = service.time_req_for(FILE_SERVICE_EVENT_STOP);
-    LOG_INFO("Schedule stop verification of [%s] service in %d seconds", service.name, seconds);
-    return {callback, seconds};
-}
-
-follow_up reload_and_verify(const file_service &service) {
-    if (!reload_service(service)) {
+follow_up begin_and_verify(const file_service &service, const action &wanted,
+                           verification callback) {
+    if (!begin(service, wanted)) {
         return {};
     }
-    const int seconds = service.time_req_for(FILE_SERVICE_EVENT_RELOAD);
-    LOG_INFO("Schedule reload verification of [%s] service in %d seconds", service.name, seconds);
-    return {reload_check, seconds};
+    const int seconds = service.time_req_for(wanted.event);
+    LOG_INFO(wanted.scheduled, service.name, seconds);
+    return {callback, seconds};
 }
 
 follow_up handle_stop(const file_service &service) {
@@ -154,7 +154,7 @@ follow_up handle_stop(const file_service &service) {
         return {};
     }
     LOG_INFO("File service [%s] has to be stopped", service.name);
-    return stop_service(service) ? then_verify_stop(service, stop_check) : follow_up{};
+    return begin_and_verify(service, stopping, stop_check);
 }
 
 follow_up handle_start(const file_service &service) {
@@ -164,10 +164,10 @@ follow_up handle_start(const file_service &service) {
     }
     if (service.is_running()) {
         LOG_INFO("File service [%s] is already started - running reconfiguration.", service.name);
-        return reload_and_verify(service);
+        return begin_and_verify(service, reloading, reload_check);
     }
     LOG_INFO("File service [%s] has to be started.", service.name);
-    return start_service(service) ? then_verify_start(service) : follow_up{};
+    return begin_and_verify(service, starting, start_check);
 }
 
 follow_up handle_restart(const file_service &service) {
@@ -177,10 +177,10 @@ follow_up handle_restart(const file_service &service) {
     }
     if (!service.is_running()) {
         LOG_INFO("Starting [%s] daemon.", service.name);
-        return start_service(service) ? then_verify_start(service) : follow_up{};
+        return begin_and_verify(service, starting, start_check);
     }
     LOG_INFO("Restarting [%s] daemon - start.", service.name);
-    return stop_service(service) ? then_verify_stop(service, continue_restart) : follow_up{};
+    return begin_and_verify(service, stopping, continue_restart);
 }
 
 follow_up handle_reload(const file_service &service) {
@@ -193,7 +193,7 @@ follow_up handle_reload(const file_service &service) {
         return {};
     }
     LOG_INFO("File service [%s] has to be reconfigured.", service.name);
-    return reload_and_verify(service);
+    return begin_and_verify(service, reloading, reload_check);
 }
 
 follow_up handle_event(file_service_event event, const file_service &service) {
@@ -279,5 +279,5 @@ bool file_service_queue_starts_soon(const file_service_queue &queue) {
 }
 
 bool file_service_queue_stop_service(const file_service_queue &queue) {
-    return stop_service(queue.service);
+    return begin(queue.service, stopping);
 }

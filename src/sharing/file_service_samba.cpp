@@ -6,7 +6,6 @@
 #include <csignal>
 #include <cstdio>
 #include <cstring>
-#include <optional>
 
 #include "common/files.h"
 #include "common/json.h"
@@ -135,11 +134,9 @@ bool generate_config() {
 // --- The daemons
 
 bool start_or_reload(const char *daemon) {
-    const std::optional<bool> is_up = service_manager_is_up(daemon);
-    if (!is_up) {
-        LOG_WARN("Cannot determine state of %s daemon, assuming it's down", daemon);
-    }
-    if (is_up.value_or(false)) {
+    const bool is_up = file_service_is_up(
+        log_category, daemon, false, "Cannot determine state of %s daemon, assuming it's down");
+    if (is_up) {
         LOG_INFO("Reloading %s daemon", daemon);
         if (service_manager_signal(daemon, SIGHUP) != 0) {
             LOG_ERROR("Cannot reload %s daemon", daemon);
@@ -156,11 +153,9 @@ bool start_or_reload(const char *daemon) {
 }
 
 bool stop(const char *daemon) {
-    const std::optional<bool> is_up = service_manager_is_up(daemon);
+    const bool is_up = file_service_is_up(log_category, daemon, true,
+                                          "Cannot determine state of %s daemon, assuming it's up");
     if (!is_up) {
-        LOG_WARN("Cannot determine state of %s daemon, assuming it's up", daemon);
-    }
-    if (!is_up.value_or(true)) {
         LOG_WARN("%s daemon in not working", daemon);
         return true;
     }
@@ -252,11 +247,7 @@ bool samba_stop() {
 }
 
 bool samba_is_running() {
-    const std::optional<bool> is_up = service_manager_is_up("smbd");
-    if (!is_up) {
-        LOG_WARN("Cannot determine state of smbd daemon");
-    }
-    return is_up.value_or(false);
+    return file_service_is_up(log_category, "smbd", false, "Cannot determine state of smbd daemon");
 }
 
 bool samba_is_enabled() {

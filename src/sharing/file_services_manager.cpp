@@ -17,12 +17,14 @@ constexpr const char *log_category = "file_services_manager";
 
 // `event` is START or RELOAD.
 void request_gated(file_service_queue &queue, file_service_event event) {
-    const char *name = file_service_event_name(event);
+    const bool start = event == FILE_SERVICE_EVENT_START;
     if (!file_services_request_handler_is_central_storage_enabled()) {
-        LOG_INFO("Central storage is off - %s request cannot be generated", name);
+        LOG_INFO(start ? "Central storage is off - START request cannot be generated"
+                       : "Central storage is off - RELOAD request cannot be generated");
         return;
     }
-    LOG_INFO("Central storage is on - %s request can be generated", name);
+    LOG_INFO(start ? "Central storage is on - START request can be generated"
+                   : "Central storage is on - RELOAD request can be generated");
     file_service_queue_request(queue, event);
 }
 

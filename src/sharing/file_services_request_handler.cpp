@@ -1,6 +1,6 @@
 #include <unistd.h>
 
-#include <optional>
+#include <span>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -39,23 +39,18 @@ void fileservices_set_state_callback(const message_bus_args &args, message_bus_r
 }
 
 // The caller learns nothing of the outcome: it reads the settings back.
-void change_protection_and_reply(bool wanted, const char *username, const char *password,
-                                 message_bus_request request) {
+void change_protection(bool wanted, const char *username, const char *password) {
     if (share_settings_change_protection(wanted, username, password)) {
         file_services_manager_reload_file_services();
     }
-    message_bus_send_no_reply(std::move(request));
 }
 
-void fileservices_change_credentials_state_callback(const message_bus_args &args,
-                                                    message_bus_request request) {
-    change_protection_and_reply(args[0].boolean(), "", "", std::move(request));
+void change_protection_state(const message_bus_args &args) {
+    change_protection(args[0].boolean(), "", "");
 }
 
-void fileservices_update_credentials_callback(const message_bus_args &args,
-                                              message_bus_request request) {
-    change_protection_and_reply(args[0].boolean(), args[1].string, args[2].string,
-                                std::move(request));
+void update_credentials(const message_bus_args &args) {
+    change_protection(args[0].boolean(), args[1].string, args[2].string);
 }
 
 // kept: the reply is not the object's text but that text as one JSON string value, in double
@@ -124,7 +119,7 @@ void central_storage_get_state_callback(const message_bus_args & /*args*/,
                                 file_services_request_handler_is_central_storage_enabled());
 }
 
-void central_storage_set_state_callback(const message_bus_args &args, message_bus_request request) {
+void set_central_storage(const message_bus_args &args) {
     const bool enabled = args[0].boolean();
     if (share_settings_change_central_storage(enabled)) {
         if (enabled) {
@@ -135,7 +130,6 @@ void central_storage_set_state_callback(const message_bus_args &args, message_bu
             dlna_manager_stop();
         }
     }
-    message_bus_send_no_reply(std::move(request));
 }
 
 constexpr message_bus_method file_services_methods[] = {
@@ -145,12 +139,12 @@ constexpr message_bus_method file_services_methods[] = {
      .args = "s",
      .refusal_text = "Bad params passed to fileservices_set_state_callback"},
     {.member = "changeStateCredentialsForUserShares",
-     .handler = fileservices_change_credentials_state_callback,
+     .handler = message_bus_answer_empty<change_protection_state>,
      .args = "b",
      .refusal_text = "Bad params passed to fileservices_change_credentials_state_callback",
      .arrival_text = "Change of shares protection requested - state"},
     {.member = "updateCredentialsForUserShares",
-     .handler = fileservices_update_credentials_callback,
+     .handler = message_bus_answer_empty<update_credentials>,
      .args = "bss",
      .refusal_text = "Bad params passed to fileservices_update_credentials_callback",
      .arrival_text = "Change of shares protection requested - state and credentials"},
@@ -174,7 +168,7 @@ constexpr message_bus_method central_storage_methods[] = {
     {.member = "GetState", .handler = central_storage_get_state_callback},
     // kept: alone among the methods here it answers bad parameters too.
     {.member = "SetState",
-     .handler = central_storage_set_state_callback,
+     .handler = message_bus_answer_empty<set_central_storage>,
      .args = "b",
      .refusal_text = "Bad params passed to central_storage_set_state callback",
      .refusal = message_bus_refusal::empty_reply,
@@ -184,19 +178,18 @@ constexpr message_bus_method central_storage_methods[] = {
 }  // namespace
 
 bool file_services_request_handler_start() {
+    const auto serve = [](const char *path, const char *interface,
+                          std::span<const message_bus_method> methods) {
+        return message_bus_add_methods(log_category, path, interface, methods,
+                                       "message_bus_add_method_listener failed");
+    };
     // kept: the spelling of the second interface.
-    if (!message_bus_add_methods(log_category, "/ws/nas/fileservices",
-                                 "com.kelvanto.nimbrel.nas.fileservices", file_services_methods) ||
-        !message_bus_add_methods(log_category, "/com/kelvanto/pam", "com.kelvanto.authentification",
-                                 pam_methods) ||
-        !message_bus_add_methods(log_category, "/com/kelvanto/nss", "com.kelvanto.passwd",
-                                 nss_methods) ||
-        !message_bus_add_methods(log_category, "/ws/centralstorage",
-                                 "com.kelvanto.nimbrel.centralstorage", central_storage_methods)) {
-        LOG_ERROR("message_bus_add_method_listener failed");
-        return false;
-    }
-    return true;
+    return serve("/ws/nas/fileservices", "com.kelvanto.nimbrel.nas.fileservices",
+                 file_services_methods) &&
+           serve("/com/kelvanto/pam", "com.kelvanto.authentification", pam_methods) &&
+           serve("/com/kelvanto/nss", "com.kelvanto.passwd", nss_methods) &&
+           serve("/ws/centralstorage", "com.kelvanto.nimbrel.centralstorage",
+                 central_storage_methods);
 }
 
 bool file_services_request_handler_stop() {

@@ -16,28 +16,34 @@ namespace {
 
 constexpr const char *log_category = "message_bus";
 
-struct method_listener {
-    const char *path;
+// A row of a table, and where it is served or listened to.
+template <class Row>
+struct listener {
+    const char *path;  // "" for a signal
     const char *interface;
-    message_bus_method method;
+    Row row;
     log_source module;
 };
 
-struct signal_listener {
-    const char *interface;
-    message_bus_signal signal;
-    log_source module;
-};
+std::vector<listener<message_bus_method>> method_listeners;
+std::vector<listener<message_bus_signal>> signal_listeners;
 
-std::vector<method_listener> method_listeners;
-std::vector<signal_listener> signal_listeners;
+template <class Row>
+bool is_known(const std::vector<listener<Row>> &listeners, const listener<Row> &added) {
+    return std::any_of(listeners.begin(), listeners.end(), [&added](const listener<Row> &known) {
+        return known.row.handler == added.row.handler && strcmp(known.path, added.path) == 0 &&
+               strcmp(known.interface, added.interface) == 0 &&
+               strcmp(known.row.member, added.row.member) == 0;
+    });
+}
 
 // --- Delivery
 
 // Whether a row's handler gets to see the arguments.
 template <class Row>
-bool accepts(const Row &row, const log_source &module, const message_bus_args &args,
+bool accepts(const listener<Row> &found, const message_bus_args &args,
              const message_bus_request &request) {
+    const Row &row = found.row;
     if (row.args == nullptr) {
         return true;
     }
@@ -45,7 +51,7 @@ bool accepts(const Row &row, const log_source &module, const message_bus_args &a
     const bool accepted = *row.args == '\0' ? args.count() == 0
                                             : message_bus_validate_params(request, args, row.args);
     if (!accepted && row.refusal_text != nullptr) {
-        LOG_FOR(module, LOG_LEVEL_WARN, "%s", row.refusal_text);
+        LOG_FOR(found.module, LOG_LEVEL_WARN, "%s", row.refusal_text);
     }
     return accepted;
 }
@@ -63,24 +69,23 @@ void refuse(message_bus_refusal refusal, message_bus_request request) {
     }
 }
 
-void call_handler(const method_listener &listener, DBusMessage *message) {
-    const message_bus_method &method = listener.method;
+void call_handler(const listener<message_bus_method> &found, DBusMessage *message) {
     const message_bus_args args(message);
     message_bus_request request(message);
-    if (method.arrival_text != nullptr) {
-        LOG_FOR(listener.module, LOG_LEVEL_INFO, "%s", method.arrival_text);
+    if (found.row.arrival_text != nullptr) {
+        LOG_FOR(found.module, LOG_LEVEL_INFO, "%s", found.row.arrival_text);
     }
-    if (accepts(method, listener.module, args, request)) {
-        method.handler(args, std::move(request));
+    if (accepts(found, args, request)) {
+        found.row.handler(args, std::move(request));
     } else {
-        refuse(method.refusal, std::move(request));
+        refuse(found.row.refusal, std::move(request));
     }
 }
 
 void introspect(DBusConnection *connection, DBusMessage *message) {
     const char *path = dbus_message_get_path(message);
     std::vector<const char *> interfaces;
-    for (const method_listener &listener : method_listeners) {
+    for (const auto &listener : method_listeners) {
         const bool known =
             std::any_of(interfaces.begin(), interfaces.end(), [&listener](const char *interface) {
                 return strcmp(interface, listener.interface) == 0;
@@ -95,12 +100,12 @@ void introspect(DBusConnection *connection, DBusMessage *message) {
 
 // kept: the path of the call is not compared, a listener answers on every registered path.
 DBusHandlerResult dispatch_method(DBusConnection *connection, DBusMessage *message, void *) {
-    const auto listener = std::find_if(
-        method_listeners.begin(), method_listeners.end(), [message](const method_listener &row) {
-            return dbus_message_is_method_call(message, row.interface, row.method.member);
+    const auto found = std::find_if(
+        method_listeners.begin(), method_listeners.end(), [message](const auto &known) {
+            return dbus_message_is_method_call(message, known.interface, known.row.member);
         });
-    if (listener != method_listeners.end()) {
-        call_handler(*listener, message);
+    if (found != method_listeners.end()) {
+        call_handler(*found, message);
     } else if (dbus_message_is_method_call(message, DBUS_INTERFACE_INTROSPECTABLE, "Introspect")) {
         introspect(connection, message);
     } else {
@@ -120,16 +125,16 @@ DBusHandlerResult filter_message(DBusConnection *, DBusMessage *message, void *)
     } else if (dbus_message_is_signal(message, DBUS_INTERFACE_DBUS, "NameOwnerChanged")) {
         message_bus_calls_owner_changed(message);
     }
-    const auto listener = std::find_if(
-        signal_listeners.begin(), signal_listeners.end(), [message](const signal_listener &row) {
-            return dbus_message_is_signal(message, row.interface, row.signal.member);
+    const auto found = std::find_if(
+        signal_listeners.begin(), signal_listeners.end(), [message](const auto &known) {
+            return dbus_message_is_signal(message, known.interface, known.row.member);
         });
-    if (listener == signal_listeners.end()) {
+    if (found == signal_listeners.end()) {
         return DBUS_HANDLER_RESULT_NOT_YET_HANDLED;
     }
     const message_bus_args args(message);
-    if (accepts(listener->signal, listener->module, args, {})) {
-        listener->signal.handler(args);
+    if (accepts(*found, args, {})) {
+        found->row.handler(args);
     }
     return DBUS_HANDLER_RESULT_HANDLED;
 }
@@ -163,22 +168,15 @@ bool register_path(const char *path) {
            dbus_error_has_name(&error, DBUS_ERROR_OBJECT_PATH_IN_USE);
 }
 
-bool add_method(const method_listener &added) {
-    const bool known =
-        std::any_of(method_listeners.begin(), method_listeners.end(), [&added](const auto &row) {
-            return row.method.handler == added.method.handler &&
-                   strcmp(row.path, added.path) == 0 &&
-                   strcmp(row.interface, added.interface) == 0 &&
-                   strcmp(row.method.member, added.method.member) == 0;
-        });
-    // kept: a served method gets a signal's match rule too, and where the bus refuses it the method
-    // is silently not served.
-    if (known || !add_match_rule(added.interface, added.method.member)) {
+// kept: a served method gets a signal's match rule too, and where the bus refuses it the method is
+// silently not served.
+bool add(const listener<message_bus_method> &added) {
+    if (is_known(method_listeners, added) || !add_match_rule(added.interface, added.row.member)) {
         return true;
     }
     if (!register_path(added.path)) {
         LOG_WARN("failed to register dbus object path: %s %s.%s", added.path, added.interface,
-                 added.method.member);
+                 added.row.member);
         return false;
     }
     method_listeners.push_back(added);
@@ -186,17 +184,23 @@ bool add_method(const method_listener &added) {
 }
 
 // kept: a refused match rule counts as success, as for methods.
-bool add_signal(const signal_listener &added) {
-    const bool known =
-        std::any_of(signal_listeners.begin(), signal_listeners.end(), [&added](const auto &row) {
-            return row.signal.handler == added.signal.handler &&
-                   strcmp(row.interface, added.interface) == 0 &&
-                   strcmp(row.signal.member, added.signal.member) == 0;
-        });
-    if (!known && add_match_rule(added.interface, added.signal.member)) {
+bool add(const listener<message_bus_signal> &added) {
+    if (!is_known(signal_listeners, added) && add_match_rule(added.interface, added.row.member)) {
         signal_listeners.push_back(added);
     }
     return true;
+}
+
+template <class Row>
+bool add_all(const log_source &module, const char *path, const char *interface,
+             std::span<const Row> rows, const char *failure_text) {
+    const bool added = std::all_of(rows.begin(), rows.end(), [&](const Row &row) {
+        return add(listener<Row>{path, interface, row, module});
+    });
+    if (!added && failure_text != nullptr) {
+        LOG_FOR(module, LOG_LEVEL_ERROR, "%s", failure_text);
+    }
+    return added;
 }
 
 // --- Replies and signals
@@ -244,26 +248,26 @@ bool message_bus_new(event_base *base) {
 
 bool message_bus_add_method_listener(const char *path, const char *interface, const char *member,
                                      message_bus_method_handler handler) {
-    return add_method({path, interface, {.member = member, .handler = handler}, log_category});
+    const message_bus_method row = {.member = member, .handler = handler};
+    return message_bus_add_methods(log_category, path, interface, {&row, 1});
 }
 
 bool message_bus_add_signal_listener(const char *interface, const char *member,
                                      message_bus_signal_handler handler) {
-    return add_signal({interface, {.member = member, .handler = handler}, log_category});
+    const message_bus_signal row = {.member = member, .handler = handler};
+    return message_bus_add_signals(log_category, interface, {&row, 1});
 }
 
 bool message_bus_add_methods(const log_source &module, const char *path, const char *interface,
-                             std::span<const message_bus_method> methods) {
-    return std::all_of(methods.begin(), methods.end(), [&](const message_bus_method &row) {
-        return add_method({path, interface, row, module});
-    });
+                             std::span<const message_bus_method> methods,
+                             const char *failure_text) {
+    return add_all(module, path, interface, methods, failure_text);
 }
 
 bool message_bus_add_signals(const log_source &module, const char *interface,
-                             std::span<const message_bus_signal> signals) {
-    return std::all_of(signals.begin(), signals.end(), [&](const message_bus_signal &row) {
-        return add_signal({interface, row, module});
-    });
+                             std::span<const message_bus_signal> signals,
+                             const char *failure_text) {
+    return add_all(module, "", interface, signals, failure_text);
 }
 
 bool message_bus_send_no_reply(message_bus_request request) {

@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <initializer_list>
 #include <span>
+#include <utility>
 
 #include "common/logger.h"
 #include "common/msg_bus/message_bus_args.h"
@@ -89,12 +90,14 @@ bool message_bus_add_method_listener(const char *path, const char *interface, co
 bool message_bus_add_signal_listener(const char *interface, const char *member,
                                      message_bus_signal_handler handler);
 
-// The same for the rows of a table, up to the first failure. What the rows have logged is logged
-// for the module.
+// The same for the rows of a table, up to the first failure, for which `failure_text` (null for
+// none) is logged at ERROR. What the rows have logged is logged for the module.
 bool message_bus_add_methods(const log_source &module, const char *path, const char *interface,
-                             std::span<const message_bus_method> methods);
+                             std::span<const message_bus_method> methods,
+                             const char *failure_text = nullptr);
 bool message_bus_add_signals(const log_source &module, const char *interface,
-                             std::span<const message_bus_signal> signals);
+                             std::span<const message_bus_signal> signals,
+                             const char *failure_text = nullptr);
 
 // Asynchronous calls. True when the call was queued; the callback (may be null) then runs once, on
 // the reply, on an error or on the library's default time-out. On false it never runs.
@@ -127,6 +130,13 @@ bool message_bus_send_bool_reply(message_bus_request request, bool value);
 bool message_bus_send_string_reply(message_bus_request request, const char *text);
 bool message_bus_send_reply(message_bus_request request,
                             std::initializer_list<message_bus_arg> args);
+
+// A method's handler whose caller gets an empty answer, whatever came of `act`.
+template <void (*act)(const message_bus_args &args)>
+void message_bus_answer_empty(const message_bus_args &args, message_bus_request request) {
+    act(args);
+    message_bus_send_no_reply(std::move(request));
+}
 
 // Signals. True when queued. Kept for services that announce something; nothing here does yet.
 bool message_bus_send_signal(const char *path, const char *interface, const char *name,

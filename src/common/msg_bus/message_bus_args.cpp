@@ -3,7 +3,6 @@
 
 #include <algorithm>
 #include <cstring>
-#include <iterator>
 #include <string_view>
 
 #include "common/logger.h"
@@ -12,32 +11,23 @@ namespace {
 
 constexpr const char *log_category = "message_bus";
 
-constexpr struct {
-    int32_t type;
-    int bus_type;
-} types[] = {
-    {MB_ARG_STRING, DBUS_TYPE_STRING},
-    {MB_ARG_UINT32, DBUS_TYPE_UINT32},
-    {MB_ARG_INT32, DBUS_TYPE_INT32},
-    {MB_ARG_BOOLEAN, DBUS_TYPE_BOOLEAN},
-};
+// The bus's letter of each type, by its number from 1.
+constexpr std::string_view type_letters = "suib";
 
-// The letter of a type in a signature; "?", which nothing matches, for an unknown type.
+// "?", which no signature has, for an unknown type.
 char type_letter(int32_t type) {
-    return message_bus_is_known_type(type) ? static_cast<char>(types[type - 1].bus_type) : '?';
+    return message_bus_is_known_type(type) ? type_letters[static_cast<size_t>(type - 1)] : '?';
 }
 
 message_bus_arg read_arg(DBusMessageIter &iterator, int bus_type) {
     message_bus_arg arg;
-    const auto row =
-        std::find_if(std::begin(types), std::end(types),
-                     [bus_type](const auto &known) { return known.bus_type == bus_type; });
-    if (row == std::end(types)) {
+    const size_t known = type_letters.find(static_cast<char>(bus_type));
+    if (known == std::string_view::npos) {
         // Not read: a wider value would not fit, and a descriptor would be left open.
         return arg;
     }
-    arg.type = row->type;
-    if (bus_type == DBUS_TYPE_STRING) {
+    arg.type = static_cast<int32_t>(known + 1);
+    if (arg.type == MB_ARG_STRING) {
         dbus_message_iter_get_basic(&iterator, &arg.string);
     } else {
         dbus_message_iter_get_basic(&iterator, &arg.word);

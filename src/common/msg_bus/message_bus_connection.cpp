@@ -70,9 +70,6 @@ dbus_bool_t add_watch(DBusWatch *watch, void *) {
     }
     event *io = event_new(bus.base, dbus_watch_get_unix_fd(watch), static_cast<short>(events),
                           watch_callback, watch);
-    if (io == nullptr) {
-        return FALSE;
-    }
     dbus_watch_set_data(watch, io, free_event);
     // kept: armed at once, whether or not the library reports the watch enabled.
     event_add(io, nullptr);
@@ -103,9 +100,6 @@ void timeout_callback(evutil_socket_t, short, void *data) {
 // kept: armed whether or not it is enabled, and not persistent: it fires at most once per add.
 dbus_bool_t add_timeout(DBusTimeout *timeout, void *) {
     event *timer = event_new(bus.base, -1, 0, timeout_callback, timeout);
-    if (timer == nullptr) {
-        return FALSE;
-    }
     dbus_timeout_set_data(timeout, timer, free_event);
     const int interval = dbus_timeout_get_interval(timeout);
     const timeval delay = {.tv_sec = interval / 1000, .tv_usec = (interval % 1000) * 1000L};
