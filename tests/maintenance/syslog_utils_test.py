@@ -109,3 +109,18 @@ def test_persistent_logging_ends_by_itself(box):
     stored = box.config()["syslog"]
     assert (stored["persistent"], stored["activationDate"]) == (False, None)
     assert (box.read(OPTIONS), log_path(box)) == (PLAIN, "/var/log/syslog")
+
+
+def test_a_start_that_has_to_save_needs_a_medium_that_takes_it(box):
+    """What FAULTS.md says of it, and the way out."""
+    configure(box, persistent=True, activationDuration=1, activationDate=activated(120))
+    box.fill_medium()
+    start_fails(box, "Error writing config file", "Failed to setup persistent logging")
+    box.run(["mount", "-o", "remount,ro", "/media"])
+    box.write("/etc/version", "08.06.00\n", owner="root")
+    box.start_daemon(wait=False)
+    box.wait_log("Cannot set software version", count=2)  # the supervisor tries again
+    box.run(["sh", "-c", "mount -o remount,rw /media; rm /media/full"])
+    wait_until(box.serving, "the daemon serves")
+    assert log_path(box) == "/var/log/syslog"
+    assert box.config()["cpeDevice"]["deviceInfo"]["softwareVersion"] == "08.06.00"
