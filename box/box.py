@@ -75,11 +75,12 @@ def wait_until(condition, what, timeout=30):
 
 
 class Box:
-    """One running box. A context manager; `close()` takes everything away. `shared`: a directory of the host
-    that the box has as /run/shared."""
+    """One running box. A context manager; `close()` takes everything away. `flavour`: the daemon's, unless it is
+    the build's. `shared`: a directory of the host that the box has as /run/shared."""
 
-    def __init__(self, build=DEFAULT_BUILD, shared=None):
+    def __init__(self, build=DEFAULT_BUILD, flavour=None, shared=None):
         self.build = os.path.abspath(build)
+        self.flavour = flavour or self._build_option("NIMBRELC_BUILD_FLAVOUR")
         self.peers = {}
         self.client = None
         self.disks = {}
@@ -89,6 +90,8 @@ class Box:
             self.environment.update(GCOV_PREFIX="/run/shared", GCOV_PREFIX_STRIP=str(self.build.count("/")))
         self.start(os.path.join(HERE, "init"), HERE, staged(self.build), *filter(None, [shared]))
         try:
+            if flavour:
+                shutil.copy(os.path.join(build, "nimbrelc-" + flavour), self.path("/usr/bin/nimbrelc"))
             self.given = self.read(CONFIG)  # the document as it was last written from outside
             self.join_bus()
         except BaseException:
@@ -282,10 +285,6 @@ class Box:
     def _build_option(self, name):
         with open(os.path.join(self.build, "CMakeCache.txt")) as cache:
             return re.search(rf"^{name}:\w+=([\w-]*)", cache.read(), re.M)[1]
-
-    @property
-    def flavour(self):
-        return self._build_option("NIMBRELC_BUILD_FLAVOUR")
 
     @property
     def syncs_writes(self):

@@ -13,7 +13,7 @@ from box import CONFIG, Box, document_faults  # noqa: E402
 def pytest_addoption(parser):
     parser.addoption("--build", action="append", default=[],
                      help="build directory of a daemon under test (build/dev). The first one passes every "
-                     "test, a further one those that its flavour or its sanitizers ask for")
+                     "test, some in both flavours, a further one those that its sanitizers ask for")
 
 
 def pytest_configure(config):
@@ -21,25 +21,24 @@ def pytest_configure(config):
     config.addinivalue_line("markers", "sanitize: also run under the sanitizers")
 
 
-def asks_for(build, markers):
-    """Whether a further build runs a test with these markers."""
-    with open(os.path.join(build, "CMakeCache.txt")) as cache:
-        sanitized = "NIMBRELC_SANITIZE:BOOL=ON" in cache.read()
-    return ("sanitize" if sanitized else "both_flavours") in markers
-
-
 def pytest_generate_tests(metafunc):
-    if "build" in metafunc.fixturenames:
-        builds = metafunc.config.getoption("--build") or [os.path.join(ROOT, "build", "dev")]
+    if "daemon" in metafunc.fixturenames:
+        first, *sanitized = metafunc.config.getoption("--build") or [os.path.join(ROOT, "build", "dev")]
         markers = {mark.name for mark in metafunc.definition.iter_markers()}
-        builds = builds[:1] + [build for build in builds[1:] if asks_for(build, markers)]
-        metafunc.parametrize("build", builds, ids=map(os.path.basename, builds), scope="module")
+        daemons = [(first, None)] + [(first, "release")] * ("both_flavours" in markers)
+        daemons += [(build, None) for build in sanitized if "sanitize" in markers]
+        metafunc.parametrize("daemon", daemons, ids=lambda daemon: daemon[1] or os.path.basename(daemon[0]))
 
 
 @pytest.fixture
-def box(request, build):
+def build(daemon):
+    return daemon[0]
+
+
+@pytest.fixture
+def box(request, daemon):
     """A fresh box; the daemon is not started yet."""
-    with Box(build) as box:
+    with Box(*daemon) as box:
         request.node.box = box
         yield box
         request.node.box = None
