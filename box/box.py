@@ -65,6 +65,12 @@ def document_faults(text):
             for error in schema().iter_errors(json.loads(text))}
 
 
+def field_document(name):
+    """The document of a box in the field."""
+    with open(os.path.join(ROOT, "tests", "boxes", name + ".json"), encoding="utf-8") as file:
+        return json.load(file)
+
+
 class Box:
     """One running box. A context manager; `close()` takes everything away. `shared`: a directory of the host
     that the box has as /run/shared."""
@@ -152,6 +158,8 @@ class Box:
             return file.read()
 
     def write(self, path, text, mode=0o644, owner="nimbrelc"):
+        """Writes a text, bytes, or whatever else as JSON."""
+        text = text if isinstance(text, (str, bytes)) else json.dumps(text, indent="\t", ensure_ascii=False)
         data = text if isinstance(text, bytes) else text.encode()
         self.given = text if path == CONFIG else self.given
         with open(self.path(path), "wb") as file:
@@ -200,7 +208,7 @@ class Box:
         """Hands the document of the stopped daemon to `change`, writes what it left."""
         document = self.config()
         change(document)
-        self.write(CONFIG, json.dumps(document, indent="\t", ensure_ascii=False))
+        self.write(CONFIG, document)
 
     def daemon_command(self, *options):
         return ["env", "ASAN_OPTIONS=log_path=/run/box/sanitizer:detect_leaks=1",
@@ -393,7 +401,7 @@ class Box:
         """What the stand-in of that file name does from now on: exit code, standard output, seconds
         before the end, signal to die by; leave: something that goes on printing for a minute."""
         self.write(f"/run/box/reply/{name}.json",
-                   json.dumps({"code": code, "out": out, "sleep": sleep, "kill": kill, "leave": leave}))
+                   {"code": code, "out": out, "sleep": sleep, "kill": kill, "leave": leave})
 
     def is_up(self, service):
         return self.run(["s6-svstat", "-u", "/run/service/" + service]).stdout.strip() == "true"

@@ -1,11 +1,10 @@
 """./dev demo: the daemon's main job in a box, as a timeline. Each step is really observed; the first
 one that is not ends the demo with exit code 1."""
 import json
-import os
 import sys
 import time
 
-from box import Box, BoxError, BusError, NoReply, ROOT, wait_until
+from box import CONFIG, Box, BoxError, BusError, NoReply, field_document, wait_until
 
 DISK = "sda"
 LABEL = "Photos"
@@ -180,8 +179,7 @@ def backup(box, line):
 def migrate(box, line):
     line.event("A box with firmware 08.04.99 gets this one: one run of the daemon with -m.")
     box.stop_daemon()
-    with open(os.path.join(ROOT, "tests", "boxes", "08.04.99.json"), encoding="utf-8") as file:
-        box.write("/media/nimbrelc.json", file.read())
+    box.write(CONFIG, field_document("08.04.99"))
     line.seen(box.migrate().returncode == 0, "exit code 0")
     config = box.config()
     version = config["cpeDevice"]["deviceInfo"]["softwareVersion"]
