@@ -27,15 +27,16 @@ def faults(root):
     def read(name):
         return (root / name).read_text()
 
-    log, platform, known, logged = read("docs/log.md"), read("docs/platform.md"), [], {}
+    log, platform, known, logged, for_others = read("docs/log.md"), read("docs/platform.md"), [], {}, []
     for path in (root / "src").rglob("*.*"):
         known += literals(read(path))
+        for_others += sum(map(literals, re.findall(r"LOG_FOR\(.*?\);", read(path), re.S)), [])
         if category := re.search('log_category = "(.+)"', read(path)):
             logged.setdefault(category[1], []).extend(literals(read(path)))
-            room = path.parent.relative_to(root / "src")
+            room = rooms.room_of(str(path.relative_to(root / "src")))
             if not re.search(rf"^\| `{category[1]}` \|.*`{room}`.*\|.*`{path.stem}`", log, re.M):
                 yield f"docs/log.md: no row of the categories has {category[1]}, {room}, {path.stem}"
-    quotes = [(text, sum((logged.get(category, []) for category in spans(under)), []), f"docs/log.md, {under}")
+    quotes = [(text, sum((logged.get(category, []) for category in spans(under)), for_others), f"docs/log.md, {under}")
               for texts, under in re.findall(r"^\| (?:→ )?(`[^|]*) \| (`[^|]*) \| [^|]*\|$", log, re.M)
               for text in spans(texts)]
     quotes += [(text, known, "docs/log.md") for text in spans(log) if re.match("[A-Z].* ", text)]
