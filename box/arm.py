@@ -17,8 +17,8 @@ def main():
         box.write("/usr/bin/nimbrelc", WRAPPER, 0o755, "root")
         assert box.migrate().returncode == 0, box.log()
         box.start_daemon()
-        for key in ("Device.DeviceInfo.UpTime", "Device.LAN.IPAddress", "Device.LAN.MACAddress"):
-            print(f"  {key} = {box.data_model('GetValue', key)[0]}")
+        for key in "DeviceInfo.UpTime", "LAN.IPAddress", "LAN.MACAddress":
+            print(f"  Device.{key} = {box.get(key)}")
         box.plug("sda")
         box.wait_up("smbd")
         guest = ["smbclient", "-N", "//127.0.0.1/sda1", "-c", "get hello.txt -"]

@@ -8,23 +8,26 @@ import re
 import shutil
 import signal
 import subprocess
+import sys
 import time
+from contextlib import suppress
 
 import jeepney
 from jeepney.io.threading import DBusRouter, open_dbus_connection
 
-from peers import DEFAULT_PEERS, Peer, BusError, NoReply, signature_of, u, i  # noqa: F401
+from peers import DEFAULT_PEERS, Peer, BoxError, BusError, NoReply, signature_of, u, i, wait_until  # noqa: F401
 
 HERE = os.path.dirname(os.path.abspath(__file__))
 ROOT = os.path.dirname(HERE)
+sys.path.append(os.path.join(ROOT, "tools"))
+import tree  # noqa: E402
+
 DEFAULT_BUILD = os.path.join(ROOT, "build", "dev")
 CONFIG = "/media/nimbrelc.json"
 NO_BACKUP = bytes.fromhex("28a2e59122046a8788324a2f6754957c")  # an encrypted "[]", which ends the daemon
 PATH = "/usr/sbin:/usr/bin:/sbin:/bin"
-
-
-class BoxError(Exception):
-    """The box itself, or something that a test relies on, did not come about."""
+with open(os.path.join(HERE, "standins")) as names:
+    STAND_INS = {os.path.basename(path): path for path in names.read().split()}
 
 
 @functools.lru_cache(None)
@@ -62,16 +65,10 @@ def document_faults(text):
             for error in schema().iter_errors(json.loads(text))}
 
 
-def wait_until(condition, what, timeout=30):
-    """The first true value of `condition`, asked every few milliseconds."""
-    deadline = time.monotonic() + timeout
-    while True:
-        value = condition()
-        if value:
-            return value
-        if time.monotonic() > deadline:
-            raise BoxError(f"not within {timeout} s: {what}")
-        time.sleep(0.02)
+def field_document(name):
+    """The document of a box in the field."""
+    with open(os.path.join(ROOT, "tests", "boxes", name + ".json"), encoding="utf-8") as file:
+        return json.load(file)
 
 
 class Box:
@@ -84,6 +81,7 @@ class Box:
         self.peers = {}
         self.client = None
         self.disks = {}
+        self.asked = 0  # about that many commands
         self.environment = {}  # of the daemon, besides what its service gives it
         if self.counts_lines:
             shared = self.build
@@ -113,23 +111,18 @@ class Box:
         self.pid = int(line)
         self.root = f"/proc/{self.pid}/root"
 
-    @staticmethod
-    def _connect(address):
-        for _ in range(1500):
-            try:
-                return open_dbus_connection(address, enable_fds=True)
-            except (ConnectionError, FileNotFoundError):
-                time.sleep(0.02)
-        raise BoxError("nobody listens on the system bus")
+    def connect(self):
+        """A connection to the system bus, once somebody listens there."""
+        def attempt():
+            with suppress(ConnectionError, FileNotFoundError):
+                return open_dbus_connection("unix:path=" + self.path("/run/dbus/system_bus_socket"), enable_fds=True)
+        return wait_until(attempt, "the system bus")
 
     def join_bus(self):
         """The peers and this client take their places on the system bus."""
-        socket = self.path("/run/dbus/system_bus_socket")
-        wait_until(lambda: os.path.exists(socket), "the system bus")
-        address = "unix:path=" + socket
-        self.client = DBusRouter(self._connect(address))
+        self.client = DBusRouter(self.connect())
         for names in DEFAULT_PEERS:
-            peer = Peer(self._connect(address), names, self)
+            peer = Peer(self.connect(), names, self)
             self.peers.update(peer.views)
 
     def leave_bus(self):
@@ -168,6 +161,8 @@ class Box:
             return file.read()
 
     def write(self, path, text, mode=0o644, owner="nimbrelc"):
+        """Writes a text, bytes, or whatever else as JSON."""
+        text = text if isinstance(text, (str, bytes)) else json.dumps(text, indent="\t", ensure_ascii=False)
         data = text if isinstance(text, bytes) else text.encode()
         self.given = text if path == CONFIG else self.given
         with open(self.path(path), "wb") as file:
@@ -204,11 +199,19 @@ class Box:
     def config(self):
         return json.loads(self.read(CONFIG))
 
+    def configure(self, **members):
+        """Merges members into the document of the stopped daemon."""
+        self.edit_config(lambda document: merge(document, members))
+
+    def enable_services(self, *names):
+        """Leaves these file services enabled, of "samba", "afp", "avahi", and no others."""
+        self.configure(nas={"fileServices": {name: {"enabled": name in names} for name in ("samba", "afp", "avahi")}})
+
     def edit_config(self, change):
         """Hands the document of the stopped daemon to `change`, writes what it left."""
         document = self.config()
         change(document)
-        self.write(CONFIG, json.dumps(document, indent="\t", ensure_ascii=False))
+        self.write(CONFIG, document)
 
     def daemon_command(self, *options):
         return ["env", "ASAN_OPTIONS=log_path=/run/box/sanitizer:detect_leaks=1",
@@ -216,8 +219,11 @@ class Box:
                 *(f"{name}={value}" for name, value in self.environment.items()),
                 "/etc/s6/sv/nimbrelc/run", *options]
 
-    def start_daemon(self, *options, wait=True):
-        """Starts the daemon under s6 and, unless told otherwise, waits until it serves."""
+    def start_daemon(self, *options, wait=True, **members):
+        """Starts the daemon under s6, with these members in its document, and, unless told otherwise, waits
+        until it serves."""
+        if members:
+            self.configure(**members)
         line = " ".join("'" + word.replace("'", r"'\''") + "'" for word in self.daemon_command(*options))
         self.write("/run/service/nimbrelc/run", f"#!/bin/sh\nexec {line}\n", 0o755, "root")
         self.run(["s6-svc", "-u", "/run/service/nimbrelc"])
@@ -226,22 +232,25 @@ class Box:
 
     def serving(self):
         try:
-            return self.call("/ws/core/info", "com.kelvanto.nimbrel.app", "getApplicationStatus",
-                             timeout=10)
+            return self.ask("getApplicationStatus", timeout=10)
         except (BusError, NoReply):
             return None
 
     def stop_daemon(self):
         self.run(["s6-svc", "-d", "-wD", "-T", "30000", "/run/service/nimbrelc"])
 
-    def end_daemon(self):
+    def restart_daemon(self, **members):
+        self.stop_daemon()
+        self.start_daemon(**members)
+
+    def end_daemon(self, orderly=False):
         """Stops the daemon for good. Under the sanitizers it ends by itself where it still listens: only
         then are leaks looked for, and lines counted."""
-        if (self.sanitized or self.counts_lines) and self.daemon_pid():
+        if (orderly or self.sanitized or self.counts_lines) and self.daemon_pid():
             self.run(["s6-svc", "-O", "/run/service/nimbrelc"])  # not started again
             self.write("/run/box/no-backup", NO_BACKUP)
             try:
-                self.call("/backup", "com.kelvanto.nimbrel.backup", "restore", "/run/box/no-backup")
+                self.ask("restore", "/run/box/no-backup")
                 self.run(["s6-svc", "-wD", "-T", "30000", "/run/service/nimbrelc"], check=False)
             except (BusError, NoReply):
                 pass
@@ -326,10 +335,29 @@ class Box:
     def peer(self, name):
         return self.peers[name]
 
-    def data_model(self, method, key, *args, **options):
-        """GetValue, SetValue or GetObject of the data model: the reply's values."""
-        return self.call("/com/kelvanto/nimbrel", "com.kelvanto.nimbrel.datamodel", method, key,
-                         *args, **options)
+    def ask(self, method, *args, **options):
+        """Calls a method that the daemon describes, by the end of its full name: "getConfig", "devices.list".
+        Returns the reply's value, None for an empty reply, a tuple of several values."""
+        (path, interface, member), = [row[:3] for row in tree.methods()
+                                      if f".{row.interface}.{row.name}".endswith("." + method)]
+        reply = self.call(path, interface, member, *args, **options)
+        return reply if len(reply) > 1 else reply[0] if reply else None
+
+    def get(self, key, **options):
+        """A parameter of the data model, None for an empty reply. Keys may be short: "SSH.Enable"."""
+        return self.ask("GetValue", tree.full_key(key), **options)
+
+    def object(self, key, **options):
+        return self.ask("GetObject", tree.full_key(key), **options)
+
+    def set(self, key, value, **options):
+        """Whether the daemon took the value; None for an empty reply."""
+        return self.ask("SetValue", tree.full_key(key), value, **options)
+
+    def apply(self, key, value):
+        """Sets what must be taken; back when it is applied too, which comes after the answer."""
+        assert self.set(key, value) is True, key
+        self.ask("getApplicationStatus")
 
     # What happened ------------------------------------------------------------------------------
 
@@ -346,11 +374,19 @@ class Box:
         stamps = re.findall(rf": (\w+ +\d+ [\d:]+) .*{re.escape(text)}", self.log())
         return [time.mktime(time.strptime("2000 " + stamp, "%Y %b %d %H:%M:%S")) for stamp in stamps]
 
-    def commands(self):
-        """The command lines of the stand-ins (scripts, s6-rc, dmesg) in order, each as its argv."""
+    def commands(self, *names):
+        """The command lines of the stand-ins (scripts, s6-rc, dmesg), or of these, in order, each as its argv
+        with the command's name alone."""
         if not self.exists("/run/box/commands"):
             return []
-        return [json.loads(line) for line in self.read("/run/box/commands").splitlines()]
+        lines = [json.loads(line) for line in self.read("/run/box/commands").splitlines()]
+        return [line for line in ([os.path.basename(path), *args] for path, *args in lines)
+                if not names or line[0] in names]
+
+    def new_commands(self, *names):
+        """Those since this was asked the last time."""
+        before, self.asked = self.asked, len(self.commands())
+        return [line for line in self.commands()[before:] if not names or line[0] in names]
 
     def sudo(self):
         """Every command run through sudo, in order, as one text each (s6-svc and s6-svstat too);
@@ -364,7 +400,7 @@ class Box:
         """What the stand-in of that file name does from now on: exit code, standard output, seconds
         before the end, signal to die by; leave: something that goes on printing for a minute."""
         self.write(f"/run/box/reply/{name}.json",
-                   json.dumps({"code": code, "out": out, "sleep": sleep, "kill": kill, "leave": leave}))
+                   {"code": code, "out": out, "sleep": sleep, "kill": kill, "leave": leave})
 
     def is_up(self, service):
         return self.run(["s6-svstat", "-u", "/run/service/" + service]).stdout.strip() == "true"
@@ -430,6 +466,14 @@ class Box:
 
     def partition_list(self):
         return notation([record for _, records in list(self.disks.values()) for record in records])
+
+
+def merge(document, members):
+    for name, value in members.items():
+        if isinstance(value, dict) and isinstance(document.get(name), dict):
+            merge(document[name], value)
+        else:
+            document[name] = value
 
 
 def notation(value):

@@ -11,12 +11,11 @@ import re
 import sys
 import threading
 import time
-import xml.etree.ElementTree as ElementTree
 
 import jeepney
 from jeepney import HeaderFields
 
-from box import CONFIG, ROOT, Box, BoxError, BusError, NoReply, notation, wait_until
+from box import CONFIG, ROOT, STAND_INS, Box, BoxError, BusError, NoReply, notation, wait_until, tree
 
 ROUND = 60  # seconds; each round has a box and a seed of its own, so that it can be repeated alone
 PATIENCE = 20  # seconds for the answer to a call behind many others, under sanitizers
@@ -31,8 +30,6 @@ GLdRwc9b93""".replace("\n", "").split("|") + [
 NUMBERS = [0, 1, 2, -1, 22, 99, 100, 1440, 65534, 65535, 2**31 - 1, 2**31, 2**32 - 1, 2**63]
 BITS = {"y": 8, "n": 16, "q": 16, "i": 32, "u": 32, "x": 64, "t": 64}
 NULL = open("/dev/null")
-STAND_INS = ["s6-rc", "dmesg", "firewallctl", "remove_afp_cnid_dir.sh", "set_auth_key.sh", "set_port_forwarding.sh",
-             "delete_port_forwarding.sh", "updateConfig.sh", "getPortForwardingStatus.sh", "getConnectedDevices.sh"]
 SHARES = {  # of each generated file: its global keys, the list of further ones, the keys of a share
     "samba": ("server string|workgroup|max connections|guest account|username map", "defaultGlobalSettings",
               ["path", "guest ok", "guest only", "writeable", "oplocks"]),
@@ -41,16 +38,9 @@ SHARES_FILE = "/tmp/nimbrel/configs/{}.config"
 SIGNALS = [("com.kelvanto.systemcalls", "IPAddressChanged"), ("com.kelvanto.nimbrel.upgrade", "ShowUpgradeMessage"),
            ("com.kelvanto.nimbrel.upgrade", "HideUpgradeMessage")] + 4 * [("com.kelvanto.ddm", member) for member in (
                "DeviceAttached", "DeviceDetached", "PartitionConnected", "PartitionDisconnected")]
-METHODS = [(node.get("name"), interface.get("name"), method.get("name"),
-            [(arg.get("name"), arg.get("type")) for arg in method if arg.get("direction") == "in"]
-            + [("value", "v")] * (method.get("name") == "SetValue"))  # one of any type
-           for file in sorted(glob.glob(os.path.join(ROOT, "data/interfaces/*.xml")))
-           for node in [ElementTree.parse(file).getroot()] for interface in node for method in interface]
-METHODS += 6 * [method for method in METHODS if method[2].endswith(("Value", "State"))]
+METHODS = tree.methods() + 6 * [method for method in tree.methods() if method.name.endswith(("Value", "State"))]
 with open(os.path.join(ROOT, "data/default_config/nimbrelc.json")) as config_file:
     DOCUMENT = json.load(config_file)
-with open(os.path.join(ROOT, "src/datamodel/datamodel.cpp")) as table:
-    KEYS = re.findall(r'\.name(?:_format)? = "([^"]+)"(?:,\s+\.config_key = "([^"]+)")?', table.read())
 rng = random.Random()
 pick = rng.choice
 
@@ -92,14 +82,14 @@ def pairs(count, depth=0):
 
 def arguments(member, declared):
     """What the method declares, with hostile values."""
-    key, path = pick(KEYS)
-    item = functools.reduce(dict.get, path.split(), DOCUMENT)
+    row = pick(tree.parameters())
+    key, item = row.name, functools.reduce(dict.get, filter(None, row.config_path.split(".")), DOCUMENT)
     letter = {bool: "b", int: "u"}.get(type(item), "b" if key.endswith("Enabled") else "s")
     letter = pick([letter, letter, letter, "s", "i", "u", "b", None])
     key = key.replace("%u", pick(["0", "1", "2", "-1", "4294967297", "1.Name", "1x", ""]))
     at = rng.randint(0, len(key))
     key = pick([key] * 30 + [key[:at], key + text(), key[:at] + text() + key[at:], key.upper()])
-    for name, kind in declared:
+    for kind, name in declared:
         kind, value = pair(letter if kind == "v" else kind)
         if name == "json":
             wanted = {"service": pick(["Samba", "AFP", "Avahi", value]), "enabled": pick([True, True, False, value])}
@@ -144,13 +134,13 @@ class Round:
         self.history.append(f"{kind}: " + " ".join(repr(part)[:200] for part in what))
 
     def call(self, right):
-        path, interface, member, declared = pick(METHODS)
+        path, interface, member, declared, *_ = pick(METHODS)
         given = list(arguments(member, declared))
         if not right:
             given = pick([given + pairs(1), given[1:], pairs(1) + given[1:], pairs(pick([0, 1, 2, 3, 4, 5, 40]))])
         signature = "".join(kind for kind, _ in given)
         if not right:
-            if signature == "".join(kind for _, kind in declared) or member == "SetValue" and len(given) == 2:
+            if signature == "".join(kind for kind, _ in declared) or member == "SetValue" and len(given) == 2:
                 return
             path, interface = pick([(path, interface)] * 9 + [("/ws/vpn", interface), ("/", None), (path, "a.b")])
         elif member == "SetValue":
@@ -185,7 +175,7 @@ class Round:
         getattr(view, act)(*[member] * (act in ("answer", "fail", "mute", "hold")), *values * (act == "answer"))
 
     def script(self):
-        name, out = pick(STAND_INS), pick(["", "1;minutes;10.0.0.2", text(), "x;" * 99999])
+        name, out = pick(sorted(STAND_INS)), pick(["", "1;minutes;10.0.0.2", text(), "x;" * 99999])
         self.note("scripts", name, out)
         self.box.script(name, pick([0, 0, 1, 255]), out, sleep=pick([0, 0, 0, 0.2]), kill=pick([0, 0, 0, 9]))
         directory = text().replace("/", "_")[:60]  # one that AFP no longer needs
@@ -220,7 +210,7 @@ class Round:
         self.expect(not self.box.faults(), self.box.faults())
         refused = [line for line in self.box.sudo() if line.startswith("refused: ")]  # the rules hold the patterns
         self.expect(not refused, refused)
-        keys = [argv[1:] for argv in self.box.commands() if argv[0].endswith("set_auth_key.sh")]
+        keys = [argv[1:] for argv in self.box.commands("set_auth_key.sh")]
         self.expect(all(len(key) == 1 and key[0] in self.keys for key in keys), f"keys that nobody set: {keys}")
         for service, (keys, further, share) in SHARES.items():
             path = SHARES_FILE.format(service)
@@ -243,7 +233,7 @@ class Round:
         acts = [self.signal] * 6 + [self.peer, self.script, self.disk] + [functools.partial(self.call, False)] * 4 + \
             [functools.partial(self.call, not refused)] * 18
         before = self.box.read(CONFIG)
-        self.client = Box._connect("unix:path=" + self.box.path("/run/dbus/system_bus_socket"))
+        self.client = self.box.connect()
         for _ in range(rng.randint(5, 50)):
             pick(acts)()
         began, last, answered = time.monotonic(), 1 << 20, 0
@@ -273,19 +263,17 @@ class Round:
             view.clear()
             view.join()
         self.box.run(["sh", "-c", "rm -f /run/box/reply/*"])
-        self.box.end_daemon()
+        self.box.end_daemon(orderly=True)
         self.expect(self.box.exits() == [(0, 0)], f"the end: {self.box.exits()}")
         self.expect(not self.box.faults(), self.box.faults())
 
     def start_again(self):
         """On what callers stored, with all kinds of labels to share."""
         self.box.run(["rm", "-f", "/run/box/exits", *map(SHARES_FILE.format, SHARES)])
-        self.box.edit_config(lambda config: (
-            config.update(syslog=DOCUMENT["syslog"]),  # numbers that callers may store there keep it from starting
-            config["centralStorage"].update(enabled=True),
-            [config["nas"]["fileServices"][service].update(enabled=True) for service in SHARES]))
+        self.box.enable_services(*SHARES)
         self.box.disks.clear()
-        self.box.start_daemon()
+        # Numbers that callers may store among these keep it from starting.
+        self.box.start_daemon(syslog=DOCUMENT["syslog"], centralStorage={"enabled": True})
         self.box.wait_log("Update file services on startup", count=2)
         self.box.plug("sda", partitions=[{"label": label} for label in rng.sample(PIECES, 25)])
         for service in SHARES:

@@ -1,7 +1,6 @@
 """./dev box [COMMANDS]: a shell in a running box, or the given commands in one. Its own commands reach
 this process, which holds the box and its peers, through a socket of the box."""
 import difflib
-import glob
 import json
 import os
 import re
@@ -16,13 +15,9 @@ from functools import partial
 
 from jeepney.io.common import RouterClosed
 
-from box import HERE, ROOT, Box, BoxError, BusError, NoReply, i, u
-
-sys.path.append(os.path.join(ROOT, "tools"))
-from bus import parameter_rows  # noqa: E402
+from box import HERE, Box, BoxError, BusError, NoReply, i, u, tree
 
 STATES = 'cd /run/service; for name in *; do echo "$name $(s6-svstat -o up,wantedup,updownfor "$name")"; done'
-OWN = "X_KELVANTO-COM_DeviceManagement."  # the maker's part of the data model
 INTERFACES = "com.kelvanto.nimbrel."
 LOCK = threading.Lock()
 
@@ -32,33 +27,14 @@ class Refusal(Exception):
 
 
 def short(name):
-    return name.removeprefix("Device.").removeprefix(OWN).removeprefix(INTERFACES)
+    return name.removeprefix(tree.MAKER).removeprefix(tree.DEVICE).removeprefix(INTERFACES)
 
 
-def parameters(mark):
-    """The names in those rows of the daemon's own table that have the mark; 1 is for any index."""
-    return [name.replace("%u", "1") for name, row in parameter_rows() if re.search(mark, row)]
-
-
-def bus_methods():
-    """The daemon's (path, interface, method), in short."""
-    for file in glob.glob(os.path.join(ROOT, "data", "interfaces", "*.xml")):
-        with open(file) as source:
-            path, name, *methods = re.findall('<(?:node|interface|method) name="(.*?)"', source.read())
-        yield from ((path, short(name), method) for method in methods)
-
-
-PARAMETERS = {"get": parameters(r"\.get =|\.config_key"), "object": parameters(r"\.get"),
-              "set": parameters(r"\.set|\.config_writable = true")}
+# The names that each command takes; 1 is for any index.
+PARAMETERS = {command: [row.name.replace("%u", "1") for row in tree.parameters() if getattr(row, command)]
+              for command in ("get", "object", "set")}
 NAMES = set().union(*PARAMETERS.values())
-METHODS = list(bus_methods())
-
-
-def key(text):
-    if text.startswith("Device."):
-        return text
-    known = any(name.startswith(f"Device.{text.split('.')[0]}.") for name in NAMES)
-    return "Device." + ("" if known else OWN) + text
+METHODS = [(row.path, short(row.interface), row.name) for row in tree.methods()]
 
 
 def interface(text):
@@ -126,11 +102,10 @@ def calls(box, peer):
 
 
 def parameter(command, box, name, *values):
-    method = {"get": "GetValue", "set": "SetValue", "object": "GetObject"}[command]
-    reply = box.data_model(method, key(name), *map(value, values))
-    if not reply or command == "set" and reply != (True,):
-        raise Refusal(why_not(command, key(name)))
-    return reply
+    reply = getattr(box, command)(name, *map(value, values))
+    if reply is None or command == "set" and not reply:
+        raise Refusal(why_not(command, tree.full_key(name)))
+    return [reply]
 
 
 def services(box, *names):
@@ -185,7 +160,7 @@ def complete(box, name, *words):
         names = [each for each in os.listdir(box.path("/run/service")) if each[0] != "."]
     elif not before:
         names = {"unplug": box.disks, "calls": box.peers}.get(name) or map(short, PARAMETERS.get(name, ()))
-        longer = key if name in PARAMETERS else str
+        longer = tree.full_key if name in PARAMETERS else str
     names = sorted(names)
     return [each for each in names if each.startswith(word)] or [
         each for each in map(longer, names) if each.startswith(word)]

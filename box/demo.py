@@ -1,20 +1,15 @@
 """./dev demo: the daemon's main job in a box, as a timeline. Each step is really observed; the first
 one that is not ends the demo with exit code 1."""
 import json
-import os
 import sys
 import time
 
-from box import Box, BoxError, BusError, NoReply, ROOT, wait_until
+from box import CONFIG, Box, BoxError, BusError, NoReply, field_document, wait_until
 
 DISK = "sda"
 LABEL = "Photos"
 FILES = {"holiday.txt": "Sand, sea and sun.\n"}
 USER, PASSWORD = "alice", "summer-2026"
-MAKER = "Device.X_KELVANTO-COM_DeviceManagement."
-STREAMING = ("/ws/dlna", "com.kelvanto.nimbrel.dlna")
-BACKUP = ("/backup", "com.kelvanto.nimbrel.backup")
-SHARES = ("/ws/nas/fileservices", "com.kelvanto.nimbrel.nas.fileservices")
 
 
 class NotSeen(Exception):
@@ -55,7 +50,7 @@ def wait_read(box, *login):
 
 def may_enter(box, user, password):
     """What the daemon tells the PAM module."""
-    return box.call("/com/kelvanto/pam", "com.kelvanto.authentification", "AuthRequest", user, password) == (1,)
+    return box.ask("AuthRequest", user, password) == 1
 
 
 def start(box, line):
@@ -66,7 +61,7 @@ def start(box, line):
     line.seen("\nUid:\t7001\t7001\t7001\t" in status, "it runs as the unprivileged user nimbrelc")
     names = ["com.kelvanto." + name for name in ("nimbrel", "pamauth", "nssauth", "firmware")]
     for name in names:
-        box.call("/ws/core/info", "com.kelvanto.nimbrel.app", "getApplicationStatus", name=name)
+        box.ask("getApplicationStatus", name=name)
     line.seen(True, "it owns and serves " + ", ".join(names))
     line.seen(not box.is_up("smbd"), "no disk, no share: smbd is down")
 
@@ -91,8 +86,7 @@ def plug(box, line):
 
 def web(box, line):
     line.event("The web front end asks what is plugged in.")
-    (reply,) = box.call("/ws/nas/devices", "com.kelvanto.nimbrel.nas.devices", "list")
-    entries = json.loads(reply)["data"]
+    entries = json.loads(box.ask("devices.list"))["data"]
     for entry in entries:
         line.seen(True, json.dumps(entry))
     line.seen([entry["supported"] for entry in entries] == [True, False], "one of the two is supported")
@@ -102,15 +96,15 @@ def agent(box, line):
     line.event("The management agent reads the data model.")
     for key in ("Device.DeviceInfo.SoftwareVersion", "Device.LAN.IPAddress",
                 "Device.StorageService.1.LogicalVolumeNumberOfEntries"):
-        reply = box.data_model("GetValue", key)
-        line.seen(len(reply) == 1, f"{key} = {reply[0] if reply else ''}")
-    (volume,) = box.data_model("GetObject", "Device.StorageService.1.LogicalVolume.1")
+        value = box.get(key)
+        line.seen(value is not None, f"{key} = {value}")
+    volume = box.object("Device.StorageService.1.LogicalVolume.1")
     line.seen(json.loads(volume)["Name"] == LABEL, f"Device.StorageService.1.LogicalVolume.1 = {volume}")
 
 
 def protect(box, line):
     line.event(f"Share protection is switched on over the bus, for user {USER}.")
-    box.call(*SHARES, "updateCredentialsForUserShares", True, USER, PASSWORD)
+    box.ask("updateCredentialsForUserShares", True, USER, PASSWORD)
     stored = box.config()["storage"]
     line.seen(stored["enabled"] and PASSWORD not in json.dumps(stored), "the password is stored encrypted")
     line.seen(may_enter(box, USER, PASSWORD) and not may_enter(box, USER, "wrong"),
@@ -135,8 +129,8 @@ def pull(box, line):
 
 def forwarding(box):
     """What the scripts that forward and unforward a port were told, in order."""
-    return [os.path.basename(command[0]).removesuffix("_port_forwarding.sh") + " " + " ".join(command[1:])
-            for command in box.commands() if command[0].endswith("_port_forwarding.sh")]
+    return [" ".join(command).replace("_port_forwarding.sh", "")
+            for command in box.commands("set_port_forwarding.sh", "delete_port_forwarding.sh")]
 
 
 def ssh(box, line):
@@ -145,8 +139,7 @@ def ssh(box, line):
     key = next(text for text in box.run(["dropbearkey", "-y", "-f", "/tmp/key"]).stdout.splitlines()
                if text.startswith("ssh-"))
     for parameter, value in (("SSH.AuthorizedKey", key), ("SSH.Enable", True)):
-        (done,) = box.data_model("SetValue", MAKER + parameter, value)
-        line.seen(done, f"{parameter} = {value}")
+        line.seen(box.set(parameter, value), f"{parameter} = {value}")
     wait_until(lambda: forwarding(box)[-1].startswith("set"), "a port is forwarded")
     line.seen(True, "a port is forwarded: " + forwarding(box)[-1])
     box.wait_up("dropbear")
@@ -158,8 +151,7 @@ def ssh_ends(box, line):
     line.event("The box is switched off; an hour and a half later it comes back.")
     box.stop_daemon()
     late = time.strftime("%Y-%m-%dT%H:%M:%SZ", time.localtime(time.time() - 5400))
-    box.edit_config(lambda config: config["ssh"].update(activationDate=late, activationDuration=60))
-    box.start_daemon()
+    box.start_daemon(ssh={"activationDate": late, "activationDuration": 60})
     wait_until(lambda: not box.config()["ssh"]["enable"], "the activation ends")
     line.seen(box.config()["ssh"]["activationDate"] is None, "her hour is over: SSH is disabled")
     line.seen(forwarding(box)[-1] == "delete internal 100", "the forwarding is gone")
@@ -167,30 +159,27 @@ def ssh_ends(box, line):
 
 def backup(box, line):
     line.event("The settings are backed up.")
-    box.call(*BACKUP, "store", "/media/backup")
+    box.ask("store", "/media/backup")
     stored = box.run(["od", "-An", "-tx1", "-N16", "/media/backup"]).stdout.strip()
     line.seen(stored, f"the backup is encrypted: {stored} ...")
     with Box(box.build) as other, open(box.path("/media/backup"), "rb") as file:
-        other.edit_config(lambda config: config["dlna"].update(mediaStreamingEnabled=False))
-        other.start_daemon()
+        other.start_daemon(dlna={"mediaStreamingEnabled": False})
         other.write("/media/backup", file.read())
         line.event(f"It is restored on another box, which does not know {USER} and does not stream.")
         line.seen(not may_enter(other, USER, PASSWORD), f"{USER} is not let in")
-        (restored,) = other.call(*BACKUP, "restore", "/media/backup")
-        line.seen(restored, "the daemon took it and will start anew")
+        line.seen(other.ask("restore", "/media/backup"), "the daemon took it and will start anew")
         wait_until(other.exits, "the daemon ends")
         line.seen(other.exits() == [(0, 0)], "3 s later it ended by itself, with exit code 0")
         wait_until(other.serving, "the daemon serves again")
-        (state,) = other.call(*STREAMING, "getMediaStreamingState")
-        line.seen(json.loads(state)["data"]["mediaStreamingEnabled"], "s6 started it again: streaming is on")
+        state = json.loads(other.ask("getMediaStreamingState"))
+        line.seen(state["data"]["mediaStreamingEnabled"], "s6 started it again: streaming is on")
         line.seen(may_enter(other, USER, PASSWORD), f"and {USER} is let in")
 
 
 def migrate(box, line):
     line.event("A box with firmware 08.04.99 gets this one: one run of the daemon with -m.")
     box.stop_daemon()
-    with open(os.path.join(ROOT, "tests", "boxes", "08.04.99.json"), encoding="utf-8") as file:
-        box.write("/media/nimbrelc.json", file.read())
+    box.write(CONFIG, field_document("08.04.99"))
     line.seen(box.migrate().returncode == 0, "exit code 0")
     config = box.config()
     version = config["cpeDevice"]["deviceInfo"]["softwareVersion"]

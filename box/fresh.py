@@ -58,4 +58,4 @@ class FreshRoot(Box):
         self.sh("mkdir -p /run/dbus /run/service; dbus-daemon --system --fork --nopidfile")
         subprocess.Popen(self.command(["s6-svscan", "/run/service"]), stdin=subprocess.DEVNULL,
                          stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL, start_new_session=True)
-        self.client = DBusRouter(self._connect("unix:path=" + self.path("/run/dbus/system_bus_socket")))
+        self.client = DBusRouter(self.connect())

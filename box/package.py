@@ -8,11 +8,10 @@ import shutil
 import subprocess
 import sys
 
-from box import CONFIG, ROOT, document_faults, wait_until
+from box import CONFIG, ROOT, document_faults, field_document, wait_until
 from fresh import FreshRoot, readme_steps
 
 DIRECTORY = os.path.join(ROOT, "build", "package")
-OLD_DOCUMENT = os.path.join(ROOT, "tests", "boxes", "08.05.01.json")
 
 
 def step(text):
@@ -49,7 +48,7 @@ def main():
         root.start_system()
         log_service, = (each for each in readme_steps() if "syslogd-log" in each)
         root.sh(log_service + "echo 08.05.01 >/etc/version")
-        shutil.copy(OLD_DOCUMENT, root.path(CONFIG))
+        root.write(CONFIG, field_document("08.05.01"), owner="root")
         install(root, one_before(package))
         wait_until(root.serving, "the daemon serves")
         old = root.config()

@@ -17,10 +17,6 @@ import console
 from box import HERE, BoxError, u
 from console import Refusal
 
-CENTRAL = ("/ws/centralstorage", "com.kelvanto.nimbrel.centralstorage")
-SHARES = ("/ws/nas/fileservices", "com.kelvanto.nimbrel.nas.fileservices")
-STREAMING = ("/ws/dlna", "com.kelvanto.nimbrel.dlna")
-SSH = "Device.X_KELVANTO-COM_DeviceManagement.SSH."
 KEPT = 600  # lines that a page gets when it opens
 LISTED = re.compile(r"  (.*?) +([A-Z]*) +(\d+)  \w{3} \w{3} [ \d]\d [\d:]{8} \d{4}")
 
@@ -63,24 +59,22 @@ def sockets(box):
 
 
 def switches(box):
-    (central,) = box.call(*CENTRAL, "GetState")
-    (streaming,) = box.call(*STREAMING, "getMediaStreamingState")
+    streaming = json.loads(box.ask("getMediaStreamingState"))
     protection = credentials(box)
-    return {"central": central, "streaming": json.loads(streaming)["data"]["mediaStreamingEnabled"],
+    return {"central": box.ask("GetState"), "streaming": streaming["data"]["mediaStreamingEnabled"],
             "protection": protection["enabled"], "username": protection["username"]}
 
 
 def credentials(box):
-    return json.loads(json.loads(box.call(*SHARES, "getCredentialsForUserShares")[0]))
+    return json.loads(json.loads(box.ask("getCredentialsForUserShares")))
 
 
 def ssh(box):
     """The switch, the minutes and the end of the activation that runs, if one does."""
-    enabled, minutes, date = (box.data_model("GetValue", SSH + name)
-                              for name in ("Enable", "ActivationDuration", "ActivationDate"))
-    start = time.mktime(time.strptime(date[0], "%Y-%m-%dT%H:%M:%SZ")) if date and date[0] else None
-    return {"enabled": enabled[0], "minutes": minutes[0], "flavour": box.flavour,
-            "end": start and minutes[0] and start + 60 * minutes[0], "running": start is not None}
+    enabled, minutes, date = (box.get("SSH." + name) for name in ("Enable", "ActivationDuration", "ActivationDate"))
+    start = time.mktime(time.strptime(date, "%Y-%m-%dT%H:%M:%SZ")) if date else None
+    return {"enabled": enabled, "minutes": minutes, "flavour": box.flavour,
+            "end": start and minutes and start + 60 * minutes, "running": start is not None}
 
 
 def viewers(box):
@@ -121,8 +115,8 @@ def parameters(box):
     """The agent's parameters: name, short name, value, what went wrong, whether it can be written."""
     def row(name):
         command = "get" if name in console.PARAMETERS["get"] else "object"
-        reply, fault = console.attempt(box, lambda: console.parameter(command, box, name))
-        return [name, console.short(name), reply[0] if reply else None, fault, name in console.PARAMETERS["set"]]
+        reply, fault = console.attempt(box, lambda: console.parameter(command, box, name)[0])
+        return [name, console.short(name), reply, fault, name in console.PARAMETERS["set"]]
     return [row(name) for name in sorted(console.NAMES, key=lambda name: console.short(name).lower())]
 
 
@@ -148,23 +142,23 @@ def pull(box, name):
 
 def switch(box, name, on, username="", password=""):
     if name == "central":
-        box.call(*CENTRAL, "SetState", bool(on))
+        box.ask("SetState", bool(on))
     elif name == "streaming":
-        box.call(*STREAMING, "setMediaStreamingState", bool(on))
+        box.ask("setMediaStreamingState", bool(on))
     elif name == "ssh":
-        console.parameter("set", box, SSH + "Enable", "true" if on else "false")
+        console.parameter("set", box, "SSH.Enable", "true" if on else "false")
     elif name == "protection" and on:
-        box.call(*SHARES, "updateCredentialsForUserShares", True, username, password)
+        box.ask("updateCredentialsForUserShares", True, username, password)
         if credentials(box) != {"enabled": True, "username": username, "password": password}:
             raise Refusal("the daemon did not take that name and password; its log says why")
     elif name == "protection":
-        box.call(*SHARES, "changeStateCredentialsForUserShares", False)
+        box.ask("changeStateCredentialsForUserShares", False)
 
 
 def write(box, key, value):
     if key not in console.PARAMETERS["set"] or type(value) is int and not 0 <= value < 2**32:
         raise Refusal(f"{key} does not take {value!r}")
-    if box.data_model("SetValue", key, u(value) if type(value) is int else value) != (True,):
+    if not box.set(key, u(value) if type(value) is int else value):
         raise Refusal(f"{console.short(key)} did not take that; the log may say why")
 
 

@@ -8,6 +8,10 @@ from jeepney import HeaderFields, MessageType
 from jeepney.io.threading import ReceiveStopped
 
 
+class BoxError(Exception):
+    """The box itself, or something that a test relies on, did not come about."""
+
+
 class BusError(Exception):
     """An error reply: its name and text."""
 
@@ -27,6 +31,16 @@ class u(int):
 
 class i(int):
     """A signed 32-bit argument."""
+
+
+def wait_until(condition, what, timeout=30):
+    """The first true value of `condition`, asked every few milliseconds."""
+    deadline = time.monotonic() + timeout
+    while not (value := condition()):
+        if time.monotonic() > deadline:
+            raise BoxError(f"not within {timeout} s: {what}")
+        time.sleep(0.02)
+    return value
 
 
 def signature_of(args):
@@ -77,11 +91,7 @@ class View:
 
     def wait_calls(self, member, count=1, timeout=30):
         """Waits for that many calls of the member and returns them."""
-        deadline = time.monotonic() + timeout
-        while len(self.calls(member)) < count:
-            if time.monotonic() > deadline:
-                raise NoReply(f"{len(self.calls(member))} calls of {member}, not {count}")
-            time.sleep(0.02)
+        wait_until(lambda: len(self.calls(member)) >= count, f"{count} calls of {member}", timeout)
         return self.calls(member)
 
     def answer(self, member, *values):

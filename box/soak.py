@@ -15,22 +15,14 @@ import sys
 import threading
 import time
 
-from box import Box, BoxError, BusError, NoReply, ROOT, u, wait_until
+from box import STAND_INS, Box, BoxError, BusError, NoReply, ROOT, u, wait_until, tree
 
-DEVICE = "Device.X_KELVANTO-COM_DeviceManagement."
-SERVICES = ("/ws/nas/fileservices", "com.kelvanto.nimbrel.nas.fileservices")
-CENTRAL = ("/ws/centralstorage", "com.kelvanto.nimbrel.centralstorage")
 # Values that are read back: their place in the document.
-TEXTS = {"Device.DeviceInfo.ProvisioningCode": ("cpeDevice", "deviceInfo", "provisioningCode"),
-         DEVICE + "MinimumFWVersion": ("upgradeConfig", "minimumFirmwareVersion"),
-         DEVICE + "SSH.AuthorizedKey": ("ssh", "authorizedKey")}
+TEXTS = {row.name: row.config_path.split(".") for row in tree.parameters()
+         if row.name.endswith(("DeviceInfo.ProvisioningCode", "MinimumFWVersion", "SSH.AuthorizedKey"))}
+CODE = "Device.DeviceInfo.ProvisioningCode"
 PEERS = {"ddm": ["DeviceList", "PartitionList", "IsDiskSleepEnabled"], "lcd": ["addEvent", "clearEvent"],
          "agent": ["set"], "dlna": ["DmsStreamingState"], "hardware": ["HardwareInfoRequest"]}
-SCRIPTS = {name: "/usr/bin/scripts/" + path + name for path, name in [
-    ("", "firewallctl"), ("", "remove_afp_cnid_dir.sh"), ("ssh/", "set_auth_key.sh"),
-    ("firewall/", "set_port_forwarding.sh"), ("firewall/", "delete_port_forwarding.sh"),
-    ("vpn/", "updateConfig.sh"), ("vpn/", "getPortForwardingStatus.sh"), ("vpn/", "getConnectedDevices.sh")]}
-COMMANDS = {**SCRIPTS, "s6-rc": "/usr/bin/s6-rc", "dmesg": "/usr/bin/dmesg"}
 CUTS = 30
 
 
@@ -60,7 +52,7 @@ class Soak:
     def set_text(self):
         key, value = self.random.choice(list(TEXTS)), self.new_value()
         self.kept[key] = None
-        if self.box.data_model("SetValue", key, value, timeout=5) == (True,):
+        if self.box.set(key, value, timeout=5):
             self.kept[key] = value
 
     def plug(self):
@@ -74,30 +66,29 @@ class Soak:
 
     def act(self):
         box, choice, flag = self.box, self.random.choice, self.random.random() < 0.5
-        call = functools.partial(box.call, timeout=5)
-        set_value = functools.partial(box.data_model, "SetValue", timeout=5)
+        call = functools.partial(box.ask, timeout=5)
+        set_value = functools.partial(box.set, timeout=5)
         acts = [
             self.set_text, self.set_text, self.plug, self.plug,
-            lambda: call(*SERVICES, "setState", json.dumps(
+            lambda: call("setState", json.dumps(
                 {"service": choice(["Samba", "AFP", "Avahi"]), "enabled": flag})),
-            lambda: call(*CENTRAL, "SetState", flag),
-            lambda: call(*SERVICES, "updateCredentialsForUserShares", flag, "alice", "passw0rd"),
-            lambda: call("/ws/dlna", "com.kelvanto.nimbrel.dlna", "setMediaStreamingState", flag),
-            lambda: set_value(DEVICE + "SSH.Enable", flag),
-            lambda: set_value(DEVICE + "SSH.ActivationDuration", u(choice([0, 1, 60]))),
-            lambda: set_value(DEVICE + "VPN.GlobalEnable", flag),
-            lambda: set_value(DEVICE + "ProvisioningState", choice(["ready", "asked"])),
-            lambda: call("/ws/vpn", "com.kelvanto.nimbrel.vpn", "updateConfig", flag, "bob", "passw0rd",
-                         "presharedk3y"),
-            lambda: call("/ws/vpn", "com.kelvanto.nimbrel.vpn", "getConfig"),
-            lambda: set_value(DEVICE + "Syslog.Persistent", flag),
-            lambda: set_value(DEVICE + "SerialConsole.LoginEnabled", flag),
-            lambda: call("/debug/segfault", "com.kelvanto.nimbrel.debug.segfault", "AddDump", "smbd"),
-            lambda: call("/backup", "com.kelvanto.nimbrel.backup", "store", "/tmp/backup"),
-            lambda: call("/ws/nas/devices", "com.kelvanto.nimbrel.nas.devices", "list"),
-            lambda: box.data_model("GetObject", "Device.StorageService.1.PhysicalMedium.1", timeout=5),
+            lambda: call("SetState", flag),
+            lambda: call("updateCredentialsForUserShares", flag, "alice", "passw0rd"),
+            lambda: call("setMediaStreamingState", flag),
+            lambda: set_value("SSH.Enable", flag),
+            lambda: set_value("SSH.ActivationDuration", u(choice([0, 1, 60]))),
+            lambda: set_value("VPN.GlobalEnable", flag),
+            lambda: set_value("ProvisioningState", choice(["ready", "asked"])),
+            lambda: call("updateConfig", flag, "bob", "passw0rd", "presharedk3y"),
+            lambda: call("getConfig"),
+            lambda: set_value("Syslog.Persistent", flag),
+            lambda: set_value("SerialConsole.LoginEnabled", flag),
+            lambda: call("AddDump", "smbd"),
+            lambda: call("store", "/tmp/backup"),
+            lambda: call("devices.list"),
+            lambda: box.object("StorageService.1.PhysicalMedium.1", timeout=5),
             lambda: box.signal("com.kelvanto.systemcalls", "IPAddressChanged"),
-        ] + [lambda: box.data_model("GetValue", "Device.DeviceInfo.SoftwareVersion", timeout=5)] * 20
+        ] + [lambda: box.get("DeviceInfo.SoftwareVersion", timeout=5)] * 20
         with contextlib.suppress(BusError, NoReply):
             choice(acts)()
         self.operations += 1
@@ -130,14 +121,14 @@ class Soak:
         wait_until(box.serving, "the daemon serves", 60)
         for key in TEXTS:
             self.kept[key] = self.new_value()
-            if box.data_model("SetValue", key, self.kept[key], timeout=60) != (True,):
+            if not box.set(key, self.kept[key], timeout=60):
                 self.find(f"{key} cannot be set")
         for name in "Samba", "AFP", "Avahi":
-            box.call(*SERVICES, "setState", json.dumps({"service": name, "enabled": True}), timeout=60)
+            box.ask("setState", json.dumps({"service": name, "enabled": True}), timeout=60)
         if "z" not in box.disks:
             box.plug("z", partitions=[{"mount_point": "/mnt/z1"}])
-        box.call(*CENTRAL, "SetState", False, timeout=60)
-        box.call(*CENTRAL, "SetState", True, timeout=60)
+        box.ask("SetState", False, timeout=60)
+        box.ask("SetState", True, timeout=60)
         for service in "nmbd", "smbd", "netatalk", "avahi":
             try:
                 wait_until(lambda: box.is_up(service), service, 90)
@@ -191,8 +182,8 @@ class Soak:
 
     @contextlib.contextmanager
     def command_fault(self, kind):
-        name = self.random.choice(list(COMMANDS))
-        path = self.box.path(COMMANDS[name])
+        name = self.random.choice(list(STAND_INS))
+        path = self.box.path(STAND_INS[name])
         if kind == "missing":
             os.rename(path, path + ".gone")
         else:
@@ -228,14 +219,14 @@ class Soak:
 
     def kill_during_save(self):
         """A signal that nobody can catch, at some moment of a save."""
-        key, value = "Device.DeviceInfo.ProvisioningCode", self.new_value()
+        key, value = CODE, self.new_value()
         before = self.kept.get(key)
         pid = self.box.daemon_pid()
         killer = threading.Timer(self.random.random() * 0.01, os.kill, (pid, signal.SIGKILL))
         killer.start()
         answered = False
         with contextlib.suppress(BusError, NoReply):
-            answered = self.box.data_model("SetValue", key, value, timeout=10) == (True,)
+            answered = self.box.set(key, value, timeout=10)
         killer.join()
         self.kills += 1
         saved = self.stored(self.box.config(), key)
@@ -314,8 +305,8 @@ class Soak:
                            "FAKETIME_NO_CACHE": "1", "FAKETIME_DONT_FAKE_MONOTONIC": "1"}
         box.start_daemon()
         for offset in "+10d", "-10d":
-            box.data_model("SetValue", DEVICE + "SSH.ActivationDuration", u(1))
-            box.data_model("SetValue", DEVICE + "SSH.Enable", True)
+            box.set("SSH.ActivationDuration", u(1))
+            box.set("SSH.Enable", True)
             box.write("/run/box/clock", offset, 0o644)
             wait_until(lambda: box.config()["ssh"]["enable"] is False, "the activation ends in time", 75)
             self.check_service()

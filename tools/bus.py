@@ -1,14 +1,11 @@
 #!/usr/bin/python3
-"""Writes docs/bus.md, the reference of the bus, from the installed descriptions: bus.py [--check]. With --check
-nothing is written: a line for each thing in which the pages of the bus and the sources differ."""
-import pathlib
-import re
-import sys
+"""Writes docs/bus.md, the reference of the bus, from the installed descriptions: bus.py [--check [TREE]]. With
+--check nothing is written: a line for each thing in which the pages of the bus and the sources differ."""
 import textwrap
-import xml.etree.ElementTree as ElementTree
 
-TREE = pathlib.Path(__file__).resolve().parent.parent
-PAGE, PARAMETERS = "docs/bus.md", "docs/parameters.md"
+import tree
+
+PAGE = "docs/bus.md"
 INTRODUCTION = """# The bus
 
 Every object, method, argument, answer and silence, as the daemon's own descriptions in `data/interfaces/` have
@@ -27,58 +24,31 @@ may use what, the installed bus policy says ([SECURITY.md](../SECURITY.md)).
 """
 
 
-def methods(path):
-    """(name, takes, gives, for wrong arguments, meaning) of each method of a description."""
-    parser = ElementTree.XMLParser(target=ElementTree.TreeBuilder(insert_comments=True))
-    said = ""
-    for element in ElementTree.parse(path, parser).getroot().find("interface"):
-        if element.tag is ElementTree.Comment:
-            said = " ".join(element.text.split())
-        else:
-            args = [[f"`{arg.get('type')}` {arg.get('name')}" for arg in element.findall("arg")
-                     if arg.get("direction") == way] for way in ("in", "out")]
-            yield (element.get("name"), *map(", ".join, args), element.find("annotation").get("value"), said)
-            said = ""
+def row(method):
+    takes, gives = (", ".join("a value" if kind == "v" else f"`{kind}` {name}" for kind, name in args)
+                    for args in (method.takes, method.gives))
+    return f"| `{method.name}` | {takes} | {gives} | {method.wrong} | {method.meaning} |\n"
 
 
-def page():
+def page(root):
     text = INTRODUCTION
-    for path in sorted((TREE / "data" / "interfaces").glob("*.xml")):
-        description = path.read_text()
-        about = re.search("<!-- (.*?) -->\n<node", description, re.S)[1]
-        node, = re.findall('<node name="(.*?)"', description)
-        text += f"\n## `{path.stem}`\n\nObject `{node}`. {textwrap.fill(' '.join(about.split()), 110)}\n\n"
+    for interface in tree.interfaces(root):
+        about = textwrap.fill(interface.about, 110)
+        text += f"\n## `{interface.name}`\n\nObject `{interface.path}`. {about}\n\n"
         text += "| method | takes | gives | wrong arguments | meaning |\n|---|---|---|---|---|\n"
-        for name, takes, gives, wrong, meaning in methods(path):
-            if path.stem.endswith(".datamodel"):  # of any of four types: the description cannot say so
-                takes += ", a value" * (name == "SetValue")
-                gives = gives or "a value"
-            text += f"| `{name}` | {takes} | {gives} | {wrong} | {meaning} |\n"
-        if path.stem.endswith(".datamodel"):
+        text += "".join(map(row, interface.methods))
+        if interface.name.endswith(".datamodel"):
             text += "\n[parameters.md](parameters.md) has the parameters.\n"
     return text
 
 
-def parameter_rows():
-    """(name, the rest of its row) of each parameter in the daemon's table; %u stands for an index."""
-    source = (TREE / "src" / "datamodel" / "datamodel.cpp").read_text()
-    return re.findall(r'\{\.name(?:_format)? = "([^"]+)"([^}]*)\}', source)
-
-
-def faults():
-    if (TREE / PAGE).read_text() != page():
+def faults(root):
+    if (root / PAGE).read_text() != page(root):
         yield f"{PAGE} is not what tools/bus.py writes"
-    table = [(name.replace("%u", "*"), "yes" if re.search(r"\.set =|config_writable", row) else "no")
-             for name, row in parameter_rows()]
-    told = re.findall(r"^\| `([\w.*-]+)` \| [^|]* \| (\w+) \|", (TREE / PARAMETERS).read_text(), re.M)
-    told = [(name if name.startswith("Device.") else "Device.X_KELVANTO-COM_DeviceManagement." + name, writable)
-            for name, writable in told]
-    for row in table + told:
-        if row not in table or row not in told:
-            yield f"{PARAMETERS} and src/datamodel/datamodel.cpp differ about {row[0]}, settable: {row[1]}"
+    table = {(row.name, row.set) for row in tree.parameters(root)}
+    for name, settable in sorted(table ^ {(name, settable) for name, _, settable in tree.told_parameters(root)}):
+        yield f"{tree.PARAMETERS} and src/datamodel/datamodel.cpp differ about {name}, settable: {settable}"
 
 
 if __name__ == "__main__":
-    if sys.argv[1:] == ["--check"]:
-        sys.exit("\n".join(faults()) or None)
-    (TREE / PAGE).write_text(page())
+    tree.run(faults, PAGE, page)

@@ -1,15 +1,14 @@
 #!/usr/bin/python3
-"""Writes docs/document.md, the reference of the configuration document, from its schema: document.py [--check].
-With --check nothing is written: a line for each thing in which schema, page, default and sources differ."""
+"""Writes docs/document.md, the reference of the configuration document, from its schema: document.py [--check
+[TREE]]. With --check nothing is written: a line for each thing in which schema, page, default and sources differ."""
 import json
-import pathlib
 import re
-import sys
 import textwrap
 
 from jsonschema import Draft202012Validator
 
-TREE = pathlib.Path(__file__).resolve().parent.parent
+import tree
+
 SCHEMA, DEFAULT, PAGE = "data/nimbrelc.schema.json", "data/default_config/nimbrelc.json", "docs/document.md"
 TEXTS = "description", "x-writer", "x-wrong"
 TABLE = "\n\n| member | kind | default | meaning | written by | missing or wrong |\n|---|---|---|---|---|---|\n"
@@ -44,7 +43,8 @@ def row(name, member):
     return f"| `{name}` | {kind} | {default} | " + " | ".join(member[text] for text in TEXTS) + " |\n"
 
 
-def page(schema):
+def page(root):
+    schema = json.loads((root / SCHEMA).read_text())
     text = "# The configuration document\n\n"
     for line in schema["description"].split("\n"):
         text += textwrap.fill(line, 110, subsequent_indent="  " if line.startswith("- ") else "") + "\n"
@@ -57,8 +57,8 @@ def page(schema):
     return text
 
 
-def faults(schema):
-    default = json.loads((TREE / DEFAULT).read_text())
+def faults(root):
+    schema, default = (json.loads((root / name).read_text()) for name in (SCHEMA, DEFAULT))
     for error in Draft202012Validator(schema).iter_errors(default):
         yield f"{DEFAULT}: {error.json_path}: {error.message}"
     known = {section + name: member for section, name, member in members(schema)}
@@ -66,8 +66,8 @@ def faults(schema):
     for path, value in sorted({*told} ^ {*leaves(default)}):
         yield f"{path} is {value} in only one of {SCHEMA} and {DEFAULT}"
     # Paths in the sources stand in the schema; names and quoted texts of the schema stand in the sources.
-    texts = {file: file.read_text() for file in (TREE / "src").rglob("*.[ch]*")}
-    running = "".join(text for file, text in texts.items() if file.parent.name != "migration")
+    texts = {file: file.read_text() for file in (root / "src").rglob("*.[ch]*")}
+    running = "".join(text for file, text in texts.items() if "migration" not in file.parts)
     for path in re.findall(rf'" ?((?:{"|".join(schema["properties"])})[. ][\w. ]+)"', running):
         if path.replace(" ", ".") not in {*known, *ELSEWHERE}:
             yield f"{path} stands in the sources, not in {SCHEMA}"
@@ -77,14 +77,13 @@ def faults(schema):
     for text in sorted({*names, *re.findall(r'["`](.+?)["`]', said)}):
         if text not in source:
             yield f"{text} stands in {SCHEMA}, not in the sources"
-    for name in re.findall(r'name = "Device\.(?:X_[\w-]+\.)?([\w.]+)",\s*\.config_key', source):
-        if f"`{name}`" not in said:
+    for row in tree.parameters(root):
+        name = row.name.removeprefix(tree.MAKER).removeprefix(tree.DEVICE)
+        if row.config_path and f"`{name}`" not in said:
             yield f"The agent's parameter {name} is not in {SCHEMA}"
-    if (TREE / PAGE).read_text() != page(schema):
+    if (root / PAGE).read_text() != page(root):
         yield f"{PAGE} is not what tools/document.py writes"
 
 
-schema = json.loads((TREE / SCHEMA).read_text())
-if sys.argv[1:] == ["--check"]:
-    sys.exit("\n".join(faults(schema)) or None)
-(TREE / PAGE).write_text(page(schema))
+if __name__ == "__main__":
+    tree.run(faults, PAGE, page)

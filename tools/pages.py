@@ -1,17 +1,10 @@
 #!/usr/bin/python3
 """Holds what the pages say against the code: pages.py --check [TREE]. A line for each fault."""
-import pathlib
 import re
 import shlex
-import sys
 
 import rooms
-
-TREE = pathlib.Path(*sys.argv[2:3] or [pathlib.Path(__file__).parents[1]])
-
-
-def read(name):
-    return (TREE / name).read_text()
+import tree
 
 
 def literals(code):
@@ -30,16 +23,20 @@ def allowed(rule):
     return pattern.replace(' ""', "").replace(" ^", " ").rstrip("$").replace("\\,", ",")
 
 
-def faults():
-    log, platform, known, logged = read("docs/log.md"), read("docs/platform.md"), [], {}
-    for path in (TREE / "src").rglob("*.*"):
+def faults(root):
+    def read(name):
+        return (root / name).read_text()
+
+    log, platform, known, logged, for_others = read("docs/log.md"), read("docs/platform.md"), [], {}, []
+    for path in (root / "src").rglob("*.*"):
         known += literals(read(path))
+        for_others += sum(map(literals, re.findall(r"LOG_FOR\(.*?\);", read(path), re.S)), [])
         if category := re.search('log_category = "(.+)"', read(path)):
             logged.setdefault(category[1], []).extend(literals(read(path)))
-            room = path.parent.relative_to(TREE / "src")
+            room = rooms.room_of(str(path.relative_to(root / "src")))
             if not re.search(rf"^\| `{category[1]}` \|.*`{room}`.*\|.*`{path.stem}`", log, re.M):
                 yield f"docs/log.md: no row of the categories has {category[1]}, {room}, {path.stem}"
-    quotes = [(text, sum((logged.get(category, []) for category in spans(under)), []), f"docs/log.md, {under}")
+    quotes = [(text, sum((logged.get(category, []) for category in spans(under)), for_others), f"docs/log.md, {under}")
               for texts, under in re.findall(r"^\| (?:→ )?(`[^|]*) \| (`[^|]*) \| [^|]*\|$", log, re.M)
               for text in spans(texts)]
     quotes += [(text, known, "docs/log.md") for text in spans(log) if re.match("[A-Z].* ", text)]
@@ -54,8 +51,7 @@ def faults():
     names, named = (set(re.findall(r"com\.kelvanto(?:\.\w+)+", text)) for text in ("\n".join(known), platform))
     yield from (f"docs/platform.md: not there, or there alone: {one}"
                 for one in [*({*rules, *lines} - {one for pair in pairs for one in pair}), *(names ^ named)])
-    arrows = {(rooms.room_of(file), rooms.room_of(name))
-              for file, rows in rooms.includes_of(TREE / "src").items() for _, name in rows}
+    arrows = {(rooms.room_of(file), rooms.room_of(name)) for file, _, name in rooms.includes(root)}
     picture = read("ARCHITECTURE.md").split("```mermaid\nflowchart")[1].split("```")[0]
     room = dict(re.findall(r'^ +(\w+)\["([\w/]+)', picture, re.M))
     drawn = {(room.get(left), room.get(right)) for ends in re.findall(r"(\w.*) --> (.*)", picture)
@@ -67,4 +63,4 @@ def faults():
 
 
 if __name__ == "__main__":
-    sys.exit("\n".join(sorted(faults())) or 0)
+    tree.run(faults)

@@ -2,8 +2,6 @@
 from box import staged, wait_until
 from fresh import FreshRoot, readme_steps
 
-BUS = ("/org/freedesktop/DBus", "org.freedesktop.DBus", "NameHasOwner")
-
 
 def test_the_steps_of_the_readme(build):
     with FreshRoot() as root:
@@ -14,7 +12,7 @@ def test_the_steps_of_the_readme(build):
         wait_until(root.serving, "the daemon serves")
         assert not root.exists("/media/nimbrelc.json.refused")
         for name in ("com.kelvanto.nimbrel", "com.kelvanto.pamauth", "com.kelvanto.nssauth", "com.kelvanto.firmware"):
-            assert root.call(*BUS, name, name="org.freedesktop.DBus") == (True,)
+            assert root.ask("getApplicationStatus", name=name)
         assert root.sh("s6-svdt /run/service/nimbrelc") == ""  # at the first attempt
         # What was given to the logger, and an end that nobody asked for.
         root.sh("echo enabled=true:file=yes:file.name=/tmp/nimbrel/log:level=debug >/run/service/nimbrelc/logging")

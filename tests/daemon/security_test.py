@@ -69,7 +69,7 @@ def test_secrets_are_for_the_daemon_alone(box):
     assert facts(box, "/media/nimbrelc.json") == ("-rw-------", 7001)
     box.call("/ws/nas/fileservices", "com.kelvanto.nimbrel.nas.fileservices",
              "updateCredentialsForUserShares", True, "alice", "passw0rd")
-    box.data_model("SetValue", "Device.X_KELVANTO-COM_DeviceManagement.SerialConsole.LoginPassword", "x")
+    box.set("SerialConsole.LoginPassword", "x")
     box.plug("sda")
     box.wait_up("smbd")
     for path in ("/media/nimbrelc.json", "/media/serial_login_password",
@@ -96,8 +96,7 @@ def test_secrets_are_for_the_daemon_alone(box):
 
 
 def test_signals_count_only_from_their_real_senders(box):
-    box.edit_config(lambda config: config["vpn"].update(globalEnable=True))
-    box.start_daemon()
+    box.start_daemon(vpn={"globalEnable": True})
     box.wait_log("is not running - fine", count=3)
     box.wait_log("DMS manager configuration delivered successfully")
     before = len(box.sudo()), len(box.log())

@@ -1,14 +1,12 @@
 """Encrypted backup of the settings and restoring it, with another tool at the other end of the file."""
 import hashlib
 import json
-import os
 import subprocess
 
 import pytest
 
-from box import wait_until
+from box import CONFIG, field_document, wait_until
 
-BOXES = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "boxes")
 KEY = hashlib.sha1(b"7v!n5&s7").digest()[:16].hex()
 FILE = "/tmp/settings.backup"
 
@@ -18,17 +16,13 @@ def openssl(data, *direction, key=KEY):
                           stdout=subprocess.PIPE, check=True).stdout
 
 
-def backup(box, method, *args, **options):
-    return box.call("/backup", "com.kelvanto.nimbrel.backup", method, *args, **options)
-
-
 def read_backup(box, path=FILE):
     with open(box.path(path), "rb") as file:
         return json.loads(openssl(file.read(), "-d"))
 
 
-def write_backup(box, text):
-    box.write(FILE, openssl(text.encode() if isinstance(text, str) else json.dumps(text).encode()))
+def write_backup(box, content):
+    box.write(FILE, openssl(json.dumps(content).encode()))
 
 
 def wait_restart(box, ends=1):
@@ -37,23 +31,19 @@ def wait_restart(box, ends=1):
     wait_until(box.serving, "the supervisor brings it back")
 
 
-def document():
-    with open(os.path.join(BOXES, "08.05.09.json"), encoding="utf-8") as file:
-        return json.load(file)
-
-
-def start(box, wanted):
-    box.edit_config(lambda config: (config.clear(), config.update(wanted)))
+@pytest.fixture
+def family(box):
+    box.write(CONFIG, field_document("08.05.09"))
     box.start_daemon()
+    return box
 
 
 @pytest.mark.sanitize
 @pytest.mark.both_flavours
-def test_settings_move_to_another_box(box):
-    start(box, document())
-    assert backup(box, "store", FILE) == ()
+def test_settings_move_to_another_box(family):
+    box, old = family, field_document("08.05.09")
+    assert box.ask("store", FILE) is None
     stored = read_backup(box)
-    old = document()
     assert stored["version"] == "08.05.09"
     assert list(stored["config"].items()) == [
         ("centralStorage.enabled", True), ("dlna.mediaStreamingEnabled", True), ("devices.usbMode", "host"),
@@ -66,22 +56,17 @@ def test_settings_move_to_another_box(box):
 
     # Another box: other settings, and no "devices" section at all.
     box.stop_daemon()
-    other = document()
-    other["storage"] = {"enabled": False, "username": "", "password4": ""}
-    other["vpn"].update(username="", password4="", presharedkey4=None)
-    other["nas"]["fileServices"]["samba"].update(enabled=False)
-    del other["devices"]
-    start(box, other)
-    assert backup(box, "restore", FILE) == (True,)
-    expected = dict(old)
-    del expected["devices"]
-    expected["ssh"] = box.config()["ssh"]  # a devel box dates every activation
-    assert box.config() == expected
+    box.edit_config(lambda config: config.pop("devices"))
+    box.start_daemon(storage={"enabled": False, "username": "", "password4": ""},
+                     vpn={"username": "", "password4": "", "presharedkey4": None},
+                     nas={"fileServices": {"samba": {"enabled": False}}})
+    assert box.ask("restore", FILE) is True
+    del old["devices"]
+    old["ssh"] = box.config()["ssh"]  # a devel box dates every activation
+    assert box.config() == old
     box.wait_log("No field devices.usbMode in nimbrelc configuration")
     wait_restart(box)
-    auth = box.call("/com/kelvanto/pam", "com.kelvanto.authentification", "AuthRequest",
-                    "family", "photos2024", name="com.kelvanto.pamauth")
-    assert auth == (1,)
+    assert box.ask("AuthRequest", "family", "photos2024") == 1
 
 
 def test_a_medium_without_owners(box):
@@ -90,58 +75,51 @@ def test_a_medium_without_owners(box):
              "--perms=a=rwX --chmod-ignore --chown-ignore /media /media"])
     box.start_daemon()
     for _ in range(2):
-        backup(box, "store", "/media/backup")
+        box.ask("store", "/media/backup")
         assert read_backup(box, "/media/backup")["version"] == "08.05.09"
-    key = "Device.X_KELVANTO-COM_DeviceManagement.MinimumFWVersion"
-    assert box.data_model("SetValue", key, "08.05.01") == (True,)
+    assert box.set("MinimumFWVersion", "08.05.01")
     box.run(["s6-svc", "-k", "/run/service/nimbrelc"])
     wait_until(box.exits, "the daemon is gone")
     wait_until(box.serving, "the supervisor brings it back")
-    assert box.data_model("GetValue", key) == ("08.05.01",)
+    assert box.get("MinimumFWVersion") == "08.05.01"
 
 
 @pytest.mark.sanitize
-def test_files_that_cannot_be_restored(box):
-    start(box, document())
-    pid = box.daemon_pid()
-    before = box.read("/media/nimbrelc.json")
-    assert backup(box, "store", FILE) == ()
+def test_files_that_cannot_be_restored(family):
+    box, pid = family, family.daemon_pid()
+    before = box.read(CONFIG)
     for bad in [b"", openssl(b"{}", key="00" * 16), openssl(b"no json")]:
         box.write(FILE, bad)
-        assert backup(box, "restore", FILE) == (False,)
+        assert box.ask("restore", FILE) is False
     box.run(["mkfifo", "-m", "666", "/tmp/pipe"])
     for path in ("/nowhere", "/tmp", "/dev/zero", "/tmp/pipe", ""):
-        assert backup(box, "restore", path) == (False,)
-        assert backup(box, "store", path) == ()
-    assert box.read("/media/nimbrelc.json") == before and box.daemon_pid() == pid
+        assert box.ask("restore", path) is False
+        assert box.ask("store", path) is None
+    assert box.read(CONFIG) == before and box.daemon_pid() == pid
 
 
-def test_odd_and_older_backups(box):
-    start(box, document())
+def test_odd_and_older_backups(family):
     # Valid JSON that is no backup ends the loop at once; what is stored stays as it was.
-    before = box.read("/media/nimbrelc.json")
+    box, before = family, family.config()
     write_backup(box, {"config": [1]})
     box.run(["s6-svc", "-uwu", "/run/service/avahi"])
-    assert backup(box, "restore", FILE) == (False,)
+    assert box.ask("restore", FILE) is False
     wait_restart(box)
-    box.wait_log("Bad backup file format")
     assert not box.is_up("avahi")  # the orderly end stops the file services
-    assert box.config() == json.loads(before)
+    assert box.config() == before
 
     # A backup of an older form has its secrets in plain text only.
     write_backup(box, {"version": "07.00.00", "config": {
         "storage.username": "grandma", "storage.password": "cookies-4-all", "vpn.password": ""}})
-    assert backup(box, "restore", FILE) == (True,)
+    assert box.ask("restore", FILE) is True
     wait_restart(box, ends=2)
-    config = box.config()
-    assert config["vpn"]["password4"] == ""
-    (quoted,) = box.call("/ws/nas/fileservices", "com.kelvanto.nimbrel.nas.fileservices",
-                         "getCredentialsForUserShares")
-    assert json.loads(json.loads(quoted)) == {"enabled": True, "username": "grandma", "password": "cookies-4-all"}
+    assert box.config()["vpn"]["password4"] == ""
+    assert json.loads(json.loads(box.ask("getCredentialsForUserShares"))) == {
+        "enabled": True, "username": "grandma", "password": "cookies-4-all"}
 
     # kept: on a full medium the answer is true all the same; the daemon starts anew with the old document.
     box.fill_medium()
     write_backup(box, {"config": {"storage.username": "nobody", "storage.password4": ""}})
-    assert backup(box, "restore", FILE) == (True,)
+    assert box.ask("restore", FILE) is True
     box.wait_log("Failed to save nimbrelc's configuration")
     assert box.config()["storage"]["username"] == "grandma"

@@ -1,24 +1,11 @@
 """The start-up migration: one run of the daemon with -m on documents of boxes in the field."""
 import json
-import os
 
 import pytest
 
-from box import document_faults
+from box import CONFIG, document_faults, field_document
 
-BOXES = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "boxes")
-CONFIG = "/media/nimbrelc.json"
 DEFAULT = "/opt/app/default_config/nimbrelc.json"
-
-
-def document(name):
-    with open(os.path.join(BOXES, name + ".json"), encoding="utf-8") as file:
-        return json.load(file)
-
-
-def put(box, installed, config):
-    box.write("/etc/version", installed + "\n")
-    box.write(CONFIG, config if isinstance(config, (str, bytes)) else json.dumps(config))
 
 
 def version_of(config):
@@ -26,23 +13,22 @@ def version_of(config):
 
 
 def migrate(box, installed, config, code=0):
-    put(box, installed, config)
+    """One run; whether it changed the document."""
+    box.write("/etc/version", installed + "\n")
+    box.write(CONFIG, config)
     before = box.read(CONFIG)
-    runs = box.log().count("NimbrelC stopped")
     assert box.migrate().returncode == code
-    box.wait_log("NimbrelC stopped", count=runs + 1)
     assert not box.exists(CONFIG + ".tmp")
-    if code:
-        assert box.read(CONFIG) == before  # a refusal leaves the file alone
+    assert not code or box.read(CONFIG) == before  # a refusal leaves the file alone
     return box.read(CONFIG) != before
 
 
 @pytest.mark.sanitize
 @pytest.mark.both_flavours
 def test_upgrades(box):
-    old = document("08.04.99")
+    old = field_document("08.04.99")
     for recorded in ("08.04.99", "08.05.01", "08.05.08"):
-        assert migrate(box, "08.05.09", document(recorded))
+        assert migrate(box, "08.05.09", field_document(recorded))
         config = box.config()
         assert version_of(config) == "08.05.09" and not document_faults(box.read(CONFIG))
         # The secrets moved as they were, under their current names alone.
@@ -57,13 +43,9 @@ def test_upgrades(box):
             assert config["ssh"]["activationDate"] is None
             assert config["vpn"]["lastConnectTimestamp"] == "2021-11-30T18:00:00Z"
             assert config["segfault"]["count"] == 0 and config["segfault"]["firmwareVersion"] is None
-        # The daemon serves with it, and the share's user gets in.
-        box.start_daemon()
-        auth = box.call("/com/kelvanto/pam", "com.kelvanto.authentification", "AuthRequest",
-                        "family", "photos2024", name="com.kelvanto.pamauth")
-        assert auth == (1,)
-        box.stop_daemon()
-
+    # The daemon serves with it, and the share's user gets in.
+    box.start_daemon()
+    assert box.ask("AuthRequest", "family", "photos2024") == 1
     log = box.log()
     assert log.count("Upgrade from 08.04.99 to 08.05.01 succeeded") == 1
     assert log.count("Upgrade from 08.05.08 to 08.05.09 succeeded") == 3
@@ -71,33 +53,29 @@ def test_upgrades(box):
 
 
 def test_versions_that_need_nothing(box):
-    for installed, recorded in [("08.05.09", "08.05.09"), ("08.05.09", "08.05.09a"),
-                                ("08.05.09b", "08.05.09")]:
-        config = document("08.05.09")
+    config = field_document("08.05.09")
+    # A null version counts as the installed one, in memory only.
+    for installed, recorded in [("08.05.09", "08.05.09"), ("08.05.09", "08.05.09a"), ("08.05.09b", "08.05.09"),
+                                ("08.05.09", None)]:
         config["cpeDevice"]["deviceInfo"]["softwareVersion"] = recorded
         assert not migrate(box, installed, config)
-    # A null version counts as the installed one, in memory only.
-    config["cpeDevice"]["deviceInfo"]["softwareVersion"] = None
-    assert not migrate(box, "08.05.09", config)
     # A newer firmware without a step of its own is only recorded, in full.
-    assert migrate(box, "08.06.00r", document("08.05.09"))
+    assert migrate(box, "08.06.00r", field_document("08.05.09"))
     assert version_of(box.config()) == "08.06.00r"
     # A missing version is older than every step.
     del config["cpeDevice"]["deviceInfo"]["softwareVersion"]
     assert migrate(box, "08.05.09", config)
-    assert "Configuration file does not contain version, assigning 07.70.13" in box.log()
+    box.wait_log("Configuration file does not contain version, assigning 07.70.13")
 
 
 @pytest.mark.sanitize
 def test_legacy_take_over(box):
-    legacy = document("legacy-config")
-    first = document("legacy-first-start")
-    box.write("/media/config.json", json.dumps(legacy))
+    legacy, first = field_document("legacy-config"), field_document("legacy-first-start")
+    box.write("/media/config.json", legacy)
     assert migrate(box, "08.05.09", first)
     config = box.config()
     assert not document_faults(box.read(CONFIG))
-    assert config["storage"] == {"enabled": True, "username": "grandma",
-                                 "password4": legacy["storage"]["password"]}
+    assert config["storage"] == {"enabled": True, "username": "grandma", "password4": legacy["storage"]["password"]}
     assert config["vpn"]["presharedkey4"] == legacy["vpn"]["presharedkey"]
     assert config["vpn"]["username"] == "tunnel" and config["vpn"]["enable"] is True
     assert config["nas"]["fileServices"]["samba"]["daemonConfig"]["serverName"] == "Cellar"
@@ -108,15 +86,13 @@ def test_legacy_take_over(box):
 
     box.write("/media/config.json", "{")
     assert not migrate(box, "08.05.09", first, code=1)
-    assert "Cannot copy old java config to new javaless config" in box.log()
     # A recorded version means that the legacy file is history.
-    assert not migrate(box, "08.05.09", document("08.05.09"))
+    assert not migrate(box, "08.05.09", field_document("08.05.09"))
 
 
 def test_downgrade(box):
-    default = document("default-of-08.05.01")
-    box.write(DEFAULT, json.dumps(default))
-    config = document("08.05.09")
+    default, config = field_document("default-of-08.05.01"), field_document("08.05.09")
+    box.write(DEFAULT, default)
     config["ssh"].update(enable=True)
     config["cpeDevice"]["deviceInfo"]["firstUseDate"] = None
     assert migrate(box, "08.05.01", config)
@@ -128,23 +104,20 @@ def test_downgrade(box):
     assert box.config() == default
     box.write(DEFAULT, "[")
     assert not migrate(box, "08.05.00", config, code=1)
-    assert "Cannot read default configuration file" in box.log()
 
 
 @pytest.mark.sanitize
 def test_damaged_documents_are_refused_untouched(box):
-    good = json.dumps(document("08.04.99"))
+    good = json.dumps(field_document("08.04.99"))
     for config in ["", '{"cpeDevice":{"deviceInfo":[]}}', good.replace("08.04.99", "8.4.99")]:
         migrate(box, "08.05.09", config, code=1)
     for installed in ("", "latest"):
         migrate(box, installed, good, code=1)
-    for text in ("Cannot find deviceInfo section in configuration file", "Migration failed",
-                 "Version in /etc/version has wrong format: latest",
+    for text in ("Migration failed", "Version in /etc/version has wrong format: latest",
                  "Version in /media/nimbrelc.json has wrong format: 8.4.99"):
-        assert text in box.log()
+        box.wait_log(text)
     # A full medium: the old document stays whole.
-    put(box, "08.05.09", good)
+    box.write("/etc/version", "08.05.09\n")
     box.fill_medium()
     assert box.migrate().returncode == 1
     assert box.read(CONFIG) == good
-    box.wait_log("Error saving migrated config")

@@ -3,14 +3,6 @@ import json
 
 from box import u
 
-STICK = json.dumps({"Internet backup stick in wrong port": {"en": "Stick"}})
-
-
-def start(box, locales):
-    box.write("/opt/app/locales.json", locales)
-    box.start_daemon()
-    box.wait_log("Partition list received")
-
 
 def show(box, key, device_type="LTE", connection_type="USB"):
     box.disk_signal("DeviceAttached", {"syspath": key, "device_type": device_type,
@@ -21,29 +13,23 @@ def dismiss(box, key):
     box.disk_signal("DeviceDetached", {"syspath": key, "device_type": "LTE"})
 
 
-def test_texts_go_out_in_the_order_of_the_file(box):
-    start(box, json.dumps({
+def test_messages_are_shown_and_cleared_by_key(box):
+    box.write("/opt/app/locales.json", json.dumps({
         "Internet backup stick in wrong port": {"fr": "Clé \"mal\"", "en": "Wrong port", "xx": None, "yy": 5},
-        "Unsupported USB device attached": {},
-        "Unsupported SD device attached": "no languages",
-    }))
-    show(box, "/s", "UNRECOGNIZED", "SD")
-    box.wait_log("Failed to find proper locale object for event id: ")
-    show(box, "/s")
-    show(box, "/u", "UNRECOGNIZED")
-    assert [call[1] for call in box.peer("lcd").wait_calls("addEvent", 2)] == [
-        '[{"Language":"fr","Description":"Clé \\"mal\\""},{"Language":"en","Description":"Wrong port"},'
-        '{"Language":"xx","Description":""},{"Language":"yy","Description":""}]', "[]"]
-
-
-def test_messages_are_cleared_by_key_first_shown_first(box):
-    start(box, STICK)
+        "Unsupported USB device attached": {}, "Unsupported SD device attached": "no languages"}))
+    box.start_daemon()
+    box.wait_log("Partition list received")
     lcd = box.peer("lcd")
+    show(box, "/s", "UNRECOGNIZED", "SD")
     for count, (key, identifier) in enumerate([("/a", 11), ("/b", 22), ("/a", 4000000000)], 1):
         lcd.answer("addEvent", u(identifier))
         show(box, key)
         lcd.wait_calls("addEvent", count)
-    box.wait_log('Message with registration key: "/a" already exists in list')
+    show(box, "/u", "UNRECOGNIZED")
+    assert [call[1] for call in lcd.wait_calls("addEvent", 4)] == [
+        '[{"Language":"fr","Description":"Clé \\"mal\\""},{"Language":"en","Description":"Wrong port"},'
+        '{"Language":"xx","Description":""},{"Language":"yy","Description":""}]'] * 3 + ["[]"]
+    # The first that was shown under a key goes first.
     for key, count in [("/a", 1), ("/a", 2), ("/b", 1)]:
         dismiss(box, key)
         box.wait_log(f'Message with key: "{key}" removed, dbus argc: 0', count=count)

@@ -5,9 +5,9 @@ import signal
 import subprocess
 import sys
 
-from conftest import ROOT
+from box import HERE
 
-CONSOLE = [sys.executable, os.path.join(ROOT, "box", "console.py")]
+CONSOLE = [sys.executable, os.path.join(HERE, "console.py")]
 REFUSED = """plug|plug sda|plug sdb usb two|unplug sdb|get LAN.IPAdress|set LAN.IPAddress x|object Foo.1
 calls foo|call here nas.devices list|call /ws/nas/devices nas.devices none|set Syslog.NumberOfFiles u:-1
 log x|services x""".replace("\n", "|").split("|")

@@ -7,7 +7,7 @@ import pytest
 webdriver = pytest.importorskip("selenium.webdriver")
 pytest.importorskip("aiohttp")
 import panel  # noqa: E402
-from box import wait_until  # noqa: E402
+from box import DEFAULT_BUILD, Box, wait_until  # noqa: E402
 
 FLAGS = """--headless --no-sandbox --disable-gpu --disable-quic --no-first-run --disable-background-networking
 --disable-component-update --disable-sync --hide-scrollbars --window-size=1064,949 --user-data-dir=""".split()
@@ -19,13 +19,14 @@ def status(address, headers):
     return connection.getresponse().status
 
 
-def test_a_person_clicks(box, build, tmp_path):
-    box.start_daemon()
-    address = panel.serve(box)
+def test_a_person_clicks(tmp_path):
     options = webdriver.ChromeOptions()
     for flag in FLAGS:
         options.add_argument(flag + str(tmp_path) * flag.endswith("dir="))
-    with webdriver.Chrome(options=options) as browser:
+    with Box() as box, webdriver.Chrome(options=options) as browser:
+        box.start_daemon()
+        address = panel.serve(box)
+
         def click(query):
             browser.find_element("css selector", query).click()
 
@@ -42,7 +43,7 @@ def test_a_person_clicks(box, build, tmp_path):
         wait("#shares", "album.txt")
         click("#shares button")
         wait("#file", "Grandmother")
-        browser.save_screenshot(os.path.join(build, "panel.png"))
+        browser.save_screenshot(os.path.join(DEFAULT_BUILD, "panel.png"))
         browser.find_element("css selector", "#label").send_keys("<b>Bold")
         click("[data-plug=stick]")
         wait("#shares", "<b>Bold")
@@ -55,6 +56,7 @@ def test_a_person_clicks(box, build, tmp_path):
             click("#pull-" + name)
             wait_until(lambda: not browser.find_elements("css selector", "#pull-" + name), name + " is out")
         wait("#shares", "no file server runs")
-    assert [status(address, headers) for headers in (
-        {"X-Panel": "1"}, {}, {"X-Panel": "1", "Origin": "http://a.test"}, {"X-Panel": "1", "Host": "a.test"})
-    ] == [200, 403, 403, 403]
+        assert [status(address, headers) for headers in (
+            {"X-Panel": "1"}, {}, {"X-Panel": "1", "Origin": "http://a.test"}, {"X-Panel": "1", "Host": "a.test"})
+        ] == [200, 403, 403, 403]
+        assert not box.faults()
