@@ -400,7 +400,7 @@ class Box:
         """What the stand-in of that file name does from now on: exit code, standard output, seconds
         before the end, signal to die by; leave: something that goes on printing for a minute."""
         self.write(f"/run/box/reply/{name}.json",
-                   {"code": code, "out": out, "sleep": sleep, "kill": kill, "leave": leave})
+                   json.dumps({"code": code, "out": out, "sleep": sleep, "kill": kill, "leave": leave}))
 
     def is_up(self, service):
         return self.run(["s6-svstat", "-u", "/run/service/" + service]).stdout.strip() == "true"

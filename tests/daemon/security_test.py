@@ -67,28 +67,23 @@ def test_secrets_are_for_the_daemon_alone(box):
     box.chown("/media/nimbrelc.json", "nimbrelc")
     box.start_daemon()
     assert facts(box, "/media/nimbrelc.json") == ("-rw-------", 7001)
-    box.call("/ws/nas/fileservices", "com.kelvanto.nimbrel.nas.fileservices",
-             "updateCredentialsForUserShares", True, "alice", "passw0rd")
+    box.ask("updateCredentialsForUserShares", True, "alice", "passw0rd")
     box.set("SerialConsole.LoginPassword", "x")
     box.plug("sda")
     box.wait_up("smbd")
-    for path in ("/media/nimbrelc.json", "/media/serial_login_password",
-                 "/tmp/nimbrel/configs/sambausers.map"):
+    for path in "/media/nimbrelc.json", "/media/serial_login_password", OWN + "/configs/sambausers.map":
         assert facts(box, path) == ("-rw-------", 7001)
-
-    def store(path):
-        box.call("/backup", "com.kelvanto.nimbrel.backup", "store", path)
     document, console = box.read("/media/nimbrelc.json"), box.read("/media/serial_login_password")
     as_intruder(box, "sh", "-c", "ln -s /media/nimbrelc.json /tmp/link; umask 0; echo mine >/tmp/open")
-    store("/tmp/open")
+    box.ask("store", "/tmp/open")
     assert box.read("/tmp/open") == "mine\n"
     os.chmod(box.path("/tmp"), 0o777)  # the kernel protects what is planted in sticky directories only
     os.link(box.path("/media/serial_login_password"), box.path("/media/second"))
-    store("/tmp/link")
+    box.ask("store", "/tmp/link")
     box.wait_log("Failed to save the backup", count=2)
     box.write("/tmp/lax", "older", 0o666)
     for path in ("/tmp/new", "/tmp/lax", "/tmp/open", "/media/second"):
-        store(path)
+        box.ask("store", path)
         assert facts(box, path) == ("-rw-------", 7001)
         assert as_intruder(box, "cat", path).returncode == 1
     assert box.read("/media/nimbrelc.json") == document
@@ -127,7 +122,7 @@ def test_signals_count_only_from_their_real_senders(box):
 
 def test_foreign_texts_are_no_lines_of_their_own_in_the_log(box):
     box.run(["mkdir", "/var/netatalk/CNID/x\nforged"])
-    box.edit_config(lambda config: config["nas"]["fileServices"]["afp"].update(enabled=True))
+    box.enable_services("samba", "afp")
     box.start_daemon()
     text = "x\nforged"
 
@@ -140,12 +135,10 @@ def test_foreign_texts_are_no_lines_of_their_own_in_the_log(box):
     assert ask("firmware", "/signature", "firmware.upgrade.DevelopmentBuildsAllowed") == "boolean false"
     assert ask("nimbrel", "/com/kelvanto/nimbrel", "nimbrel.datamodel.GetValue", "string:Device.LAN.IPAddress") == ""
     for key in (text, "Device.StorageService.1.LogicalVolume.1" + text):
-        box.data_model("SetValue", key, text)
-        box.data_model("GetObject", key)
-    for path, method, *args in [("/debug/segfault", "debug.segfault.AddDump", text), ("/backup", "backup.store", text),
-                                ("/ws/nas/devices", "nas.devices.unmount", text),
-                                ("/ws/nas/devices", "nas.devices.rename", text, text)]:
-        box.call(path, *("com.kelvanto.nimbrel." + method).rsplit(".", 1), *args)
+        box.ask("SetValue", key, text)
+        box.ask("GetObject", key)
+    for method, *args in ("AddDump", text), ("store", text), ("unmount", text), ("rename", text, text):
+        box.ask(method, *args)
     box.disk_signal("PartitionConnected", text)
     box.plug(text, "SD", partitions=[{"label": text, "mount_point": "/media/a  " + text}])
     box.wait_log("Cannot share ")
