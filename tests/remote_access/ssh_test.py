@@ -68,7 +68,7 @@ def test_the_key_logs_in_until_the_activation_ends(box):
     box.wait_log("Starting timer to stop ssh session in 60 sec.")
     wait_until(lambda: login(box) == "in\n", "the login")
 
-    # The daemon comes back 15 seconds before the end.
+#The daemon comes back 15 seconds before the end.
     continued = restart(box, activationDate=ago(45))
     assert continued == [["set_auth_key.sh", key], SET, START]
     wait_until(lambda: re.search(r"Continuing ssh session for next (\d|1[0-5]) sec", box.log()),

@@ -54,7 +54,7 @@ def test_both_switches_run_the_daemons(box):
         vpn(box, "getGlobalStatus")  # served after the hook
         assert ran(box, first) == commands
     assert not box.is_up("ipsec") and not box.is_up("openl2tpd")
-    # One empty answer, then one that the bus holds back, as only one was asked for.
+#One empty answer, then one that the bus holds back, as only one was asked for.
     assert vpn(box, "getGlobalStatus", "x") == ()
     box.wait_log("get_global_status_callback doesn't accept arguments")
 
@@ -90,7 +90,8 @@ def test_credentials(box):
     for what, rows in {
             "username": [(name, PASSWORD, KEY) for name in ("ab", "a" * 33, "a\tb", "josé")],
             "password": [(USER, word, KEY) for word in ("abcdef1", "abcdefgh", "12345678", "a1" * 33)],
-            "presharedkey": [(USER, PASSWORD, key) for key in ("short1", "line1234\n", PASSWORD)]}.items():
+            "presharedkey": [(USER, PASSWORD, key) for key in ("short1", "line1234\n", PASSWORD)]
+}.items():
         for count, credentials in enumerate(rows, 1):
             assert vpn(box, "updateConfig", True, *credentials) == ()
             box.wait_log("Invalid " + what, count=count)
@@ -160,7 +161,7 @@ def test_last_connection_and_devices(box):
     assert vpn(box, "getDevices") == ()
     box.wait_log("getConnectedDevices.sh failed with status: 4")
     box.wait_log("get_devices() failed", count=2)
-    # Three tokens a device, none of them empty; what is left over is dropped.
+#Three tokens a device, none of them empty; what is left over is dropped.
     box.script(script, out=";5;;min;10.0.0.2;;;1;h;10.0.0.3;\n")
     assert vpn(box, "getDevices") == (
         '[{"ipAddress":"10.0.0.2","connectionTime":{"count":"5","format":"min"}},'
@@ -183,7 +184,7 @@ def test_a_bad_section_serves_nothing(box):
         with pytest.raises((BusError, NoReply)):
             vpn(box, "getGlobalStatus", timeout=0.3)
     box.wait_log("Bad configuration. Some fields have bad values.", count=len(bad))
-    # A new address restarts the VPN all the same; without a user name there is nothing to write.
+#A new address restarts the VPN all the same; without a user name there is nothing to write.
     box.stop_daemon()
     start(box, **good | {"username": None})
     first = len(box.commands())
