@@ -19,9 +19,20 @@ void fuzz(std::string_view input) {
     const bus_message_ptr message(
         dbus_message_demarshal(input.data(), static_cast<int>(input.size()), nullptr));
     if (message) {
+        DBusMessageIter there;
+        dbus_message_iter_init(message.get(), &there);
         const message_bus_args args(message.get());
         for (const message_bus_arg &arg : args.values()) {
-            must((arg.string != nullptr) == (arg.type == MB_ARG_STRING), "texts alone are texts");
+            const int type = dbus_message_iter_get_arg_type(&there);
+            DBusBasicValue value = {};
+            if (arg.type != 0) {
+                dbus_message_iter_get_basic(&there, &value);
+            }
+            const size_t known = std::string_view("?suib").find(static_cast<char>(type));
+            must(arg.type == static_cast<int>(known < 5 ? known : 0), "four types are read");
+            must(arg.type == MB_ARG_STRING ? arg.string == value.str : arg.word == value.u32,
+                 "values are read as they are");
+            dbus_message_iter_next(&there);
         }
     }
 }

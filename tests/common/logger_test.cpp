@@ -2,9 +2,7 @@
 
 #include <gtest/gtest.h>
 
-#include <cerrno>
-#include <cstdarg>
-#include <cstdio>
+#include <regex>
 #include <string>
 
 #include "helpers.h"
@@ -15,9 +13,7 @@ constexpr const char *log_category = "ssh";
 
 std::string syslog_log;  // what the system log would show, with its opening and closing
 
-void show(int priority, const char *format, va_list arguments) {
-    char text[8192];
-    vsnprintf(text, sizeof(text), format, arguments);
+void show(int priority, const char *text) {
     syslog_log += std::to_string(priority) + text + "\n";
 }
 
@@ -31,18 +27,12 @@ void openlog(const char *ident, int, int) {
 void closelog() {
     syslog_log += "[close]";
 }
-void syslog(int priority, const char *format, ...) {
-    va_list arguments;
-    va_start(arguments, format);
-    show(priority, format, arguments);
-    va_end(arguments);
+void syslog(int priority, const char *text, ...) {
+    show(priority, text);
 }
 // What a hardened build calls in its place.
-void __syslog_chk(int priority, int, const char *format, ...) {
-    va_list arguments;
-    va_start(arguments, format);
-    show(priority, format, arguments);
-    va_end(arguments);
+void __syslog_chk(int priority, int, const char *text, ...) {
+    show(priority, text);
 }
 }
 
@@ -85,52 +75,40 @@ protected:
 };
 
 TEST_F(logger, filters_by_category_and_level) {
-    const struct {
-        const char *config;
-        const char *passed;
-    } rows[] = {
+    const std::pair<const char *, const char *> rows[] = {
         {"", ""},
         {"enabled=yes", "DIWE"},
         {"enabled=Yes", ""},
         {"enabled=true:level=WaRn", "WE"},
         {"enabled=true:level=verbose", ""},
         {"enabled=true:level=error:category.ssh=debug:category.vpn=trace", "DIWE"},
-        {"enabled=true:category.ssh=error:category.ssh=trace", "TDIWE"},
         {"enabled=true:category.ssh=error:category.sshd=trace:Category.ssh=trace", "E"},
         {"::enabled=true::level:=:cat=trace:level=info:", "IWE"},
+        {"enabled=true:category.ssh=warn:category.b=error:category.ssh=trace:category.c=error",
+         "TDIWE"},
     };
-    for (const auto &row : rows) {
+    for (const auto &[config, passed] : rows) {
         logger_init("level=debug");
-        logger_init(row.config);
-        EXPECT_EQ(passing(), row.passed) << row.config;
+        logger_init(config);
+        EXPECT_EQ(passing(), passed) << config;
     }
-    // Lookups reorder the categories.
-    logger_init(
-        "enabled=true:category.ssh=warn:category.b=error:category.ssh=trace:category.c=error");
-    for (const char *other : {"b", "c", "ssh", "b"}) {
+    for (const char *other : {"b", "c", "ssh", "b"}) {  // lookups reorder the categories
         _log(other, LOG_LEVEL_INFO, "", 0, "x");
         EXPECT_EQ(passing(), "TDIWE") << other;
     }
 }
 
-TEST_F(logger, formats_the_line) {
-    logger_init("enabled=true");
+TEST_F(logger, formats_the_line_and_tells_its_hooks) {
+    logger_init("enabled=true:category.ssh=info:cat=x:unknown=1=2:nothing");
+    EXPECT_EQ(events, "off on enabled=true ssh=info =x unknown=1=2 on ");
     events.clear();
     LOG_INFO("Stopping %s", "ssh.");
-    struct tm parsed {};
-    const char *rest = strptime(events.c_str(), "%Y-%m-%d %H:%M:%S", &parsed);
-    ASSERT_NE(rest, nullptr);
-    EXPECT_EQ(rest[0], '.');
-    EXPECT_EQ(events.substr(23), "  INFO ssh - Stopping ssh.\n");
+    EXPECT_TRUE(std::regex_match(events, std::regex(R"(\d{4}(-\d\d){2} \d\d(:\d\d){2}\.\d{3} )"
+                                                    R"( INFO ssh - Stopping ssh\.\n)")));
     logger_set_parameter("lineandfile", "true");
     events.clear();
     _log("vpn", LOG_LEVEL_ERROR, "a.cpp", 7, "x");
     EXPECT_EQ(events.substr(24), "ERROR file: a.cpp, line: 7 - vpn - x\n");
-}
-
-TEST_F(logger, hooks_follow_the_configuration) {
-    logger_init("enabled=true:category.ssh=info:cat=x:unknown=1=2:nothing");
-    EXPECT_EQ(events, "off on enabled=true ssh=info =x unknown=1=2 on ");
     events.clear();
     logger_set_parameter("enabled", "false");
     EXPECT_EQ(events, "off off enabled=false ");
@@ -156,28 +134,26 @@ TEST_F(logger, long_lines_are_cut_and_still_end) {
     LOG_INFO("next");
     const std::string text = content(path);
     ASSERT_GT(text.size(), 16000U);
-    EXPECT_EQ(text.substr(7998, 2), "x\n");
-    EXPECT_EQ(text.substr(15998, 2), "c\n");
-    EXPECT_EQ(text.substr(text.size() - 11), "ssh - next\n");
+    EXPECT_EQ(text.substr(7998, 2) + text.substr(15998, 2), "x\nc\n");
+    EXPECT_TRUE(text.ends_with("ssh - next\n"));
 }
 
 TEST_F(logger, rolling_files_shift_beyond_the_limit) {
     const std::string path = directory / "new";
-    logger_init(("enabled=true:rollingfile=yes:rollingfile.name=box:rollingfile.count=3:"
-                 "rollingfile.path=" +
-                 path)
-                    .c_str());
+    logger_init(
+        ("rollingfile=yes:rollingfile.name=box:rollingfile.count=3:rollingfile.path=" + path)
+            .c_str());
     const auto last = [&](int index) {
         const std::string text = content(path + "/box." + std::to_string(index) + ".log");
         return text.size() < 2 ? '-' : text[text.size() - 2];
     };
+    logger_set_parameter("enabled", "true");
     LOG_INFO("1");
     const std::string size = std::to_string(content(path + "/box.0.log").size());
     logger_set_parameter("rollingfile.size", size.c_str());
-    LOG_INFO("2");  // the file is exactly at the limit: not yet
-    EXPECT_EQ(last(1), '-');
-    for (int message = 3; message < 10; ++message) {
+    for (int message = 2; message < 10; ++message) {
         LOG_INFO("%d", message);
+        EXPECT_EQ(last(1) == '-', message == 2);  // exactly at the limit: not yet
     }
     for (int index = 0; index < 4; ++index) {
         EXPECT_EQ(last(index), "986-"[index]);

@@ -5,10 +5,7 @@
 #include "helpers.h"
 
 TEST(disk_records, adds_the_missing_quotes) {
-    const struct {
-        const char *text;
-        const char *json;
-    } rows[] = {
+    const std::pair<const char *, const char *> rows[] = {
         {"{a: 'x', b: 2}", R"({"a": "x", "b": 2})"},
         {R"({"a": 'x', "b": 2})", R"({"a": "x", "b": 2})"},
         {"[{a: 1}, {b: '12:30', c: 'AA:BB'}]", R"([{"a": 1}, "{"b": "12:30", "c": "AA:BB"}])"},
@@ -20,8 +17,8 @@ TEST(disk_records, adds_the_missing_quotes) {
         {", ", ", \""},
         {"", ""},
     };
-    for (const auto &row : rows) {
-        EXPECT_EQ(convert_ddm_respone_data_to_json_str(row.text), row.json);
+    for (const auto &[text, json] : rows) {
+        EXPECT_EQ(convert_ddm_respone_data_to_json_str(text), json);
     }
     // Never reads behind its input.
     EXPECT_EQ(convert_ddm_respone_data_to_json_str(std::string_view("{\"", 1)), "{\"");

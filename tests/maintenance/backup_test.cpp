@@ -26,10 +26,11 @@ TEST(backup, restores_values_by_the_backups_kind) {
               R"("nas":{"afp":true},"list":[2]})");
     EXPECT_TRUE(backup_restore(
         config.get(),
-        parse(R"({"config":{"dlna.mediaStreamingEnabled":true,"devices.usbMode":2.7,)"
-              R"("storage.username":"new","storage.password4":"q","storage.password":"plain",)"
-              R"("vpn.password4":"v","vpn.presharedkey4":null,"no.such.field":1,)"
-              R"("list":1,"nas":null,"nas.afp":1,"":1,"vpn.enable":[1],"storage.enabled":{"a":1}}})")
+        parse(
+            R"({"config":{"dlna.mediaStreamingEnabled":true,"devices.usbMode":2.7,)"
+            R"("storage.username":"new","storage.password4":"q","storage.password":"plain",)"
+            R"("vpn.password4":"v","vpn.presharedkey4":null,"no.such.field":1,)"
+            R"("list":1,"nas":null,"nas.afp":1,"":1,"vpn.enable":[1],"storage.enabled":{"a":1}}})")
             .get()));
     EXPECT_EQ(print(config), R"({"dlna":{"mediaStreamingEnabled":true},"devices":{"usbMode":2},)"
                              R"("storage":{"enabled":false,"username":"new","password4":"q"},)"

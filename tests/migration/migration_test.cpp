@@ -14,20 +14,17 @@ namespace {
 
 std::string steps_run;
 
-template <int Number>
-bool record(cJSON *) {
-    steps_run += std::to_string(Number);
-    return true;
-}
-
-bool refuse(cJSON *) {
-    steps_run += "x";
-    return false;
+template <char Name>
+bool step(cJSON *) {
+    steps_run += Name;
+    return Name != 'x';
 }
 
 TEST(migration, runs_the_steps_between_two_versions) {
-    const migration two_steps[] = {{"08.04.99", "08.05.01", record<0>},
-                                   {"08.05.08", "08.05.09", record<1>}};
+    const migration steps[] = {{"08.04.99", "08.05.01", step<'0'>},
+                               {"08.05.08", "08.05.09", step<'1'>},
+                               {"08.07.00", "08.08.00", step<'x'>},
+                               {"08.08.00", "08.09.00", step<'2'>}};
     const struct {
         const char *from;
         const char *to;
@@ -41,6 +38,7 @@ TEST(migration, runs_the_steps_between_two_versions) {
         {"08.05.02", "08.05.03", true, ""},   // no whole step between
         {"08.04.99", "08.05.00", true, ""},
         {"08.05.09", "08.05.09", true, ""},
+        {"08.05.08", "08.09.00", false, "1x"},  // ends at a failed step
         {"08.05.09", "08.04.99", false, ""},
         {"8.5.9", "08.05.09", false, ""},
         {"08.04.99", "08.05.09a", false, ""},
@@ -48,24 +46,15 @@ TEST(migration, runs_the_steps_between_two_versions) {
     for (const auto &row : rows) {
         SCOPED_TRACE(std::string(row.from) + " to " + row.to);
         steps_run.clear();
-        EXPECT_EQ(run_migration(two_steps, 2, row.from, row.to, nullptr), row.result);
+        EXPECT_EQ(run_migration(steps, 4, row.from, row.to, nullptr), row.result);
         EXPECT_EQ(steps_run, row.steps);
     }
-}
-
-TEST(migration, ends_at_a_failed_step_and_starts_with_no_wrong_table) {
-    const migration failing[] = {{"01.00.00", "02.00.00", record<0>},
-                                 {"02.00.00", "03.00.00", refuse},
-                                 {"03.00.00", "04.00.00", record<2>}};
-    const migration backwards[] = {{"02.00.00", "01.00.00", record<0>}};
-    const migration overlapping[] = {{"01.00.00", "03.00.00", record<0>},
-                                     {"02.00.00", "04.00.00", record<1>}};
-    steps_run.clear();
-    EXPECT_FALSE(run_migration(failing, 3, "01.00.00", "04.00.00", nullptr));
-    EXPECT_EQ(steps_run, "0x");
+    const migration backwards[] = {{"02.00.00", "01.00.00", step<'0'>}};
+    const migration overlapping[] = {{"01.00.00", "03.00.00", step<'0'>},
+                                     {"02.00.00", "04.00.00", step<'1'>}};
     EXPECT_FALSE(run_migration(backwards, 1, "01.00.00", "01.00.00", nullptr));
     EXPECT_FALSE(run_migration(overlapping, 2, "01.00.00", "04.00.00", nullptr));
-    EXPECT_EQ(steps_run, "0x");
+    EXPECT_EQ(steps_run, "");
 }
 
 TEST(migration_steps, move_legacy_secrets_that_decrypt) {
@@ -73,46 +62,21 @@ TEST(migration_steps, move_legacy_secrets_that_decrypt) {
                                    "photos2024", stored_storage_password.passphrase)
                                    .value_or("");
     const std::string legacy = R"({"password_legacy":")" + secret + "\"";
-    const struct {
-        std::string before;
-        std::string after;
-    } rows[] = {
+    const std::pair<std::string, std::string> rows[] = {
         {legacy + R"(,"password4":"old","password3":"x"})", R"({"password4":")" + secret + R"("})"},
-        {R"({"password_legacy":"","password3":"x"})", R"({"password4":""})"},
         {R"({"password_legacy":"bm9uc2Vuc2U=","password4":"kept"})", R"({"password4":"kept"})"},
         // kept: a replace, so where the new member was missing the secret is lost.
         {legacy + "}", R"({"password4":""})"},
-        {"{}", R"({"password4":""})"},
     };
-    for (const auto &row : rows) {
-        const json_ptr object = parse(row.before);
+    for (const auto &[before, after] : rows) {
+        const json_ptr object = parse(before);
         migrate_encrypted_field(object.get(), "password_legacy", "password3", "password4",
                                 stored_storage_password.passphrase);
-        EXPECT_EQ(print(object), row.after);
+        EXPECT_EQ(print(object), after);
     }
 }
 
-TEST(migration_steps, read_the_older_encryption) {
-    // Made with Python: EVP_BytesToKey(SHA-1, 1000 iterations) written out by hand, and the package
-    // `cryptography` for AES-256-CBC.
-    const std::string secret = "AQIDBAUGBwhkZWZnaGlqa2xtbm9wcXJzWEZRT67ZCJXItBOZUrTBSQ==";
-    EXPECT_EQ(migration_utils_decrypt_string_R8(secret.c_str(), "lj3Z2W3#"), "summer-2019");
-    EXPECT_EQ(migration_utils_decrypt_string_R8("", "lj3Z2W3#"), "");
-    EXPECT_EQ(migration_utils_decrypt_string_R8("c2hvcnQ=", "lj3Z2W3#"), std::nullopt);
-    EXPECT_EQ(migration_utils_decrypt_string_R8("****", "lj3Z2W3#"), std::nullopt);
-
-    const json_ptr document =
-        parse(R"({"storage":{"password4":"first","password3":")" + secret + R"("}})");
-    EXPECT_TRUE(upgrade_from_08_05_08_to_08_05_09(document.get()));
-    const cJSON *storage = cJSON_GetObjectItem(document.get(), "storage");
-    ASSERT_EQ(cJSON_GetArraySize(storage), 2);  // kept: added beside the existing one
-    EXPECT_STREQ(storage->child->valuestring, "first");
-    EXPECT_EQ(nimbrelc_utils_get_decrypted_string(storage->child->next->valuestring,
-                                                  stored_storage_password.passphrase),
-              "summer-2019");
-}
-
-TEST(migration_steps, drop_obsolete_entries_and_credentials) {
+TEST(migration_steps, of_no_flavour_still_work) {
     const json_ptr document = parse(
         R"({"procmon":{},"nas":{"fileServices":{"samba":{"daemon":1,"enabled":true,)"
         R"("startTimeOut[ms]":5}}},"ssh":{},"storage":{"enabled":true,"username":"u","password":"p"}})");
@@ -122,6 +86,21 @@ TEST(migration_steps, drop_obsolete_entries_and_credentials) {
     EXPECT_EQ(print(document), R"({"nas":{"fileServices":{"samba":{"enabled":true}}},)"
                                R"("storage":{"enabled":false,"username":"","password3":""},)"
                                R"("centralStorage":{"enabled":true}})");
+
+    // Made with Python: EVP_BytesToKey(SHA-1, 1000 iterations) written out by hand, and the package
+    // `cryptography` for AES-256-CBC.
+    const char *secret = "AQIDBAUGBwhkZWZnaGlqa2xtbm9wcXJzWEZRT67ZCJXItBOZUrTBSQ==";
+    cJSON *storage = cJSON_GetObjectItem(document.get(), "storage");
+    migration_utils_replace_text(storage, "password3", secret);
+    cJSON_AddStringToObject(storage, "password4", "first");
+    EXPECT_TRUE(upgrade_from_08_05_08_to_08_05_09(document.get()));
+    ASSERT_EQ(cJSON_GetArraySize(storage), 4);  // kept: added beside the existing one
+    EXPECT_EQ(nimbrelc_utils_get_decrypted_string(cJSON_GetArrayItem(storage, 3)->valuestring,
+                                                  stored_storage_password.passphrase),
+              "summer-2019");
+    for (const char *damaged : {"c2hvcnQ=", "****"}) {
+        EXPECT_EQ(migration_utils_decrypt_string_R8(damaged, "lj3Z2W3#"), std::nullopt);
+    }
 }
 
 }  // namespace

@@ -19,6 +19,12 @@ protected:
         EXPECT_EQ(open_descriptors(), descriptors);
     }
 
+    // In a shell, directly; gets the text when there is one.
+    int run(const char *script, const char *text = nullptr) {
+        const char *const argv[] = {"/bin/sh", "-c", script, nullptr};
+        return text == nullptr ? launch_one(argv, &status) : launch_and_write(argv, &status, text);
+    }
+
     const size_t descriptors = open_descriptors();
     recorded_log log;
     int status = -1;
@@ -67,15 +73,11 @@ TEST_F(launcher, formatted_command_lines) {
 
 TEST_F(launcher, direct_executions) {
     setenv("LAUNCH_TEST", "set", 1);
-    const char *const empty_environment[] = {"/bin/sh", "-c", "exit 5$LAUNCH_TEST", nullptr};
-    EXPECT_EQ(launch_one(empty_environment, &status), LAUNCH_OK);
+    EXPECT_EQ(run("exit 5$LAUNCH_TEST"), LAUNCH_OK);  // an empty environment
     EXPECT_EQ(WEXITSTATUS(status), 5);
-    const char *const stopped[] = {"/bin/sh", "-c",
-                                   "(sleep 0.2; kill -CONT $$) & kill -STOP $$; exit 4", nullptr};
-    EXPECT_EQ(launch_one(stopped, &status), LAUNCH_OK);
+    EXPECT_EQ(run("(sleep 0.2; kill -CONT $$) & kill -STOP $$; exit 4"), LAUNCH_OK);
     EXPECT_EQ(WEXITSTATUS(status), 4);
-    const char *const killed[] = {"/bin/sh", "-c", "kill -KILL $$", nullptr};
-    EXPECT_EQ(launch_one(killed, &status), LAUNCH_ERROR);
+    EXPECT_EQ(run("kill -KILL $$"), LAUNCH_ERROR);
     EXPECT_EQ(WEXITSTATUS(status), 4);
     EXPECT_EQ(log.text, "");
     const char *const missing[] = {"/nonexistent", nullptr};
@@ -85,23 +87,19 @@ TEST_F(launcher, direct_executions) {
 
 TEST_F(launcher, text_reaches_the_child) {
     // Exits with what stands behind the last "x": exactly the text's end.
-    const char *const read_end[] = {"/bin/sh", "-c", "exit $(/usr/bin/tail -c +299998)", nullptr};
     const std::string text = std::string(299997, 'x') + "100";
-    EXPECT_EQ(launch_and_write(read_end, &status, text.c_str()), LAUNCH_OK);
+    EXPECT_EQ(run("exit $(/usr/bin/tail -c +299998)", text.c_str()), LAUNCH_OK);
     EXPECT_EQ(WEXITSTATUS(status), 100);
     // The child's own broken pipes still end it.
-    const char *const broken[] = {"/bin/sh", "-c", "kill -PIPE $$", nullptr};
-    EXPECT_EQ(launch_and_write(broken, nullptr, ""), LAUNCH_ERROR);
+    EXPECT_EQ(run("kill -PIPE $$", ""), LAUNCH_ERROR);
 }
 
 TEST_F(launcher, text_for_a_child_that_is_gone) {
     const std::string text(1000000, 'x');
-    const char *const gone[] = {"/bin/true", nullptr};
-    const char *const deaf[] = {"/bin/sh", "-c", "exec <&-; sleep 0.5", nullptr};
-    for (const char *const *argv : {gone, deaf, gone}) {
+    for (const char *script : {"exit 0", "exec <&-; sleep 0.5", "exit 0"}) {
         log.text.clear();
         status = -1;
-        EXPECT_EQ(launch_and_write(argv, &status, text.c_str()), LAUNCH_ERROR);
+        EXPECT_EQ(run(script, text.c_str()), LAUNCH_ERROR);
         EXPECT_EQ(status, -1);
         EXPECT_EQ(log.text, "ERROR launch - write failed: Broken pipe\n");
     }

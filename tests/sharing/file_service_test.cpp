@@ -1,9 +1,8 @@
-// What the file services make of their queues, settings and disks.
+// What the file services make of their settings and disks.
 #include "sharing/file_service.h"
 
 #include <gtest/gtest.h>
 
-#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -11,107 +10,54 @@
 #include "helpers.h"
 #include "sharing/file_service_afp.h"
 #include "sharing/file_service_config.h"
-#include "sharing/file_service_events.h"
 #include "sharing/file_service_samba.h"
 #include "sharing/share_names.h"
+#include "sharing/share_settings.h"
 
 namespace {
 
-const json_ptr disks = parse(R"([
-    {"label": "skipped", "mount_point": ""},
-    {"label": "My Data", "mount_point": "/media/My Data", "read_only": true},
-    {"label": "none", "mount_point": null}, "no record",
-    {"LABEL": "b", "mount_point": "/media/b", "read_only": "true"}])");
-
-TEST(file_service_events, reduce_a_queue_to_one_action) {
-    const struct {
-        std::string_view queue;  // oldest first: U up, D down, R reload, S restart
-        const char *action;
-    } rows[] = {
-        {"", "NO_EVENT"},    {"S", "NO_EVENT"},   {"U", "START"},     {"D", "STOP"},
-        {"RRR", "RELOAD"},   {"DU", "RESTART"},   {"UD", "STOP"},     {"DR", "STOP"},
-        {"RDR", "STOP"},     {"DUD", "STOP"},     {"DURD", "STOP"},   {"URR", "START"},
-        {"RUR", "START"},    {"UDU", "RESTART"},  {"DRU", "RESTART"}, {"DUR", "RESTART"},
-        {"DUDU", "RESTART"}, {"SR", "RELOAD"},    {"SU", "START"},    {"DS", "STOP"},
-        {"DUDDR", "STOP"},   {"UDRU", "RESTART"},
-    };
-    for (const auto &row : rows) {
-        std::vector<file_service_event> queue;
-        for (const char letter : row.queue) {
-            queue.push_back(static_cast<file_service_event>(std::string_view("UDRS").find(letter)));
-        }
-        EXPECT_STREQ(file_service_event_name(file_service_simplify_events(queue)), row.action)
-            << row.queue;
-    }
-}
-
 TEST(file_service_samba, writes_its_configuration) {
+    const json_ptr disks = parse(R"([
+        {"label": "skipped", "mount_point": ""},
+        {"label": "My Data", "mount_point": "/media/My Data", "read_only": true},
+        {"label": "none", "mount_point": null}, "no record",
+        {"LABEL": "b", "mount_point": "/media/b", "read_only": "true"}])");
     const json_ptr settings = parse(R"({
         "serverName": "Home gateway", "workgroup": "WORKGROUP", "maxConnections": 16.9,
         "anonymousUserLogin": "default", "defaultGlobalSettings": [
-            {"directive": "interfaces", "args": ["lo", "eth1"]}]})");
-    const std::string global = R"([global]
-  server string = "Home gateway"
-  workgroup = WORKGROUP
-  max connections = 16
-  guest account = default
-  interfaces = lo eth1
-)";
-    const std::string shares = R"(
-[My Data]
-  path = "/media/My Data"
-  guest ok = yes
-  guest only = no
-  writeable = no
-  oplocks = yes
-
-[b]
-  path = /media/b
-  guest ok = yes
-  guest only = no
-  writeable = yes
-  oplocks = yes
-
-)";
-    EXPECT_EQ(samba_config_text(settings.get(), disks.get(), false), global + "\n" + shares);
-    const json_ptr one = parse(R"([{"label": "a", "mount_point": "/a"}])");
-    EXPECT_EQ(samba_config_text(settings.get(), one.get(), true),
-              global +
-                  "  username map = /tmp/nimbrel/configs/sambausers.map\n\n[a]\n  path = /a\n"
-                  "  guest ok = no\n  guest only = no\n  writeable = yes\n  oplocks = yes\n\n");
-    const json_ptr wrong = parse(R"({"serverName": 1, "maxConnections": "2",
-                                     "defaultGlobalSettings": [7, {"args": "x"}]})");
-    EXPECT_EQ(samba_config_text(wrong.get(), settings.get(), false),
-              "[global]\n  server string = \n  workgroup = \n  max connections = 0\n"
-              "  guest account = \n\n\n");
+            7, {"directive": "interfaces", "args": ["lo", "eth1"]}, {"args": "x"}]})");
+    for (const bool is_protected : {false, true}) {
+        const std::string guest = is_protected ? "no" : "yes";
+        EXPECT_EQ(samba_config_text(settings.get(), disks.get(), is_protected),
+                  "[global]\n  server string = \"Home gateway\"\n  workgroup = WORKGROUP\n"
+                  "  max connections = 16\n  guest account = default\n  interfaces = lo eth1\n" +
+                      std::string(is_protected ? "  username map = "
+                                                 "/tmp/nimbrel/configs/sambausers.map\n"
+                                               : "") +
+                      "\n\n[My Data]\n  path = \"/media/My Data\"\n  guest ok = " + guest +
+                      "\n  guest only = no\n  writeable = no\n  oplocks = yes\n"
+                      "\n[b]\n  path = /media/b\n  guest ok = " +
+                      guest + "\n  guest only = no\n  writeable = yes\n  oplocks = yes\n\n");
+    }
 }
 
 TEST(file_service_afp, writes_its_configuration) {
+    const json_ptr disks = parse(R"([
+        {"label": "My Data", "mount_point": "/media/My Data", "read_only": true},
+        {"label": "b", "mount_point": "/media/b", "read_only": 1}])");
     const json_ptr settings = parse(R"({
         "defaultUAMsList": "uams_dhx.so, uams_dhx2.so", "anonymousUserLogin": "default",
         "defaultServerOptions": [{"directive": "log level", "args": ["default:warn", "x"]}]})");
-    const std::string methods = "[Global]\n  uam list = uams_dhx.so, uams_dhx2.so";
-    const std::string rest = R"(
-  guest account = default
-  log level = default:warn x
-
-
-[My Data]
-  path = "/media/My Data"
-  time machine = yes
-  unix priv = no
-  read only = yes
-
-[b]
-  path = /media/b
-  time machine = yes
-  unix priv = no
-  read only = no
-
-)";
-    EXPECT_EQ(afp_config_text(settings.get(), disks.get(), false),
-              methods + ",uams_guest.so" + rest);
-    EXPECT_EQ(afp_config_text(settings.get(), disks.get(), true), methods + rest);
+    for (const bool is_protected : {false, true}) {
+        EXPECT_EQ(afp_config_text(settings.get(), disks.get(), is_protected),
+                  std::string("[Global]\n  uam list = uams_dhx.so, uams_dhx2.so") +
+                      (is_protected ? "" : ",uams_guest.so") +
+                      "\n  guest account = default\n  log level = default:warn x\n\n"
+                      "[My Data]\n  path = \"/media/My Data\"\n  time machine = yes\n"
+                      "  unix priv = no\n  read only = yes\n\n"
+                      "[b]\n  path = /media/b\n  time machine = yes\n"
+                      "  unix priv = no\n  read only = no\n\n");
+    }
 }
 
 TEST(share_names, are_distinct_and_mean_nothing_else) {
@@ -169,18 +115,29 @@ TEST(file_service, stores_a_switch_only_when_it_changes) {
     EXPECT_TRUE(file_service_save_state("on", true));
     EXPECT_FALSE(file_service_save_state("list", true));
     EXPECT_EQ(document.saved("on.unsaved"), "1");
-
     EXPECT_FALSE(file_service_is_enabled("odd"));
     EXPECT_TRUE(file_service_is_switched_on("odd"));
-    const std::pair<const char *, const char *> rows[] = {
-        {"off", R"({"Enabled":true})"},
-        {"odd", R"({"enabled":true,"other":2})"},
-        {"bare", R"({"enabled":true})"},
+    EXPECT_TRUE(file_service_save_state("off", true) && file_service_save_state("odd", true) &&
+                file_service_save_state("bare", true));
+    EXPECT_EQ(document.saved("off") + document.saved("odd") + document.saved("bare"),
+              R"({"Enabled":true}{"enabled":true,"other":2}{"enabled":true})");
+}
+
+TEST(share_settings, take_credentials_by_the_rules) {
+    const stored_document document(
+        R"({"storage": {"enabled": true, "username": "", "password4": ""}})");
+    const std::string long_name(33, 'a');
+    const std::pair<const char *, const char *> refused[] = {
+        {"ab", "passw0rd"},      {long_name.c_str(), "passw0rd"}, {"aLice", "passw0rd"},
+        {"al ice", "passw0rd"},  {"alice\n", "passw0rd"},         {"alice", "passw0r"},
+        {"alice", "password"},   {"alice", "12345678"},           {"alice", "passw0rdpassw0rdp"},
+        {"alice", "passw0rd\t"}, {"passw0rd", "passw0rd"},        {"alice", ""},
     };
-    for (const auto &[section, saved] : rows) {
-        EXPECT_TRUE(file_service_save_state(section, true));
-        EXPECT_EQ(document.saved(section), saved);
+    for (const auto &[name, password] : refused) {
+        EXPECT_FALSE(share_settings_change_protection(true, name, password)) << name << password;
     }
+    EXPECT_TRUE(share_settings_change_protection(true, "a\\-", "PASSWORD "));
+    EXPECT_EQ(document.saved("storage.username"), R"("a\\-")");
 }
 
 }  // namespace

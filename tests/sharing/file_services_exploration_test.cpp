@@ -1,50 +1,43 @@
-// The file services' manager explored: every sequence of requests, up to a depth, with time passing
-// between them, in simulated time. What is said here holds after each of them.
-#include "sharing/file_services_manager.h"
-
-#include <gtest/gtest.h>
-
-#include <algorithm>
+// The file services' manager explored: requests, faults and time that passes between them.
 #include <array>
-#include <string>
 #include <tuple>
-#include <unordered_map>
-#include <vector>
 
 #include "config/config.h"
 #include "disks/disk_lists.h"
 #include "disks/disks.h"
 #include "helpers.h"
 #include "sharing/file_service_queue.h"
+#include "sharing/file_services_manager.h"
 #include "sharing/share_settings.h"
 #include "sharing/sharing.h"
-#include "simulated/simulated_box.h"
+#include "simulated/exploration.h"
 
 namespace {
 
+using simulated_box::act;
 using simulated_box::running_timers;
 using simulated_box::service;
 using simulated_box::services;
 constexpr size_t count = 3;
+constexpr auto central_storage = file_services_request_handler_is_central_storage_enabled;
 
 auto queue_and_service(size_t i) {
     file_service_queue &queue = file_service_queues[i];
     return std::tie(queue.events, queue.busy, queue.expired, services[i]);
 }
 
-// Everything that the next step depends on; put back, it turns time back.
 struct situation {
     using queue_and_service = std::tuple<std::vector<file_service_event>, int,
                                          decltype(file_service_queue::expired), service>;
     std::array<queue_and_service, count> queues;
-    std::vector<simulated_box::running_timer> timers;
-    time_t time;
-    bool central_storage;
-    int partitions;
+    std::vector<simulated_box::running_timer> timers = running_timers;
+    time_t time = simulated_box::now;
+    bool is_central = central_storage();
+    int partitions = count_supported_partitions();
 };
 
 void set_central_storage(bool enabled) {
-    if (enabled != file_services_request_handler_is_central_storage_enabled()) {
+    if (enabled != central_storage()) {
         set_config_flag("centralStorage.enabled", enabled);
     }
 }
@@ -58,63 +51,9 @@ void set_partitions(int wanted) {
     }
 }
 
-situation take() {
-    situation here;
-    here.timers = running_timers;
-    here.time = simulated_box::now;
-    here.central_storage = file_services_request_handler_is_central_storage_enabled();
-    here.partitions = count_supported_partitions();
-    for (size_t i = 0; i < count; ++i) {
-        services[i].done.clear();
-        here.queues[i] = queue_and_service(i);
-    }
-    return here;
-}
-
-void put(const situation &there) {
-    running_timers = there.timers;
-    simulated_box::now = there.time;
-    set_central_storage(there.central_storage);
-    set_partitions(there.partitions);
-    for (size_t i = 0; i < count; ++i) {
-        queue_and_service(i) = there.queues[i];
-    }
-}
-
-// Two situations with the same name go on alike.
-std::string name_of(const situation &here) {
-    std::string name;
-    const auto add = [&name](time_t number) { name += static_cast<char>(number); };
-    for (const auto &[events, busy, expired, service] : here.queues) {
-        add(file_service_simplify_events(events));
-        add(events.empty() ? FILE_SERVICE_EVENT_NONE : events.back());
-        add(busy);
-        if (busy != 0) {
-            name.append(reinterpret_cast<const char *>(&expired), sizeof expired);
-        }
-        add((service.enabled ? 1 : 0) + (service.running ? 2 : 0) + (service.fails ? 4 : 0) +
-            (service.deaf ? 8 : 0) + (service.late != 0 ? 16 : 0));
-        add(service.runs_at == 0 ? 0 : service.runs_at - here.time);
-    }
-    for (const simulated_box::running_timer &timer : here.timers) {
-        name.append(reinterpret_cast<const char *>(&timer.item), sizeof timer.item);
-        add(timer.end - here.time);
-    }
-    add((here.central_storage ? 1 : 0) + 2 * here.partitions);
-    return name;
-}
-
-void pass_to_next_timer() {
-    if (!running_timers.empty()) {
-        simulated_box::pass(static_cast<int>(running_timers.front().end - simulated_box::now));
-    }
-}
-
-void switch_central_storage() {
-    const bool enabled = !file_services_request_handler_is_central_storage_enabled();
-    set_central_storage(enabled);
-    enabled ? file_services_manager_update_file_services()
-            : file_services_manager_stop_file_services();
+void follow_central_storage() {
+    central_storage() ? file_services_manager_update_file_services()
+                      : file_services_manager_stop_file_services();
 }
 
 void plug(int more) {
@@ -130,28 +69,28 @@ void switch_service(size_t i) {
                                                             !services[i].enabled);
 }
 
-struct step {
-    const char *name;
-    void (*act)();
-};
-constexpr step requests[] = {
-    {"next timer", pass_to_next_timer},
+const std::vector<act> requests = {
+    {"next timer", simulated_box::pass_to_next_timer},
     {"a second", [] { simulated_box::pass(1); }},
     {"plug", [] { plug(1); }},
     {"unplug", [] { plug(-1); }},
-    {"central storage", switch_central_storage},
+    {"central storage",
+     [] {
+         set_central_storage(!central_storage());
+         follow_central_storage();
+     }},
     {"protection", file_services_manager_reload_file_services},
     {"Samba", [] { switch_service(0); }},
     {"AFP", [] { switch_service(1); }},
     {"Avahi", [] { switch_service(2); }},
 };
-constexpr step faults[] = {
+const std::vector<act> faults = {
     {"Samba fails", [] { services[0].fails = !services[0].fails; }},
     {"AFP late", [] { services[1].late = services[1].late == 0 ? 12 : 0; }},
     {"Avahi deaf", [] { services[2].deaf = !services[2].deaf; }},
 };
 
-class exploration : public testing::Test {
+class file_services_exploration : public simulated_box::exploration<situation> {
 protected:
     void SetUp() override {
         simulated_box::reset();
@@ -159,66 +98,76 @@ protected:
         file_services_manager_start();
     }
 
-    void explore(int depth) {
-        ++steps;
-        check_step();
-        const situation here = take();
-        const auto [known, is_new] = depths.try_emplace(name_of(here), depth);
-        if (!is_new && known->second >= depth) {
-            return;
+    situation take() override {
+        situation here;
+        for (size_t i = 0; i < count; ++i) {
+            services[i].done.clear();
+            here.queues[i] = queue_and_service(i);
         }
-        known->second = depth;
-        if (is_new && running_timers.empty()) {
-            check_quiet();
-            put(here);
+        return here;
+    }
+
+    void put(const situation &there) override {
+        running_timers = there.timers;
+        simulated_box::now = there.time;
+        set_central_storage(there.is_central);
+        set_partitions(there.partitions);
+        for (size_t i = 0; i < count; ++i) {
+            queue_and_service(i) = there.queues[i];
         }
-        if (depth == 0) {
-            if (!running_timers.empty()) {
-                pass_to_next_timer();
-                explore(0);
-            }
-            return;
+    }
+
+    std::string name() override {
+        std::string text;
+        const auto add = [&text](time_t number) { text += static_cast<char>(number); };
+        for (size_t i = 0; i < count; ++i) {
+            const auto &[events, busy, expired, service] = queue_and_service(i);
+            add(file_service_simplify_events(events));
+            add(events.empty() ? FILE_SERVICE_EVENT_NONE : events.back());
+            add(busy);
+            const auto then = busy == 0 ? nullptr : expired;
+            text.append(reinterpret_cast<const char *>(&then), sizeof then);
+            add(service.enabled + service.running * 2 + service.fails * 4 + service.deaf * 8 +
+                (service.late != 0) * 16);
+            add(service.runs_at == 0 ? 0 : service.runs_at - simulated_box::now);
         }
-        for (const step &next : actions) {
-            if (HasFailure()) {
-                return;
-            }
-            path.push_back(next.name);
-            next.act();
-            explore(depth - 1);
-            put(here);
-            path.pop_back();
+        for (const simulated_box::running_timer &timer : running_timers) {
+            text.append(reinterpret_cast<const char *>(&timer.item), sizeof timer.item);
+            add(timer.end - simulated_box::now);
         }
+        add(central_storage() + 2 * count_supported_partitions());
+        return text;
     }
 
     static bool is_wanted(size_t i) {
-        return services[i].enabled && count_supported_partitions() > 0 &&
-               file_services_request_handler_is_central_storage_enabled();
+        return services[i].enabled && count_supported_partitions() > 0 && central_storage();
     }
 
-    void check_step() {
+    void check_step() override {
         for (size_t i = 0; i < count; ++i) {
             const file_service_queue &queue = file_service_queues[i];
-            EXPECT_TRUE(is_wanted(i) || services[i].done.find('+') == std::string::npos)
-                << file_services[i].name << described();
-            // What is verified ends.
-            EXPECT_TRUE(queue.busy == 0 || std::any_of(running_timers.begin(), running_timers.end(),
-                                                       [&queue](const auto &timer) {
-                                                           return timer.item == queue.timer.get();
-                                                       }))
-                << described();
+            EXPECT_TRUE(is_wanted(i) || services[i].done.find('+') == std::string::npos) << i;
+            EXPECT_TRUE(queue.busy == 0 ||
+                        std::any_of(running_timers.begin(), running_timers.end(),
+                                    [&queue](const simulated_box::running_timer &timer) {
+                                        return timer.item == queue.timer.get();
+                                    }))
+                << i << " is verified for ever";
         }
     }
 
     // Everything has come to rest: what is wanted runs, and nothing else. A service that failed,
     // was late or deaf is so when it was asked for the next time.
-    void check_quiet() {
+    void check_situation() override {
+        if (!running_timers.empty()) {
+            return;
+        }
         if (with_faults) {
             ask_again();
         }
         for (size_t i = 0; i < count; ++i) {
-            EXPECT_EQ(services[i].running, is_wanted(i)) << file_services[i].name << described();
-            EXPECT_TRUE(file_service_queues[i].events.empty()) << described();
+            EXPECT_EQ(services[i].running, is_wanted(i)) << i;
+            EXPECT_TRUE(file_service_queues[i].events.empty()) << i;
         }
     }
 
@@ -233,48 +182,29 @@ protected:
                                                                         false);
             }
         }
-        if (file_services_request_handler_is_central_storage_enabled()) {
-            file_services_manager_update_file_services();
-        } else {
-            file_services_manager_stop_file_services();
-        }
+        follow_central_storage();
         simulated_box::pass(60);
     }
 
-    std::string described() const {
-        std::string text = " after";
-        for (const char *name : path) {
-            text += std::string(", ") + name;
-        }
-        return text;
-    }
-
     const stored_document document{R"({"centralStorage": {"enabled": true}})"};
-    std::vector<step> actions{std::begin(requests), std::end(requests)};
     bool with_faults = false;
-    std::unordered_map<std::string, int> depths;
-    std::vector<const char *> path;
-    size_t steps = 0;
 };
 
 #ifdef __SANITIZE_ADDRESS__
-constexpr int depth_of_requests = 8;
-constexpr int depth_with_faults = 6;
+constexpr int fewer = 3;
 #else
-constexpr int depth_of_requests = 11;
-constexpr int depth_with_faults = 8;
+constexpr int fewer = 0;
 #endif
 
-TEST_F(exploration, keeps_running_what_is_wanted_and_nothing_else) {
-    explore(depth_of_requests);
-    printf("%zu steps to %zu situations\n", steps, depths.size());
+TEST_F(file_services_exploration, keeps_running_what_is_wanted_and_nothing_else) {
+    explore(requests, 11 - fewer);
 }
 
-TEST_F(exploration, gets_over_services_that_fail_and_are_late_or_deaf) {
-    actions.insert(actions.end(), std::begin(faults), std::end(faults));
+TEST_F(file_services_exploration, gets_over_services_that_fail_and_are_late_or_deaf) {
+    std::vector<act> all = requests;
+    all.insert(all.end(), faults.begin(), faults.end());
     with_faults = true;
-    explore(depth_with_faults);
-    printf("%zu steps to %zu situations\n", steps, depths.size());
+    explore(all, 8 - fewer);
 }
 
 }  // namespace

@@ -84,21 +84,4 @@ TEST_F(file_services_manager, shares_a_disk_that_comes_back) {
     EXPECT_EQ(samba.done, "3+ 23- 33+ 45- 50+ 65- 70+ 76- 81+ ");
 }
 
-TEST_F(file_services_manager, stops_and_restarts_what_runs) {
-    samba.enabled = false;
-    plug("a");
-    pass(20);
-    file_services_manager_reload_file_services();
-    pass(20);
-    EXPECT_EQ(samba.done, "");
-    EXPECT_EQ(avahi.done, "3+ 23- 28+ ");
-    EXPECT_FALSE(file_services_manager_change_file_service_state_by_name("afp", false));
-    EXPECT_TRUE(file_services_manager_change_file_service_state_by_name("AFP", false));
-    EXPECT_TRUE(file_services_manager_change_file_service_state_by_name("AFP", true));
-    pass(20);
-    EXPECT_EQ(afp.done, "3+ 23- 28+ 43- 48+ ");
-    EXPECT_TRUE(file_services_manager_stop());
-    EXPECT_FALSE(afp.running || avahi.running);
-}
-
 }  // namespace
