@@ -90,6 +90,29 @@ bool create_working_dirs() {
     return true;
 }
 
+// What comes before the services. kept: two failures are not logged as errors.
+struct start_step {
+    const char *begins;
+    bool (*run)();
+    const char *failed;
+    log_level failure_level = LOG_LEVEL_ERROR;
+};
+constexpr start_step start_steps[] = {
+    {"Connecting to dbus", [] { return message_bus_new(timer_loop()); }, "Cannot connect to dbus",
+     LOG_LEVEL_INFO},
+    {"Registering dbus names",
+     [] {
+         return std::all_of(std::begin(bus_names), std::end(bus_names), message_bus_request_name);
+     },
+     "Cannot register required dbus names"},
+    {"Loading nimbrelc config",
+     [] { return nimbrelc_config_load(get_nimbrelc_config_file_location()); },
+     "Cannot load nimbrelc config file"},
+    {"Set software version", nimbrelc_config_set_software_version, "Cannot set software version"},
+    {"Creating working dirs", create_working_dirs, "Cannot create the workdir"},
+    {"Configuring syslogd", syslog_utils_configure, "Failed to configure syslogd", LOG_LEVEL_INFO},
+};
+
 }  // namespace
 
 bool nimbrelc_start(event_base *loop) {
@@ -98,35 +121,12 @@ bool nimbrelc_start(event_base *loop) {
         return false;
     }
     timer_use_loop(loop);
-    LOG_INFO("Connecting to dbus");
-    if (!message_bus_new(loop)) {
-        LOG_INFO("Cannot connect to dbus");  // kept: not an error
-        return false;
-    }
-    LOG_INFO("Registering dbus names");
-    if (!std::all_of(std::begin(bus_names), std::end(bus_names), message_bus_request_name)) {
-        LOG_ERROR("Cannot register required dbus names");
-        return false;
-    }
-    LOG_INFO("Loading nimbrelc config");
-    if (!nimbrelc_config_load(get_nimbrelc_config_file_location())) {
-        LOG_ERROR("Cannot load nimbrelc config file");
-        return false;
-    }
-    LOG_INFO("Set software version");
-    if (!nimbrelc_config_set_software_version()) {
-        LOG_ERROR("Cannot set software version");
-        return false;
-    }
-    LOG_INFO("Creating working dirs");
-    if (!create_working_dirs()) {
-        LOG_ERROR("Cannot create the workdir");
-        return false;
-    }
-    LOG_INFO("Configuring syslogd");
-    if (!syslog_utils_configure()) {
-        LOG_INFO("Failed to configure syslogd");  // kept: not an error
-        return false;
+    for (const start_step &step : start_steps) {
+        LOG_INFO("%s", step.begins);
+        if (!step.run()) {
+            LOG_AT(step.failure_level, "%s", step.failed);
+            return false;
+        }
     }
     LOG_INFO("Starting services..");
     for (const service &row : services) {

@@ -333,10 +333,12 @@ std::string build_physical_medium(const cJSON *devices, const cJSON *partitions,
         std::string(json_text(device, "vendor")) + " " + json_text(device, "model");
     const json_ptr entry(cJSON_CreateObject());
     cJSON_AddStringToObject(entry.get(), "Name", name.c_str());
-    cJSON_AddStringToObject(entry.get(), "Vendor", json_text(device, "vendor"));
-    cJSON_AddStringToObject(entry.get(), "Model", json_text(device, "model"));
-    cJSON_AddStringToObject(entry.get(), "SerialNumber", json_text(device, "serial"));
-    cJSON_AddStringToObject(entry.get(), "ConnectionType", json_text(device, "connection_type"));
+    for (const auto &[member, source] : {std::pair("Vendor", "vendor"),
+                                         {"Model", "model"},
+                                         {"SerialNumber", "serial"},
+                                         {"ConnectionType", "connection_type"}}) {
+        cJSON_AddStringToObject(entry.get(), member, json_text(device, source));
+    }
     cJSON_AddTrueToObject(entry.get(), "Removable");
     cJSON_AddStringToObject(entry.get(), "Status", "Online");
     add_capacity(entry.get(), "Capacity", capacity);

@@ -17,7 +17,6 @@
 #include "config/config.h"
 #include "config/stored_secrets.h"
 #include "platform/launch.h"
-#include "remote_access/vpn_devices.h"
 #include "remote_access/vpn_server.h"
 
 namespace {
@@ -248,6 +247,35 @@ void get_last_connection_details_callback(const message_bus_args & /*args*/,
     reply_json(std::move(request), details.get());
 }
 
+// Cuts the next token off `rest`; empty when there is none. As with strtok() there are no empty
+// ones, and every other character, a line's end too, belongs to its token.
+std::string take_token(std::string_view &rest) {
+    constexpr char separator = ';';
+    rest.remove_prefix(std::min(rest.find_first_not_of(separator), rest.size()));
+    const std::string token(rest.substr(0, rest.find(separator)));
+    rest.remove_prefix(token.size());
+    return token;
+}
+
+// The script's tokens come three at a time; what is left after the last triple is dropped.
+json_ptr parse_devices(std::string_view output) {
+    json_ptr devices(cJSON_CreateArray());
+    while (true) {
+        const std::string count = take_token(output);
+        const std::string format = take_token(output);
+        const std::string address = take_token(output);
+        if (address.empty()) {
+            return devices;
+        }
+        cJSON *device = cJSON_CreateObject();
+        cJSON_AddStringToObject(device, "ipAddress", address.c_str());
+        cJSON *connection_time = cJSON_AddObjectToObject(device, "connectionTime");
+        cJSON_AddStringToObject(connection_time, "count", count.c_str());
+        cJSON_AddStringToObject(connection_time, "format", format.c_str());
+        cJSON_AddItemToArray(devices.get(), device);
+    }
+}
+
 void get_devices_callback(const message_bus_args & /*args*/, message_bus_request request) {
     std::string output;
     const bool listed = launch_or_log(log_category,
@@ -259,7 +287,7 @@ void get_devices_callback(const message_bus_args & /*args*/, message_bus_request
         message_bus_send_no_reply(std::move(request));
         return;
     }
-    const json_ptr devices = vpn_devices_parse(output);
+    const json_ptr devices = parse_devices(output);
     LOG_INFO("%s", output.c_str());
     reply_json(std::move(request), devices.get());
 }
