@@ -14,7 +14,7 @@ void fuzz(std::string_view input) {
     for (uint32_t index = 0; index < 4; ++index) {
         for (const auto build : {build_physical_medium, build_logical_volume}) {
             const auto object = build(records.get(), records.get(), index);
-            must(!object || parse(*object) != nullptr, "the data model's objects are JSON");
+            must(object.empty() || parse(object) != nullptr, "the data model's objects are JSON");
         }
     }
     disk_lists_set_devices(json_ptr(cJSON_Duplicate(records.get(), true)));
