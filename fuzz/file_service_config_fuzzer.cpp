@@ -7,9 +7,8 @@
 
 #include "common/texts.h"
 #include "fuzz.h"
-#include "sharing/file_service_afp.h"
 #include "sharing/file_service_config.h"
-#include "sharing/file_service_samba.h"
+#include "sharing/file_services_table.h"
 
 namespace {
 

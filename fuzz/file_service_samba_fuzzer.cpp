@@ -1,6 +1,6 @@
 // What Samba itself makes of its file: it shares exactly the places that are written there. The
 // input is labels and mount points in turn.
-#include "sharing/file_service_samba.h"
+#include "sharing/file_services_table.h"
 
 #include <dbus/dbus.h>
 

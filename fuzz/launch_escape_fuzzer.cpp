@@ -1,6 +1,6 @@
 // Escaped values in a command line: each shell that a box may have reads them back literally, and
 // outside of quotes splits them at their blanks and at nothing else.
-#include "platform/launch_escape.h"
+#include "platform/launch.h"
 
 #include "fuzz.h"
 #include "platform/launch.h"

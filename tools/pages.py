@@ -30,7 +30,7 @@ def faults(root):
     log, platform, known, logged, for_others = read("docs/log.md"), read("docs/platform.md"), [], {}, []
     for path in (root / "src").rglob("*.*"):
         known += literals(read(path))
-        for_others += sum(map(literals, re.findall(r"LOG_FOR\(.*?\);", read(path), re.S)), [])
+        for_others += sum(map(literals, re.findall(r"\w+\((?:caller|module|found\.module), .*?;", read(path), re.S)), [])
         if category := re.search('log_category = "(.+)"', read(path)):
             logged.setdefault(category[1], []).extend(literals(read(path)))
             room = rooms.room_of(str(path.relative_to(root / "src")))

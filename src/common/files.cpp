@@ -209,8 +209,7 @@ bool safe_dump_string_to_file(const char *path, const char *text, mode_t mode) {
     if (path == nullptr || text == nullptr) {
         return false;
     }
-    if (strlen(text) > max_file_size) {
-        LOG_ERROR("Error saving file");
+    if (!or_log(log_category, strlen(text) <= max_file_size, "Error saving file")) {
         return false;
     }
     struct stat replaced {};
@@ -221,9 +220,9 @@ bool safe_dump_string_to_file(const char *path, const char *text, mode_t mode) {
     if (remove(temporary.c_str()) == 0) {
         LOG_WARN("Previous file write failed, proceeding");
     }
-    if (!write_text(temporary.c_str(), make_for_writing(temporary.c_str(), mode), text,
-                    sync_writes)) {
-        LOG_ERROR("Error saving file");
+    file_ptr file = make_for_writing(temporary.c_str(), mode);
+    if (!or_log(log_category, write_text(temporary.c_str(), std::move(file), text, sync_writes),
+                "Error saving file")) {
         return false;
     }
     if (rename(temporary.c_str(), path) != 0) {

@@ -39,14 +39,9 @@ std::string owned_text(char *printed) {
 
 json_ptr nimbrelc_utils_read_file_and_parse_json(const char *path) {
     const std::optional<std::string> text = nimbrelc_utils_read_file(path);
-    if (!text) {
-        return nullptr;
-    }
-    json_ptr root(cJSON_Parse(text->c_str()));
-    if (root == nullptr) {
-        LOG_ERROR("Cannot parse json formatted file");
-    }
-    return root;
+    return text ? or_log(log_category, json_ptr(cJSON_Parse(text->c_str())),
+                         "Cannot parse json formatted file")
+                : nullptr;
 }
 
 cJSON *nimbrelc_utils_get_json_object(cJSON *root, std::string_view path, cJSON **parent) {
@@ -91,7 +86,7 @@ bool nimbrelc_utils_remove_json_object(cJSON *root, std::string_view path) {
 bool json_replace(cJSON *root, std::string_view path, json_ptr value) {
     cJSON *parent = nullptr;
     cJSON *item = nimbrelc_utils_get_json_object(root, path, &parent);
-    if (item == nullptr || value == nullptr) {
+    if (item == nullptr) {
         return false;
     }
     replace_member(parent, item, std::move(value));

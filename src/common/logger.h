@@ -65,6 +65,15 @@ struct log_source {
 #define LOG_FOR(source, level, ...) \
     _log((source).category, level, (source).file, (source).line, __VA_ARGS__)
 
+// The value as it is. For one that is false, none or null the failure is logged at ERROR.
+template <class Value>
+Value or_log(const log_source &caller, Value value, const char *failure) {
+    if (!value) {
+        LOG_FOR(caller, LOG_LEVEL_ERROR, "%s", failure);
+    }
+    return value;
+}
+
 // Each source file names its category in a file-local `log_category`.
 #define LOG_AT(level, ...) _log(log_category, level, __FILE__, __LINE__, __VA_ARGS__)
 #define LOG_TRACE(...) LOG_AT(LOG_LEVEL_TRACE, __VA_ARGS__)

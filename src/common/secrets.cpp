@@ -50,12 +50,10 @@ std::string crypto_error() {
 }
 
 bool derive_key(secret_key &key, std::string_view passphrase, const unsigned char *salt) {
-    if (PKCS5_PBKDF2_HMAC_SHA1(passphrase.data(), static_cast<int>(passphrase.size()), salt,
-                               salt_size, key_iterations, key_size, key.bytes) != 1) {
-        LOG_ERROR("Keygen failed");
-        return false;
-    }
-    return true;
+    return or_log(log_category,
+                  PKCS5_PBKDF2_HMAC_SHA1(passphrase.data(), static_cast<int>(passphrase.size()),
+                                         salt, salt_size, key_iterations, key_size, key.bytes) == 1,
+                  "Keygen failed");
 }
 
 // Key and iv (null where the cipher has none) are of the cipher's sizes.
@@ -90,6 +88,10 @@ std::optional<std::string> run_cipher(const log_source &caller, cipher_direction
     }
     result.resize(static_cast<size_t>(updated) + static_cast<size_t>(finished));
     return result;
+}
+
+bio_ptr new_base64_filter() {
+    return or_log(log_category, bio_ptr(BIO_new(BIO_f_base64())), "Creating BIO base64 failed");
 }
 
 // The base64 filter, in one-line mode, over `memory`.
@@ -134,10 +136,7 @@ std::optional<std::string> nimbrelc_utils_encrypt_data(std::string_view data,
     }
     const auto cipher_text =
         run_cipher(log_category, cipher_direction::encrypt, EVP_aes_256_cbc(), key.bytes, iv, data);
-    if (!cipher_text) {
-        return std::nullopt;
-    }
-    return blob + *cipher_text;
+    return cipher_text ? std::optional(blob + *cipher_text) : std::nullopt;
 }
 
 std::optional<std::string> nimbrelc_utils_decrypt_data(std::string_view blob,
@@ -157,22 +156,15 @@ std::optional<std::string> nimbrelc_utils_decrypt_data(std::string_view blob,
 }
 
 std::optional<std::string> nimbrelc_utils_base64_encode(std::string_view data) {
-    if (data.data() == nullptr) {
-        LOG_ERROR("Passed buffer must be non null");
+    if (!or_log(log_category, data.data() != nullptr, "Passed buffer must be non null") ||
+        !or_log(log_category, !data.empty(), "Length of passed buffer must be greater than zero")) {
         return std::nullopt;
     }
-    if (data.empty()) {
-        LOG_ERROR("Length of passed buffer must be greater than zero");
-        return std::nullopt;
-    }
-    bio_ptr filter(BIO_new(BIO_f_base64()));
-    if (filter == nullptr) {
-        LOG_ERROR("Creating BIO base64 failed");
-        return std::nullopt;
-    }
-    bio_ptr memory(BIO_new(BIO_s_mem()));
-    if (memory == nullptr) {
-        LOG_ERROR("Creating BIO mem failed");
+    bio_ptr filter = new_base64_filter();
+    bio_ptr memory =
+        filter ? or_log(log_category, bio_ptr(BIO_new(BIO_s_mem())), "Creating BIO mem failed")
+               : nullptr;
+    if (!memory) {
         return std::nullopt;
     }
     BIO *sink = memory.get();
@@ -194,18 +186,13 @@ std::optional<std::string> nimbrelc_utils_base64_encode(std::string_view data) {
 }
 
 std::optional<std::string> nimbrelc_utils_base64_decode(const char *text) {
-    if (text == nullptr) {
-        LOG_ERROR("Passed buffer must be non null");
+    if (!or_log(log_category, text, "Passed buffer must be non null")) {
         return std::nullopt;
     }
-    bio_ptr memory(BIO_new_mem_buf(text, -1));
-    if (memory == nullptr) {
-        LOG_ERROR("Creating BIO mem failed");
-        return std::nullopt;
-    }
-    bio_ptr filter(BIO_new(BIO_f_base64()));
-    if (filter == nullptr) {
-        LOG_ERROR("Creating BIO base64 failed");
+    bio_ptr memory =
+        or_log(log_category, bio_ptr(BIO_new_mem_buf(text, -1)), "Creating BIO mem failed");
+    bio_ptr filter = memory ? new_base64_filter() : nullptr;
+    if (!filter) {
         return std::nullopt;
     }
     const bio_ptr decoder = push_base64(std::move(filter), std::move(memory));
@@ -227,30 +214,20 @@ std::optional<std::string> nimbrelc_utils_base64_decode(const char *text) {
 
 std::optional<std::string> nimbrelc_utils_encrypt_and_base64_encode_data(
     std::string_view data, std::string_view passphrase) {
-    const std::optional<std::string> blob = nimbrelc_utils_encrypt_data(data, passphrase);
-    if (!blob) {
-        LOG_ERROR("encrypt_and_base64_encode: data encryption failed");
-        return std::nullopt;
-    }
-    std::optional<std::string> text = nimbrelc_utils_base64_encode(*blob);
-    if (!text) {
-        LOG_ERROR("encrypt_and_base64_encode: data encoding failed");
-    }
-    return text;
+    const auto blob = or_log(log_category, nimbrelc_utils_encrypt_data(data, passphrase),
+                             "encrypt_and_base64_encode: data encryption failed");
+    return blob ? or_log(log_category, nimbrelc_utils_base64_encode(*blob),
+                         "encrypt_and_base64_encode: data encoding failed")
+                : std::nullopt;
 }
 
 std::optional<std::string> nimbrelc_utils_decrypt_base64_encoded_data(const char *text,
                                                                       std::string_view passphrase) {
-    const std::optional<std::string> blob = nimbrelc_utils_base64_decode(text);
-    if (!blob) {
-        LOG_ERROR("decrypt_base64_encoded_data: data decoding failed");
-        return std::nullopt;
-    }
-    std::optional<std::string> data = nimbrelc_utils_decrypt_data(*blob, passphrase);
-    if (!data) {
-        LOG_ERROR("decrypt_base64_encoded_data: data decryption failed");
-    }
-    return data;
+    const auto blob = or_log(log_category, nimbrelc_utils_base64_decode(text),
+                             "decrypt_base64_encoded_data: data decoding failed");
+    return blob ? or_log(log_category, nimbrelc_utils_decrypt_data(*blob, passphrase),
+                         "decrypt_base64_encoded_data: data decryption failed")
+                : std::nullopt;
 }
 
 std::optional<std::string> nimbrelc_utils_get_decrypted_string(const char *stored,

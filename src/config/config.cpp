@@ -44,9 +44,9 @@ bool nimbrelc_config_load(const char *path) {
         return false;
     }
     LOG_INFO("Loading config file: %s", loaded_path.c_str());
-    json_ptr root(cJSON_Parse(text->c_str()));
-    if (root == nullptr) {
-        LOG_ERROR("Cannot parse json in config file");
+    json_ptr root = or_log(log_category, json_ptr(cJSON_Parse(text->c_str())),
+                           "Cannot parse json in config file");
+    if (!root) {
         return false;
     }
     config_root = std::move(root);
@@ -63,11 +63,9 @@ bool nimbrelc_config_save() {
         return false;
     }
     printed_size = text.size();
-    if (!safe_dump_string_to_file(loaded_path.c_str(), text.c_str(), file_mode_secret)) {
-        LOG_ERROR("Error saving nimbrelc config");
-        return false;
-    }
-    return true;
+    return or_log(log_category,
+                  safe_dump_string_to_file(loaded_path.c_str(), text.c_str(), file_mode_secret),
+                  "Error saving nimbrelc config");
 }
 
 bool nimbrelc_config_has_room_for(std::string_view text) {
@@ -119,19 +117,16 @@ bool set_config_text(const char *path, const char *value) {
 }
 
 bool config_is_valid(const log_source &module, std::span<const config_rule> rules) {
-    if (!std::all_of(rules.begin(), rules.end(), [](const config_rule &rule) {
-            return get_config_item(rule.path) != nullptr;
-        })) {
-        LOG_FOR(module, LOG_LEVEL_ERROR, "Bad configuration. One of the fields is not present");
-        return false;
-    }
-    if (!std::all_of(rules.begin(), rules.end(), [](const config_rule &rule) {
-            return rule.is_valid == nullptr || rule.is_valid(get_config_item(rule.path));
-        })) {
-        LOG_FOR(module, LOG_LEVEL_ERROR, "Bad configuration. Some fields have bad values.");
-        return false;
-    }
-    return true;
+    const auto is_present = [](const config_rule &rule) {
+        return get_config_item(rule.path) != nullptr;
+    };
+    const auto is_valid = [](const config_rule &rule) {
+        return rule.is_valid == nullptr || rule.is_valid(get_config_item(rule.path));
+    };
+    return or_log(module, std::all_of(rules.begin(), rules.end(), is_present),
+                  "Bad configuration. One of the fields is not present") &&
+           or_log(module, std::all_of(rules.begin(), rules.end(), is_valid),
+                  "Bad configuration. Some fields have bad values.");
 }
 
 const char *nimbrelc_config_get_software_version() {
@@ -155,18 +150,17 @@ bool nimbrelc_config_set_software_version() {
     if (!version) {
         return false;
     }
-    cJSON *cpe_device = json_section(config_root.get(), "cpeDevice");
+    cJSON *cpe_device = or_log(log_category, json_section(config_root.get(), "cpeDevice"),
+                               "Cannot find cpeDevice section in configuration file");
     if (cpe_device == nullptr) {
-        LOG_ERROR("Cannot find cpeDevice section in configuration file");
         return false;
     }
-    cJSON *device_info = json_section(cpe_device, "deviceInfo");
+    cJSON *device_info = or_log(log_category, json_section(cpe_device, "deviceInfo"),
+                                "Cannot find deviceInfo section in configuration file");
     if (device_info == nullptr) {
-        LOG_ERROR("Cannot find deviceInfo section in configuration file");
         return false;
     }
-    cJSON *recorded = cJSON_GetObjectItem(device_info, version_key);
-    if (recorded != nullptr) {
+    if (cJSON *recorded = cJSON_GetObjectItem(device_info, version_key)) {
         if (cJSON_IsString(recorded) && *version == recorded->valuestring) {
             return true;
         }

@@ -82,12 +82,10 @@ bool create_working_dirs() {
     constexpr const char *own = "/tmp/nimbrel";
     constexpr const char *configs = "/tmp/nimbrel/configs";
     mkdir(own, 0777);
-    if (!is_private_dir(own) || (mkdir(configs, 0755) != 0 && errno != EEXIST) ||
-        !is_private_dir(configs)) {
-        LOG_ERROR("Cannot create all working dirs");
-        return false;
-    }
-    return true;
+    return or_log(log_category,
+                  is_private_dir(own) && (mkdir(configs, 0755) == 0 || errno == EEXIST) &&
+                      is_private_dir(configs),
+                  "Cannot create all working dirs");
 }
 
 // What comes before the services. kept: two failures are not logged as errors.

@@ -15,7 +15,6 @@
 #include "datamodel/datamodel_storage.h"
 #include "maintenance/maintenance.h"
 #include "platform/launch.h"
-#include "platform/launch_escape.h"
 #include "remote_access/remote_access.h"
 
 namespace {
@@ -84,8 +83,8 @@ void refuse_provisioning_state() {
 // Hands the state to the agent's own service; waits until that has answered.
 bool push_provisioning_state() {
     const cJSON *state = get_config_item(config_path(provisioning_state_key).c_str());
-    if (!cJSON_IsString(state)) {
-        LOG_ERROR("Cannot find ProvisioningState configuration");
+    if (!or_log(log_category, cJSON_IsString(state),
+                "Cannot find ProvisioningState configuration")) {
         return false;
     }
     if (!is_one_value(state->valuestring)) {

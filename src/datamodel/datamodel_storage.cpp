@@ -343,9 +343,7 @@ std::string build_physical_medium(const cJSON *devices, const cJSON *partitions,
     cJSON_AddStringToObject(entry.get(), "Status", "Online");
     add_capacity(entry.get(), "Capacity", capacity);
     std::string text = print_json_unformatted(entry.get());
-    if (text.empty()) {
-        LOG_ERROR("physical_medium_getter: cannot print entry");
-    }
+    or_log(log_category, !text.empty(), "physical_medium_getter: cannot print entry");
     return text;
 }
 
@@ -356,13 +354,12 @@ std::string build_logical_volume(const cJSON *devices, const cJSON *partitions, 
         return "";
     }
     const char *disk_syspath = json_text(partition, "disk_syspath");
-    if (disk_syspath[0] == '\0') {
-        LOG_ERROR("logical_volume_getter: undefined disk syspath");
-        return "";
-    }
-    const int device = find_device(devices, disk_syspath);
+    const int device = or_log(log_category, disk_syspath[0] != '\0',
+                              "logical_volume_getter: undefined disk syspath")
+                           ? or_log(log_category, find_device(devices, disk_syspath),
+                                    "logical_volume_getter: cannot find device for volume")
+                           : 0;
     if (device == 0) {
-        LOG_ERROR("logical_volume_getter: cannot find device for volume");
         return "";
     }
     const double capacity = number_of(partition, "capacity");
@@ -378,8 +375,6 @@ std::string build_logical_volume(const cJSON *devices, const cJSON *partitions, 
     add_capacity(entry.get(), "Capacity", capacity);
     add_capacity(entry.get(), "UsedSpace", capacity - number_of(partition, "free"));
     std::string text = print_json_unformatted(entry.get());
-    if (text.empty()) {
-        LOG_ERROR("logical_volume_getter: cannot print entry");
-    }
+    or_log(log_category, !text.empty(), "logical_volume_getter: cannot print entry");
     return text;
 }

@@ -10,7 +10,6 @@
 #include "common/logger.h"
 #include "common/msg_bus/message_bus.h"
 #include "disks/disks.h"
-#include "disks/removable_devices_manager.h"
 
 namespace {
 

@@ -1,6 +1,4 @@
 // Logs as "nimbrelc_utils".
-#include "disks/disk_records.h"
-
 #include <strings.h>
 
 #include <algorithm>

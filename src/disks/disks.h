@@ -5,6 +5,9 @@
 
 #include <cjson/cJSON.h>
 
+#include <string>
+#include <string_view>
+
 #include "common/json.h"
 #include "common/msg_bus/message_bus.h"
 
@@ -39,11 +42,19 @@ bool removable_partitions_list(message_bus_reply_ctx_cb reply);
 bool removable_devices_list(message_bus_request &request, message_bus_answer answer);
 bool removable_partitions_list(message_bus_request &request, message_bus_answer answer);
 
+// Forward a request to the disk daemon, whose answer is not awaited. True when the call was sent.
+bool removable_devices_unmount_device(const char *uuid);
+bool removable_devices_change_label(const char *uuid, const char *label);
+
 // Whether a partition's record has a mount point.
 bool disk_record_is_mounted(const cJSON *partition);
 
-// The disk daemon's notation as JSON, or none. A record in which a member stands twice is none, and
-// left out of a list. What could not be read is kept in /tmp/nimbrel/ddm_data.err and ddm_json.err.
+// The disk daemon's notation, with bare keys and single-quoted strings
+// ({syspath: '/sys/block/sda', partitions_count: 1}), as JSON. The first only adds the missing
+// quotes. The second parses: none for what cannot be read, which is kept in
+// /tmp/nimbrel/ddm_data.err and ddm_json.err, and for a record in which a member stands twice; in a
+// list such a record is left out.
+std::string convert_ddm_respone_data_to_json_str(std::string_view text);
 json_ptr convert_ddm_respone_data_to_json(const char *text);
 // The same for what has to be a list.
 json_ptr convert_ddm_list(const char *text);

@@ -1,5 +1,5 @@
-#include "disks/removable_devices_manager.h"
-
+// The bus side of what is plugged in: keeps the lists current from the disk daemon's signals, tells
+// one listener when partitions come and go, shows LCD messages for disks, and forwards requests.
 #include <cstring>
 #include <string>
 #include <utility>

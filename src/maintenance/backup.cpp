@@ -73,11 +73,9 @@ std::string plain_storage_password(cJSON *root) {
     if (stored[0] == '\0') {
         return "";
     }
-    const auto plain = file_services_request_handler_decrypt_storage_password(stored);
-    if (!plain) {
-        LOG_ERROR("Decryption of storage.password4 failed");
-    }
-    return plain.value_or("");
+    return or_log(log_category, file_services_request_handler_decrypt_storage_password(stored),
+                  "Decryption of storage.password4 failed")
+        .value_or("");
 }
 
 std::string plain_vpn_secret(cJSON *root, const vpn_secret &secret) {
@@ -108,10 +106,9 @@ void restore_plain_storage_password(cJSON *root, const cJSON *values) {
         nimbrelc_utils_empty_if_null_json(cJSON_GetObjectItem(values, "storage.password"));
     std::optional<std::string> encrypted;
     if (plain[0] != '\0') {
-        encrypted = file_services_request_handler_encrypt_storage_password(plain);
-        if (!encrypted) {
-            LOG_ERROR("Encryption of storage.password failed");
-        }
+        encrypted =
+            or_log(log_category, file_services_request_handler_encrypt_storage_password(plain),
+                   "Encryption of storage.password failed");
     }
     replace_secret(root, "storage.password4", encrypted);
 }
@@ -142,11 +139,10 @@ void restore_value(cJSON *root, const cJSON *member) {
 }
 
 void store(const message_bus_args &args) {
-    const json_ptr document = backup_create(get_config_root());
-    if (!document) {
-        LOG_ERROR("Failed to create backup");
-    } else if (!backup_save(args[0].string, document.get())) {
-        LOG_ERROR("Failed to save the backup");
+    if (const json_ptr document =
+            or_log(log_category, backup_create(get_config_root()), "Failed to create backup")) {
+        or_log(log_category, backup_save(args[0].string, document.get()),
+               "Failed to save the backup");
     }
 }
 
@@ -158,20 +154,16 @@ bool restore_from(const char *path) {
     }
     if (!backup_restore(get_config_root(), document.get())) {
         LOG_ERROR("Failed to restore from the backup");
-        if (event_base_loopbreak(timer_loop()) != 0) {
-            LOG_ERROR("event_base_loopbreak failed");
-        }
+        or_log(log_category, event_base_loopbreak(timer_loop()) == 0,
+               "event_base_loopbreak failed");
         return false;
     }
-    if (!nimbrelc_config_save()) {
-        LOG_ERROR("Failed to save nimbrelc's configuration");
-    } else {
+    if (or_log(log_category, nimbrelc_config_save(), "Failed to save nimbrelc's configuration")) {
         LOG_INFO("Nimbrelc backup has been successfully restored");
     }
     // kept: the restart comes, and the answer is true, even when the save failed.
-    if (event_base_loopexit(timer_loop(), &restart_delay) != 0) {
-        LOG_ERROR("event_base_loopexit failed");
-    }
+    or_log(log_category, event_base_loopexit(timer_loop(), &restart_delay) == 0,
+           "event_base_loopexit failed");
     return true;
 }
 
@@ -222,20 +214,12 @@ json_ptr backup_create(cJSON *root) {
 
 bool backup_save(const char *path, const cJSON *document) {
     const std::string text = print_json(document);
-    if (text.empty()) {
-        LOG_ERROR("Error printing nimbrelc backup config");
+    if (!or_log(log_category, !text.empty(), "Error printing nimbrelc backup config")) {
         return false;
     }
-    const std::optional<std::string> encrypted = backup_encrypt(text);
-    if (!encrypted) {
-        LOG_ERROR("Encrypting backup failed");
-        return false;
-    }
-    if (!dump_binary_to_file(path, *encrypted)) {
-        LOG_ERROR("Failed to save backup");
-        return false;
-    }
-    return true;
+    const auto encrypted = or_log(log_category, backup_encrypt(text), "Encrypting backup failed");
+    return encrypted &&
+           or_log(log_category, dump_binary_to_file(path, *encrypted), "Failed to save backup");
 }
 
 std::optional<std::string> backup_encrypt(std::string_view data) {
@@ -252,22 +236,15 @@ json_ptr backup_load(const char *path) {
         LOG_ERROR("Reading encrypted file failed: %s", strerror(errno));
         return nullptr;
     }
-    const std::optional<std::string> text = backup_decrypt(*encrypted);
-    if (!text) {
-        LOG_ERROR("Decrypting backup failed");
-        return nullptr;
-    }
-    json_ptr document(cJSON_Parse(text->c_str()));
-    if (!document) {
-        LOG_ERROR("Cannot parse json in config file");
-    }
-    return document;
+    const auto text = or_log(log_category, backup_decrypt(*encrypted), "Decrypting backup failed");
+    return text ? or_log(log_category, json_ptr(cJSON_Parse(text->c_str())),
+                         "Cannot parse json in config file")
+                : nullptr;
 }
 
 bool backup_restore(cJSON *root, const cJSON *document) {
     const cJSON *values = cJSON_GetObjectItem(document, "config");
-    if (!cJSON_IsObject(values)) {
-        LOG_ERROR("Bad backup file format");
+    if (!or_log(log_category, cJSON_IsObject(values), "Bad backup file format")) {
         return false;
     }
     const cJSON *member = nullptr;

@@ -63,9 +63,8 @@ void add_dump(const message_bus_args &args) {
     if (!nimbrelc_config_has_room_for(process_name)) {
         return;
     }
-    const std::optional<std::string> stamp = print_datetime(timer_now());
+    const auto stamp = or_log(log_category, print_datetime(timer_now()), "Cannot print timestamp");
     if (!stamp) {
-        LOG_ERROR("Cannot print timestamp");
         return;
     }
     push_dump(stamp->c_str(), process_name);

@@ -50,17 +50,13 @@ bool update_marker(const char *path, bool present) {
 }
 
 bool save_password(const char *password) {
-    const std::optional<std::string> encrypted =
-        nimbrelc_utils_encrypt_and_base64_encode_data(password, password_passphrase);
-    if (!encrypted) {
-        LOG_ERROR("Encryption of serial console password failed");
-        return false;
-    }
-    if (!safe_dump_string_to_file(password_file, encrypted->c_str(), file_mode_secret)) {
-        LOG_ERROR("Failed to save the serial console login password");
-        return false;
-    }
-    return true;
+    const auto encrypted = or_log(
+        log_category, nimbrelc_utils_encrypt_and_base64_encode_data(password, password_passphrase),
+        "Encryption of serial console password failed");
+    return encrypted &&
+           or_log(log_category,
+                  safe_dump_string_to_file(password_file, encrypted->c_str(), file_mode_secret),
+                  "Failed to save the serial console login password");
 }
 
 }  // namespace

@@ -83,11 +83,8 @@ bool clear_persistent_state() {
 }
 
 bool restart_log_service() {
-    if (service_manager_restart("syslogd-log") != 0) {
-        LOG_ERROR("Failed to restart syslogd-log service");
-        return false;
-    }
-    return true;
+    return or_log(log_category, service_manager_restart("syslogd-log") == 0,
+                  "Failed to restart syslogd-log service");
 }
 
 bool reconfigure_log_service() {
@@ -106,15 +103,9 @@ bool reconfigure_log_service() {
             LOG_ERROR("Failed to compare the files");
             return false;
     }
-    if (!safe_dump_string_to_file(options_file, options)) {
-        LOG_ERROR("Failed to write syslog opts file");
-        return false;
-    }
-    if (!restart_log_service()) {
-        LOG_ERROR("Failed to restart syslogd-log");
-        return false;
-    }
-    return true;
+    return or_log(log_category, safe_dump_string_to_file(options_file, options),
+                  "Failed to write syslog opts file") &&
+           or_log(log_category, restart_log_service(), "Failed to restart syslogd-log");
 }
 
 void forget_timer(const stop_timer *timer) {
@@ -140,14 +131,10 @@ void stop_persistent_logging(const stop_timer *fired) {
     if (!removed) {
         return;
     }
-    if (!clear_persistent_state()) {
-        LOG_ERROR("Failed to cleanup configuration after timeout");
+    or_log(log_category, clear_persistent_state(), "Failed to cleanup configuration after timeout");
+    if (or_log(log_category, reconfigure_log_service(), "Failed to reconfigure syslogd-log")) {
+        LOG_INFO("Persistent logging stopped");
     }
-    if (!reconfigure_log_service()) {
-        LOG_ERROR("Failed to reconfigure syslogd-log");
-        return;
-    }
-    LOG_INFO("Persistent logging stopped");
 }
 
 // Half of what a 32-bit clock can tell, some 34 years: leaves room for the time that it is added
@@ -161,14 +148,10 @@ int timer_seconds(int64_t seconds) {
 bool start_stop_timer(int seconds) {
     LOG_INFO("Starting timer to stop persistent logging in %d sec.", seconds);
     stop_timer &timer = stop_timers.emplace_back();
-    timer.handle = timer_new([&timer] { stop_persistent_logging(&timer); });
-    if (timer.handle == nullptr) {
-        LOG_ERROR("evtimer_new failed");
-        stop_timers.pop_back();
-        return false;
-    }
-    if (!timer_start(*timer.handle, seconds)) {
-        LOG_ERROR("evtimer_add failed");
+    timer.handle = or_log(log_category, timer_new([&timer] { stop_persistent_logging(&timer); }),
+                          "evtimer_new failed");
+    if (!timer.handle ||
+        !or_log(log_category, timer_start(*timer.handle, seconds), "evtimer_add failed")) {
         stop_timers.pop_back();
         return false;
     }
@@ -232,12 +215,8 @@ bool syslog_utils_configure() {
     if (!config_is_valid(log_category, rules)) {
         return false;
     }
-    if (!setup_persistent_logging()) {
-        LOG_ERROR("Failed to setup persistent logging");
-        return false;
-    }
-    if (!reconfigure_log_service()) {
-        LOG_ERROR("Failed to reconfigure syslogd-log");
+    if (!or_log(log_category, setup_persistent_logging(), "Failed to setup persistent logging") ||
+        !or_log(log_category, reconfigure_log_service(), "Failed to reconfigure syslogd-log")) {
         return false;
     }
     if (!message_bus_add_methods(log_category, "/com/kelvanto/nimbrel",

@@ -60,18 +60,13 @@ std::optional<std::string> migration_utils_decrypt_string_R8(const char *text,
     if (nimbrelc_utils_is_null_or_empty(text)) {
         return "";
     }
-    const std::optional<std::string> blob = nimbrelc_utils_base64_decode(text);
-    if (!blob) {
-        LOG_ERROR("decrypt_base64_encoded_data: data decoding failed");
-        LOG_ERROR("Decryption failed");
-        return std::nullopt;
+    const auto blob = or_log(log_category, nimbrelc_utils_base64_decode(text),
+                             "decrypt_base64_encoded_data: data decoding failed");
+    auto plain = blob ? or_log(log_category, decrypt_blob(*blob, passphrase),
+                               "decrypt_base64_encoded_data: data decryption failed")
+                      : std::nullopt;
+    if (or_log(log_category, plain.has_value(), "Decryption failed")) {
+        plain->resize(strlen(plain->c_str()));
     }
-    std::optional<std::string> plain = decrypt_blob(*blob, passphrase);
-    if (!plain) {
-        LOG_ERROR("decrypt_base64_encoded_data: data decryption failed");
-        LOG_ERROR("Decryption failed");
-        return std::nullopt;
-    }
-    plain->resize(strlen(plain->c_str()));
     return plain;
 }

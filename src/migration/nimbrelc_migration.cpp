@@ -32,7 +32,8 @@ constexpr migration kq3_migrations[] = {
 };
 
 cJSON *get_device_info(cJSON *config) {
-    return json_section(config, "cpeDevice.deviceInfo");
+    return or_log(log_category, json_section(config, "cpeDevice.deviceInfo"),
+                  "Cannot find deviceInfo section in configuration file");
 }
 
 void set_software_version(cJSON *device_info, const char *version) {
@@ -42,7 +43,6 @@ void set_software_version(cJSON *device_info, const char *version) {
 std::optional<std::string> get_recorded_version(cJSON *config, const char *fallback) {
     cJSON *device_info = get_device_info(config);
     if (device_info == nullptr) {
-        LOG_ERROR("Cannot find deviceInfo section in configuration file");
         return std::nullopt;
     }
     const cJSON *version = cJSON_GetObjectItem(device_info, "softwareVersion");
@@ -61,7 +61,7 @@ std::optional<std::string> get_recorded_version(cJSON *config, const char *fallb
 }
 
 bool is_first_launch_after_legacy_build(cJSON *config) {
-    const cJSON *device_info = get_device_info(config);
+    const cJSON *device_info = json_section(config, "cpeDevice.deviceInfo");
     return nimbrelc_utils_check_if_file_exists(legacy_config) && device_info != nullptr &&
            nimbrelc_utils_json_is_null_or_empty(
                cJSON_GetObjectItem(device_info, "softwareVersion"));
@@ -82,9 +82,10 @@ constexpr legacy_secret legacy_secrets[] = {
 bool take_over_legacy_config(cJSON *config) {
     LOG_INFO("First launch of javaless build after upgrade from java build");
     LOG_INFO("Read old java build configuration file");
-    const json_ptr legacy = nimbrelc_utils_read_file_and_parse_json(legacy_config);
+    const json_ptr legacy =
+        or_log(log_category, nimbrelc_utils_read_file_and_parse_json(legacy_config),
+               "Cannot read old java configuration file");
     if (!legacy) {
-        LOG_ERROR("Cannot read old java configuration file");
         return false;
     }
     for (const legacy_secret &secret : legacy_secrets) {
@@ -103,8 +104,8 @@ bool take_over_legacy_config(cJSON *config) {
 
 bool check_version_formats(const char *installed, const char *recorded) {
     nimbrelc_regex format;
-    if (!nimbrelc_regex_compile(format, version_pattern)) {
-        LOG_ERROR("Cannot compile regex for verifying version format");
+    if (!or_log(log_category, nimbrelc_regex_compile(format, version_pattern),
+                "Cannot compile regex for verifying version format")) {
         return false;
     }
     if (!nimbrelc_regex_match(format, installed)) {
@@ -121,21 +122,20 @@ bool check_version_formats(const char *installed, const char *recorded) {
 
 bool upgrade(cJSON *config, const std::string &recorded_base, const std::string &installed_base) {
     LOG_INFO("Upgrade can be processed now - new container is installed");
-    if (!run_migration(kq3_migrations, std::size(kq3_migrations), recorded_base.c_str(),
-                       installed_base.c_str(), config)) {
-        LOG_ERROR("Migration failed");
-        return false;
-    }
-    return true;
+    return or_log(log_category,
+                  run_migration(kq3_migrations, std::size(kq3_migrations), recorded_base.c_str(),
+                                installed_base.c_str(), config),
+                  "Migration failed");
 }
 
 // No step runs backwards: the default document of the older firmware takes what it knows of.
 bool downgrade(json_ptr &config) {
     LOG_INFO("Downgrade can be processed - older container is installed");
     LOG_INFO("Read nimbrelc default configuration file");
-    json_ptr downgraded = nimbrelc_utils_read_file_and_parse_json(default_config);
+    json_ptr downgraded =
+        or_log(log_category, nimbrelc_utils_read_file_and_parse_json(default_config),
+               "Cannot read default configuration file");
     if (!downgraded) {
-        LOG_ERROR("Cannot read default configuration file");
         return false;
     }
     LOG_INFO("Prepare configuration file apropriate for downgraded version of nimbrelc");
@@ -148,18 +148,15 @@ bool save(cJSON *config, const char *installed) {
     LOG_INFO("Update version in config file to: %s", installed);
     cJSON *device_info = get_device_info(config);
     if (device_info == nullptr) {
-        LOG_ERROR("Cannot find deviceInfo section in configuration file");
         return false;
     }
     set_software_version(device_info, installed);
     const std::string text = print_json(config);
-    if (text.empty()) {
-        LOG_ERROR("Error printing modified config");
-        return false;
-    }
-    if (!safe_dump_string_to_file(get_nimbrelc_config_file_location(), text.c_str(),
-                                  file_mode_secret)) {
-        LOG_ERROR("Error saving migrated config");
+    if (!or_log(log_category, !text.empty(), "Error printing modified config") ||
+        !or_log(log_category,
+                safe_dump_string_to_file(get_nimbrelc_config_file_location(), text.c_str(),
+                                         file_mode_secret),
+                "Error saving migrated config")) {
         return false;
     }
     LOG_INFO("Migration of nimbrelc configuration file completed successfully");
@@ -176,14 +173,15 @@ bool run_nimbrelc_migration() {
         return false;
     }
     LOG_INFO("Read nimbrelc configuration file");
-    json_ptr config = nimbrelc_utils_read_file_and_parse_json(get_nimbrelc_config_file_location());
+    json_ptr config = or_log(
+        log_category, nimbrelc_utils_read_file_and_parse_json(get_nimbrelc_config_file_location()),
+        "Cannot read configuration file");
     if (!config) {
-        LOG_ERROR("Cannot read configuration file");
         return false;
     }
     if (is_first_launch_after_legacy_build(config.get()) &&
-        !take_over_legacy_config(config.get())) {
-        LOG_ERROR("Cannot copy old java config to new javaless config");
+        !or_log(log_category, take_over_legacy_config(config.get()),
+                "Cannot copy old java config to new javaless config")) {
         return false;
     }
     const std::optional<std::string> recorded =

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <string>
+#include <string_view>
 
 #include "common/logger.h"
 
@@ -41,3 +42,8 @@ bool launch_succeeds(std::string *output, const char *format, ...)
     __attribute__((format(printf, 2, 3)));
 bool launch_or_log(const log_source &caller, const launch_texts &texts, std::string *output,
                    const char *format, ...) __attribute__((format(printf, 4, 5)));
+
+// A value as one literal piece of a command line. Values without shell-active characters come back
+// as they are; blanks are never touched.
+std::string launch_escape_quoted(std::string_view value);    // to stand inside double quotes
+std::string launch_escape_unquoted(std::string_view value);  // to stand outside quotes

@@ -1,4 +1,4 @@
-#include "platform/launch_escape.h"
+#include "platform/launch.h"
 
 namespace {
 

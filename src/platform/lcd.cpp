@@ -74,13 +74,13 @@ bool lcd_start() {
         return false;
     }
     LOG_INFO("Loading json LCD locale from: \"%s\"", locale_path);
-    json_ptr document(cJSON_Parse(text->c_str()));
-    if (!document) {
-        LOG_ERROR("Cannot parse json LCD locale");
-        return false;
+    json_ptr document =
+        or_log(log_category, json_ptr(cJSON_Parse(text->c_str())), "Cannot parse json LCD locale");
+    if (document) {
+        locale_root = std::move(document);
+        return true;
     }
-    locale_root = std::move(document);
-    return true;
+    return false;
 }
 
 bool lcd_stop() {

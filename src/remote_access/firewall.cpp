@@ -1,8 +1,7 @@
-#include "remote_access/firewall.h"
-
 #include "common/build_flavour.h"
 #include "common/logger.h"
 #include "platform/launch.h"
+#include "remote_access/vpn_server.h"
 
 namespace {
 

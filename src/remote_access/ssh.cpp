@@ -17,7 +17,6 @@
 #include "common/timer.h"
 #include "config/config.h"
 #include "platform/launch.h"
-#include "platform/launch_escape.h"
 #include "platform/service_manager.h"
 #include "remote_access/remote_access.h"
 
@@ -169,13 +168,9 @@ void end_session() {
     if (!remove_timer()) {
         return;
     }
-    if (!clean_up_session()) {
-        LOG_ERROR("Failed to cleanup configuration after timeout");
-    }
-    if (stop_server()) {
+    or_log(log_category, clean_up_session(), "Failed to cleanup configuration after timeout");
+    if (or_log(log_category, stop_server(), "Failed to stop SSH")) {
         LOG_INFO("SSH stopped");
-    } else {
-        LOG_ERROR("Failed to stop SSH");
     }
 }
 
@@ -189,16 +184,9 @@ bool restart_timer(int32_t seconds) {
         LOG_INFO(endless_activation_text);
         return true;
     }
-    stop_timer = timer_new(end_session);
-    if (!stop_timer) {
-        LOG_ERROR("evtimer_new failed");
-        return false;
-    }
-    if (!timer_start(*stop_timer, seconds)) {
-        LOG_ERROR("evtimer_add failed");
-        return false;
-    }
-    return true;
+    stop_timer = or_log(log_category, timer_new(end_session), "evtimer_new failed");
+    return stop_timer &&
+           or_log(log_category, timer_start(*stop_timer, seconds), "evtimer_add failed");
 }
 
 bool set_activation_date() {
@@ -224,41 +212,37 @@ std::optional<time_t> get_activation_date() {
 
 // What a new and a continued activation share: the forwarding, then the server.
 bool open_access() {
-    if (!ssh_update_port_forwarding()) {
-        LOG_ERROR("Failed to set port forwarding");
+    if (!or_log(log_category, ssh_update_port_forwarding(), "Failed to set port forwarding")) {
         return false;
     }
-    if (!start_server()) {
-        LOG_ERROR("Failed to start SSH");
+    const bool started = or_log(log_category, start_server(), "Failed to start SSH");
+    if (!started) {
         delete_port_forwarding();
-        return false;
     }
-    return true;
+    return started;
 }
 
 bool begin_activation() {
     LOG_INFO("Start ssh session");
-    if (!set_activation_date()) {
-        LOG_ERROR("Failed to set activation date");
+    if (!or_log(log_category, set_activation_date(), "Failed to set activation date") ||
+        !open_access()) {
         return false;
     }
-    if (!open_access()) {
-        return false;
-    }
-    if (!restart_timer(static_cast<int32_t>(effective_duration()))) {
-        LOG_ERROR("Failed to start timer");
+    const bool timed =
+        or_log(log_category, restart_timer(static_cast<int32_t>(effective_duration())),
+               "Failed to start timer");
+    if (!timed) {
         stop_server();
         delete_port_forwarding();
-        return false;
     }
-    return true;
+    return timed;
 }
 
 bool continue_activation() {
     LOG_INFO("Try to continue ssh activation");
-    const std::optional<time_t> date = get_activation_date();
+    const std::optional<time_t> date =
+        or_log(log_category, get_activation_date(), "get_activation_date() failed");
     if (!date) {
-        LOG_ERROR("get_activation_date() failed");
         return false;
     }
     const std::optional<int32_t> remaining = remaining_seconds(*date);
@@ -271,24 +255,19 @@ bool continue_activation() {
         return false;
     }
     LOG_INFO("Continuing ssh session for next %d sec", *remaining);
-    if (!restart_timer(*remaining)) {
-        LOG_ERROR("Failed to start timer");
+    const bool timed = or_log(log_category, restart_timer(*remaining), "Failed to start timer");
+    if (!timed) {
         // kept: unlike with a new activation the server is left running.
         delete_port_forwarding();
-        return false;
     }
-    return true;
+    return timed;
 }
 
 }  // namespace
 
 bool ssh_start() {
-    if (!config_is_valid(log_category, rules)) {
-        LOG_ERROR("SSH configuration invalid");
-        return false;
-    }
-    if (!install_authorized_key()) {
-        LOG_ERROR("Failed to set authorized key");
+    if (!or_log(log_category, config_is_valid(log_category, rules), "SSH configuration invalid") ||
+        !or_log(log_category, install_authorized_key(), "Failed to set authorized key")) {
         return false;
     }
     // kept: a devel build goes on for a disabled SSH as for an enabled one, without the forwarding.
@@ -302,24 +281,14 @@ bool ssh_start() {
 
 bool ssh_stop() {
     LOG_INFO("Stopping ssh");
-    const bool stopped = stop_server();
-    if (!stopped) {
-        LOG_ERROR("Failed to stop SSH");
-    }
-    if (!delete_port_forwarding()) {
-        LOG_ERROR("Failed to delete port forwarding!");
-        return false;
-    }
-    return stopped;
+    const bool stopped = or_log(log_category, stop_server(), "Failed to stop SSH");
+    return or_log(log_category, delete_port_forwarding(), "Failed to delete port forwarding!") &&
+           stopped;
 }
 
 bool ssh_configure() {
     LOG_INFO("Applying ssh configuration");
-    if (!ssh_start()) {
-        LOG_ERROR("Failed to configure SSH");
-        return false;
-    }
-    return true;
+    return or_log(log_category, ssh_start(), "Failed to configure SSH");
 }
 
 bool ssh_set_activation_duration(const message_bus_arg &value, message_bus_request request) {

@@ -3,9 +3,7 @@
 #include "common/logger.h"
 #include "config/config.h"
 #include "config/stored_secrets.h"
-#include "remote_access/firewall.h"
 #include "remote_access/remote_access.h"
-#include "remote_access/vpn_request_handler.h"
 #include "remote_access/vpn_server.h"
 
 namespace {

@@ -1,6 +1,6 @@
 // Logs as "vpn".
-#include "remote_access/vpn_request_handler.h"
-
+// The VPN for the web front end, bus object /ws/vpn: settings, credentials and connected clients.
+// An empty answer is the only sign of failure that callers get.
 #include <algorithm>
 #include <cstring>
 #include <iterator>
@@ -104,33 +104,23 @@ void get_preshared_key_callback(const message_bus_args &args, message_bus_reques
 }
 
 bool are_valid_credentials(const char *username, const char *password, const char *preshared_key) {
-    if (!matches(username_pattern, username)) {
-        LOG_ERROR("Invalid username");
-        return false;
-    }
-    if (!is_valid_secret(password)) {
-        LOG_ERROR("Invalid password");
-        return false;
-    }
-    if (!is_valid_secret(preshared_key) || strcmp(password, preshared_key) == 0) {
-        LOG_ERROR("Invalid presharedkey");
-        return false;
-    }
-    return true;
+    return or_log(log_category, matches(username_pattern, username), "Invalid username") &&
+           or_log(log_category, is_valid_secret(password), "Invalid password") &&
+           or_log(log_category,
+                  is_valid_secret(preshared_key) && strcmp(password, preshared_key) != 0,
+                  "Invalid presharedkey");
 }
 
 bool save_credentials(bool enable, const char *username, const char *password,
                       const char *preshared_key) {
-    const std::optional<std::string> encrypted_password =
-        nimbrelc_utils_encrypt_and_base64_encode_data(password, stored_vpn_password.passphrase);
-    if (!encrypted_password) {
-        LOG_ERROR("Encryption of vpn password failed");
-    }
-    const std::optional<std::string> encrypted_key = nimbrelc_utils_encrypt_and_base64_encode_data(
-        preshared_key, stored_vpn_preshared_key.passphrase);
-    if (!encrypted_key) {
-        LOG_ERROR("Encryption of vpn preshared key failed");
-    }
+    const auto encrypted_password = or_log(
+        log_category,
+        nimbrelc_utils_encrypt_and_base64_encode_data(password, stored_vpn_password.passphrase),
+        "Encryption of vpn password failed");
+    const auto encrypted_key = or_log(log_category,
+                                      nimbrelc_utils_encrypt_and_base64_encode_data(
+                                          preshared_key, stored_vpn_preshared_key.passphrase),
+                                      "Encryption of vpn preshared key failed");
     if (!encrypted_password || !encrypted_key) {
         return false;
     }
@@ -141,6 +131,15 @@ bool save_credentials(bool enable, const char *username, const char *password,
     return nimbrelc_config_save();
 }
 
+void start_daemons() {
+    or_log(log_category, vpn_start_daemons(), "Failed to start daemons");
+}
+
+// kept: the text, though nothing was to be written.
+void stop_daemons() {
+    or_log(log_category, vpn_stop_daemons(), "Failed to write vpn configuration");
+}
+
 void update_configuration(const message_bus_args &args) {
     const char *username = args[1].string;
     const char *password = args[2].string;
@@ -149,18 +148,15 @@ void update_configuration(const message_bus_args &args) {
         !are_valid_credentials(username, password, preshared_key)) {
         return;
     }
-    if (!save_credentials(args[0].boolean(), username, password, preshared_key)) {
-        LOG_ERROR("Failed to save credentials");
+    if (!or_log(log_category,
+                save_credentials(args[0].boolean(), username, password, preshared_key),
+                "Failed to save credentials")) {
         return;
     }
-    if (!vpn_write_configuration()) {
-        LOG_ERROR("Failed to write vpn configuration");
-    }
-    if (!vpn_stop_daemons()) {
-        LOG_ERROR("Failed to write vpn configuration");  // kept: the same text
-    }
-    if (vpn_is_switched_on() && !vpn_start_daemons()) {
-        LOG_ERROR("Failed to start daemons");
+    or_log(log_category, vpn_write_configuration(), "Failed to write vpn configuration");
+    stop_daemons();
+    if (vpn_is_switched_on()) {
+        start_daemons();
     }
 }
 
@@ -170,29 +166,24 @@ void set_enabled(const message_bus_args &args) {
         return;
     }
     set_config_flag(vpn_enable_path, enable);
-    if (!nimbrelc_config_save()) {
-        LOG_ERROR("Failed to set enabled");
-    }
-    if (enable && !vpn_start_daemons()) {
-        LOG_ERROR("Failed to start daemons");
-    }
-    if (!enable && !vpn_stop_daemons()) {
-        LOG_ERROR("Failed to write vpn configuration");  // kept: though nothing was written
+    or_log(log_category, nimbrelc_config_save(), "Failed to set enabled");
+    if (enable) {
+        start_daemons();
+    } else {
+        stop_daemons();
     }
 }
 
 void get_config_callback(const message_bus_args & /*args*/, message_bus_request request) {
-    const std::optional<std::string> password =
-        stored_secret_decrypt(get_config_root(), stored_vpn_password);
-    if (!password) {
-        LOG_ERROR("get_decrypted_password failed");
-        message_bus_send_no_reply(std::move(request));
-        return;
-    }
-    const std::optional<std::string> preshared_key =
-        stored_secret_decrypt(get_config_root(), stored_vpn_preshared_key);
+    const auto password =
+        or_log(log_category, stored_secret_decrypt(get_config_root(), stored_vpn_password),
+               "get_decrypted_password failed");
+    const auto preshared_key =
+        password ? or_log(log_category,
+                          stored_secret_decrypt(get_config_root(), stored_vpn_preshared_key),
+                          "get_decrypted_presharedkey failed")
+                 : std::nullopt;
     if (!preshared_key) {
-        LOG_ERROR("get_decrypted_presharedkey failed");
         message_bus_send_no_reply(std::move(request));
         return;
     }
@@ -229,9 +220,7 @@ void set_last_connection_details(const message_bus_args &args) {
     const uint32_t minutes = args[1].word / 60;
     set_config_text(vpn_last_connect_timestamp_path, end_date);
     set_config_item(vpn_last_connection_duration_path, json_ptr(cJSON_CreateNumber(minutes)));
-    if (!nimbrelc_config_save()) {
-        LOG_ERROR("set_last_connection failed");
-    }
+    or_log(log_category, nimbrelc_config_save(), "set_last_connection failed");
 }
 
 void get_last_connection_details_callback(const message_bus_args & /*args*/,

@@ -7,9 +7,7 @@
 #include "config/config.h"
 #include "config/stored_secrets.h"
 #include "platform/launch.h"
-#include "platform/launch_escape.h"
 #include "platform/service_manager.h"
-#include "remote_access/firewall.h"
 
 namespace {
 
@@ -66,16 +64,13 @@ bool vpn_write_configuration() {
 }
 
 bool vpn_start_daemons() {
-    if (!vpn_apply_firewall_mode()) {
-        LOG_ERROR("Failed to setup firewall");
+    if (!or_log(log_category, vpn_apply_firewall_mode(), "Failed to setup firewall") ||
+        !or_log(log_category, service_manager_start(l2tp_daemon) == 0,
+                "Failed to start openl2tpd")) {
         return false;
     }
-    if (service_manager_start(l2tp_daemon) != 0) {
-        LOG_ERROR("Failed to start openl2tpd");
-        return false;
-    }
-    if (service_manager_start(ipsec_daemon) != 0) {
-        LOG_ERROR("Failed to start ipsec, closing openl2tpd");
+    if (!or_log(log_category, service_manager_start(ipsec_daemon) == 0,
+                "Failed to start ipsec, closing openl2tpd")) {
         service_manager_stop(l2tp_daemon);
         return false;
     }
@@ -83,18 +78,10 @@ bool vpn_start_daemons() {
 }
 
 bool vpn_stop_daemons() {
-    bool stopped = true;
-    if (service_manager_stop(ipsec_daemon) != 0) {
-        LOG_ERROR("Failed to stop ipsec");
-        stopped = false;
-    }
-    if (service_manager_stop(l2tp_daemon) != 0) {
-        LOG_ERROR("Failed to stop openl2tpd");
-        stopped = false;
-    }
-    if (!vpn_apply_firewall_mode()) {
-        LOG_ERROR("Failed to setup firewall");
-        stopped = false;
-    }
-    return stopped;
+    const bool ipsec =
+        or_log(log_category, service_manager_stop(ipsec_daemon) == 0, "Failed to stop ipsec");
+    const bool l2tp =
+        or_log(log_category, service_manager_stop(l2tp_daemon) == 0, "Failed to stop openl2tpd");
+    return or_log(log_category, vpn_apply_firewall_mode(), "Failed to setup firewall") && ipsec &&
+           l2tp;
 }

@@ -1,5 +1,7 @@
 #include "sharing/file_service.h"
 
+#include <csignal>
+
 #include "common/json.h"
 #include "config/config.h"
 #include "platform/service_manager.h"
@@ -10,6 +12,14 @@ constexpr const char *switch_key = "enabled";
 
 const cJSON *get_switch(const char *section_path) {
     return cJSON_GetObjectItem(get_config_item(section_path), switch_key);
+}
+
+bool succeeds(const log_source &caller, const file_service_daemon &daemon, int result,
+              const char *failed) {
+    if (result != 0) {
+        LOG_FOR(caller, LOG_LEVEL_ERROR, failed, daemon.shown);
+    }
+    return result == 0;
 }
 
 }  // namespace
@@ -49,11 +59,36 @@ bool file_service_save_state(const char *section_path, bool enabled) {
     return nimbrelc_config_save();
 }
 
-bool file_service_is_up(const log_source &caller, const char *daemon, bool assumed,
+bool file_service_is_up(const log_source &caller, const file_service_daemon &daemon, bool assumed,
                         const char *unknown) {
-    const std::optional<bool> is_up = service_manager_is_up(daemon);
+    const std::optional<bool> is_up = service_manager_is_up(daemon.service);
     if (!is_up) {
-        LOG_FOR(caller, LOG_LEVEL_WARN, unknown, daemon);
+        LOG_FOR(caller, LOG_LEVEL_WARN, unknown, daemon.shown);
     }
     return is_up.value_or(assumed);
+}
+
+bool file_service_start_daemon(const log_source &caller, const file_service_daemon &daemon) {
+    LOG_FOR(caller, LOG_LEVEL_INFO, "Starting %s daemon", daemon.shown);
+    return succeeds(caller, daemon, service_manager_start(daemon.service),
+                    "Cannot start %s daemon");
+}
+
+bool file_service_stop_daemon(const log_source &caller, const file_service_daemon &daemon) {
+    LOG_FOR(caller, LOG_LEVEL_INFO, "Stopping %s daemon", daemon.shown);
+    return succeeds(caller, daemon, service_manager_stop(daemon.service), "Cannot stop %s daemon");
+}
+
+bool file_service_reload_daemon(const log_source &caller, const file_service_daemon &daemon) {
+    LOG_FOR(caller, LOG_LEVEL_INFO, "Reloading %s daemon", daemon.shown);
+    return succeeds(caller, daemon, service_manager_signal(daemon.service, SIGHUP),
+                    "Cannot reload %s daemon");
+}
+
+bool file_service_start_or_reload_daemon(const log_source &caller,
+                                         const file_service_daemon &daemon) {
+    const bool is_up = file_service_is_up(
+        caller, daemon, false, "Cannot determine state of %s daemon, assuming it's down");
+    return is_up ? file_service_reload_daemon(caller, daemon)
+                 : file_service_start_daemon(caller, daemon);
 }

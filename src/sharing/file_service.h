@@ -42,10 +42,23 @@ bool file_service_is_enabled(const char *section_path);
 // The switch as starting and reloading see it: a number other than zero is on too.
 bool file_service_is_switched_on(const char *section_path);
 
-// Whether a supervised daemon is up. Where that cannot be determined `unknown` (a %s is the
-// daemon's name) is logged at WARN for the caller, and it counts as `assumed`.
-bool file_service_is_up(const log_source &caller, const char *daemon, bool assumed,
+// A supervised daemon: its service, and its name in the log. What follows logs for the caller.
+struct file_service_daemon {
+    const char *service;
+    const char *shown;
+};
+
+// Where it cannot be determined `unknown` (with one %s, for the name) is logged at WARN, and it
+// counts as `assumed`.
+bool file_service_is_up(const log_source &caller, const file_service_daemon &daemon, bool assumed,
                         const char *unknown);
+
+bool file_service_start_daemon(const log_source &caller, const file_service_daemon &daemon);
+bool file_service_stop_daemon(const log_source &caller, const file_service_daemon &daemon);
+bool file_service_reload_daemon(const log_source &caller, const file_service_daemon &daemon);
+// Reloads one that is up.
+bool file_service_start_or_reload_daemon(const log_source &caller,
+                                         const file_service_daemon &daemon);
 
 // Stores the switch and saves the configuration, unless it already has that value. False when the
 // save failed (memory stays changed) or the service has no section.

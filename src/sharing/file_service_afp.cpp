@@ -1,11 +1,10 @@
-#include "sharing/file_service_afp.h"
-
+// Shares every mounted partition over AFP: writes netatalk's configuration, runs the daemon, and
+// removes its per-volume CNID directories that no longer belong to a mounted volume.
 #include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 
 #include <cerrno>
-#include <csignal>
 #include <cstring>
 #include <set>
 
@@ -16,9 +15,9 @@
 #include "config/config.h"
 #include "disks/disks.h"
 #include "platform/launch.h"
-#include "platform/service_manager.h"
 #include "sharing/file_service.h"
 #include "sharing/file_service_config.h"
+#include "sharing/file_services_table.h"
 #include "sharing/share_names.h"
 #include "sharing/share_settings.h"
 
@@ -28,7 +27,7 @@ constexpr const char *log_category = "afp";
 
 constexpr const char *section_path = "nas.fileServices.afp";
 constexpr const char *daemon_config_path = "nas.fileServices.afp.daemonConfig";
-constexpr const char *daemon_name = "netatalk";
+constexpr file_service_daemon netatalk = {.service = "netatalk", .shown = "afp"};
 constexpr const char *cnid_directory = "/var/netatalk/CNID";
 constexpr file_service_times action_times = {.start = 10, .stop = 5, .reload = 3};
 
@@ -97,8 +96,7 @@ void clean_up_cnid_directories(const cJSON *partitions) {
 
 bool generate_config() {
     LOG_INFO("Generating config for afp daemon");
-    if (get_config_root() == nullptr) {
-        LOG_ERROR("Config json not parsed");
+    if (!or_log(log_category, get_config_root(), "Config json not parsed")) {
         LOG_ERROR("Error generating afp config");
         return false;
     }
@@ -106,31 +104,9 @@ bool generate_config() {
     const std::string text =
         afp_config_text(daemon_config, get_partitions_list(),
                         file_services_request_handler_is_storage_protection_enabled());
-    if (!safe_dump_string_to_file(json_text(daemon_config, "serverConfigLocation"), text.c_str())) {
-        LOG_ERROR("Error saving afp config");
-        return false;
-    }
-    return true;
-}
-
-bool start_or_reload() {
-    const bool is_up =
-        file_service_is_up(log_category, daemon_name, false,
-                           "Cannot determine state of afp daemon, assuming it's down");
-    if (is_up) {
-        LOG_INFO("Reloading afp daemon");
-        if (service_manager_signal(daemon_name, SIGHUP) != 0) {
-            LOG_ERROR("Cannot reload afp daemon");
-            return false;
-        }
-        return true;
-    }
-    LOG_INFO("Starting afp daemon");
-    if (service_manager_start(daemon_name) != 0) {
-        LOG_ERROR("Cannot start afp daemon");
-        return false;
-    }
-    return true;
+    const char *file = json_text(daemon_config, "serverConfigLocation");
+    return or_log(log_category, safe_dump_string_to_file(file, text.c_str()),
+                  "Error saving afp config");
 }
 
 }  // namespace
@@ -162,7 +138,7 @@ bool afp_start() {
         LOG_INFO("Afp daemon is disabled");
         return true;
     }
-    if (!generate_config() || !start_or_reload()) {
+    if (!generate_config() || !file_service_start_or_reload_daemon(log_category, netatalk)) {
         return false;
     }
     LOG_INFO("Removing unnecessary CNID dirs on AFP start/reload");
@@ -175,16 +151,12 @@ bool afp_reload() {
 }
 
 bool afp_stop() {
-    const bool is_up = file_service_is_up(log_category, daemon_name, true,
-                                          "Cannot determine state of afp daemon, assuming it's up");
-    if (is_up) {
-        LOG_INFO("Stopping afp daemon");
-        if (service_manager_stop(daemon_name) != 0) {
-            LOG_ERROR("Cannot stop afp daemon");
-            return false;
-        }
-    } else {
+    const bool is_up = file_service_is_up(log_category, netatalk, true,
+                                          "Cannot determine state of %s daemon, assuming it's up");
+    if (!is_up) {
         LOG_WARN("Afp daemon in not working");
+    } else if (!file_service_stop_daemon(log_category, netatalk)) {
+        return false;
     }
     LOG_INFO("Removing unnecessary CNID dirs on AFP stop");
     clean_up_cnid_directories(nullptr);
@@ -192,8 +164,7 @@ bool afp_stop() {
 }
 
 bool afp_is_running() {
-    return file_service_is_up(log_category, daemon_name, false,
-                              "Cannot determine state of afp daemon");
+    return file_service_is_up(log_category, netatalk, false, "Cannot determine state of %s daemon");
 }
 
 bool afp_is_enabled() {

@@ -1,27 +1,16 @@
-#include "sharing/file_service_avahi.h"
-
-#include <csignal>
-
+// Runs the announcer that makes the shares visible on the local network. Writes no configuration.
 #include "common/logger.h"
-#include "platform/service_manager.h"
 #include "sharing/file_service.h"
+#include "sharing/file_services_table.h"
 
 namespace {
 
 constexpr const char *log_category = "avahi";
 
 constexpr const char *section_path = "nas.fileServices.avahi";
-constexpr const char *daemon_name = "avahi";
+constexpr file_service_daemon avahi = {.service = "avahi", .shown = "avahi"};
+constexpr const char *state_unknown = "Cannot determine state of %s daemon";
 constexpr file_service_times action_times = {.start = 3, .stop = 3, .reload = 3};
-
-bool start_daemon() {
-    LOG_INFO("Starting avahi daemon");
-    if (service_manager_start(daemon_name) != 0) {
-        LOG_ERROR("Cannot start avahi daemon");
-        return false;
-    }
-    return true;
-}
 
 }  // namespace
 
@@ -30,29 +19,21 @@ bool avahi_start() {
         LOG_INFO("Avahi daemon is disabled");
         return true;
     }
-    const bool is_up =
-        file_service_is_up(log_category, daemon_name, false,
-                           "Cannot determine state of avahi daemon, assuming it's down");
+    const bool is_up = file_service_is_up(
+        log_category, avahi, false, "Cannot determine state of %s daemon, assuming it's down");
     if (is_up) {
         LOG_INFO("Avahi daemon is already working");
         return true;
     }
-    return start_daemon();
+    return file_service_start_daemon(log_category, avahi);
 }
 
 bool avahi_stop() {
-    const bool is_up = file_service_is_up(log_category, daemon_name, true,
-                                          "Cannot determine state of avahi daemon");
-    if (!is_up) {
+    if (!file_service_is_up(log_category, avahi, true, state_unknown)) {
         LOG_WARN("Avahi daemon in not working");
         return true;
     }
-    LOG_INFO("Stopping avahi daemon");
-    if (service_manager_stop(daemon_name) != 0) {
-        LOG_ERROR("Cannot stop avahi daemon");
-        return false;
-    }
-    return true;
+    return file_service_stop_daemon(log_category, avahi);
 }
 
 bool avahi_reload() {
@@ -60,22 +41,12 @@ bool avahi_reload() {
         LOG_INFO("Avahi daemon is disabled");
         return true;
     }
-    const bool is_up = file_service_is_up(log_category, daemon_name, false,
-                                          "Cannot determine state of avahi daemon");
-    if (!is_up) {
-        return start_daemon();
-    }
-    LOG_INFO("Reloading avahi daemon");
-    if (service_manager_signal(daemon_name, SIGHUP) != 0) {
-        LOG_ERROR("Cannot reload avahi daemon");
-        return false;
-    }
-    return true;
+    return avahi_is_running() ? file_service_reload_daemon(log_category, avahi)
+                              : file_service_start_daemon(log_category, avahi);
 }
 
 bool avahi_is_running() {
-    return file_service_is_up(log_category, daemon_name, false,
-                              "Cannot determine state of avahi daemon");
+    return file_service_is_up(log_category, avahi, false, state_unknown);
 }
 
 bool avahi_is_enabled() {

@@ -1,9 +1,8 @@
-#include "sharing/file_service_samba.h"
-
+// Shares every mounted partition over SMB: writes Samba's configuration, keeps its user map and
+// password in step with the protection of the shares, and runs nmbd and smbd.
 #include <sys/wait.h>
 
 #include <cerrno>
-#include <csignal>
 #include <cstdio>
 #include <cstring>
 
@@ -17,6 +16,7 @@
 #include "platform/service_manager.h"
 #include "sharing/file_service.h"
 #include "sharing/file_service_config.h"
+#include "sharing/file_services_table.h"
 #include "sharing/share_settings.h"
 
 namespace {
@@ -50,25 +50,18 @@ bool write_aliases(const storage_config &protection) {
         return false;
     }
     const std::string alias = "default=" + printable(protection.username);
-    if (!safe_dump_string_to_file(users_map, alias.c_str(), file_mode_secret)) {
-        LOG_ERROR("Failed to save sambausers.map");
-        return false;
-    }
-    if (!save_password(protection.password)) {
-        LOG_ERROR("Failed to change samba password");
-        return false;
-    }
-    return true;
+    return or_log(log_category,
+                  safe_dump_string_to_file(users_map, alias.c_str(), file_mode_secret),
+                  "Failed to save sambausers.map") &&
+           or_log(log_category, save_password(protection.password),
+                  "Failed to change samba password");
 }
 
 bool enable_protection() {
     storage_config protection;
     file_services_request_handler_get_storage_config(protection);
-    if (!write_aliases(protection)) {
-        LOG_ERROR("Failed to enable samba shares protection");
-        return false;
-    }
-    return true;
+    return or_log(log_category, write_aliases(protection),
+                  "Failed to enable samba shares protection");
 }
 
 bool disable_protection() {
@@ -110,8 +103,7 @@ bool has_literal_path(const cJSON *partition) {
 }
 
 bool generate_config() {
-    if (get_config_root() == nullptr) {
-        LOG_ERROR("Config json not parsed");
+    if (!or_log(log_category, get_config_root(), "Config json not parsed")) {
         LOG_ERROR("Error generating samba config");
         return false;
     }
@@ -119,49 +111,35 @@ bool generate_config() {
     const std::string text =
         samba_config_text(daemon_config, get_partitions_list(),
                           file_services_request_handler_is_storage_protection_enabled());
-    if (!safe_dump_string_to_file(json_text(daemon_config, "configFileLocation"), text.c_str())) {
-        LOG_ERROR("Error saving samba config");
+    const char *file = json_text(daemon_config, "configFileLocation");
+    if (!or_log(log_category, safe_dump_string_to_file(file, text.c_str()),
+                "Error saving samba config")) {
         return false;
     }
     LOG_INFO("Updating samba auxiliary config files");
-    if (!update_samba_aliases_config()) {
-        LOG_ERROR("Error updating samba auxiliary config files");
-        return false;
-    }
-    return true;
+    return or_log(log_category, update_samba_aliases_config(),
+                  "Error updating samba auxiliary config files");
 }
 
 // --- The daemons
 
-bool start_or_reload(const char *daemon) {
-    const bool is_up = file_service_is_up(
-        log_category, daemon, false, "Cannot determine state of %s daemon, assuming it's down");
-    if (is_up) {
-        LOG_INFO("Reloading %s daemon", daemon);
-        if (service_manager_signal(daemon, SIGHUP) != 0) {
-            LOG_ERROR("Cannot reload %s daemon", daemon);
-            return false;
-        }
-        return true;
-    }
-    LOG_INFO("Starting %s daemon", daemon);
-    if (service_manager_start(daemon) != 0) {
-        LOG_ERROR("Cannot start %s daemon", daemon);
-        return false;
-    }
-    return true;
+constexpr file_service_daemon nmbd = {.service = "nmbd", .shown = "nmbd"};
+constexpr file_service_daemon smbd = {.service = "smbd", .shown = "smbd"};
+
+bool start_or_reload(const file_service_daemon &daemon) {
+    return file_service_start_or_reload_daemon(log_category, daemon);
 }
 
-bool stop(const char *daemon) {
+bool stop(const file_service_daemon &daemon) {
     const bool is_up = file_service_is_up(log_category, daemon, true,
                                           "Cannot determine state of %s daemon, assuming it's up");
     if (!is_up) {
-        LOG_WARN("%s daemon in not working", daemon);
+        LOG_WARN("%s daemon in not working", daemon.shown);
         return true;
     }
     LOG_INFO("Stopping afp daemon");  // kept: the other file service's name
-    if (service_manager_stop(daemon) != 0) {
-        LOG_ERROR("Cannot stop %s daemon", daemon);
+    if (service_manager_stop(daemon.service) != 0) {
+        LOG_ERROR("Cannot stop %s daemon", daemon.shown);
         return false;
     }
     return true;
@@ -215,15 +193,11 @@ bool samba_start() {
         return true;
     }
     LOG_INFO("Generating config for samba daemon");
-    if (!generate_config()) {
-        LOG_ERROR("Failed to save samba config");
+    if (!or_log(log_category, generate_config(), "Failed to save samba config")) {
         return false;
     }
-    if (!start_or_reload("nmbd") || !start_or_reload("smbd")) {
-        LOG_ERROR("Failed to start all samba daemons");
-        return false;
-    }
-    return true;
+    return or_log(log_category, start_or_reload(nmbd) && start_or_reload(smbd),
+                  "Failed to start all samba daemons");
 }
 
 bool samba_reload() {
@@ -231,23 +205,20 @@ bool samba_reload() {
         LOG_INFO("Samba daemon is disabled");
         return true;
     }
-    if (!generate_config()) {
-        LOG_ERROR("Failed to save samba config");
+    if (!or_log(log_category, generate_config(), "Failed to save samba config")) {
         return false;
     }
-    const bool nmbd = start_or_reload("nmbd");
-    const bool smbd = start_or_reload("smbd");
-    return nmbd && smbd;
+    const bool announcer = start_or_reload(nmbd);
+    return start_or_reload(smbd) && announcer;
 }
 
 bool samba_stop() {
-    const bool smbd = stop("smbd");
-    const bool nmbd = stop("nmbd");
-    return smbd && nmbd;
+    const bool server = stop(smbd);
+    return stop(nmbd) && server;
 }
 
 bool samba_is_running() {
-    return file_service_is_up(log_category, "smbd", false, "Cannot determine state of smbd daemon");
+    return file_service_is_up(log_category, smbd, false, "Cannot determine state of %s daemon");
 }
 
 bool samba_is_enabled() {

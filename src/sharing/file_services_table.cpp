@@ -1,7 +1,6 @@
+#include "sharing/file_services_table.h"
+
 #include "sharing/file_service.h"
-#include "sharing/file_service_afp.h"
-#include "sharing/file_service_avahi.h"
-#include "sharing/file_service_samba.h"
 
 const std::array<file_service, 3> file_services = {{
     {"Samba", samba_start, samba_stop, samba_reload, samba_save_state, samba_is_enabled,

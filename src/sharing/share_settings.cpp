@@ -63,11 +63,8 @@ bool share_settings_change_central_storage(bool enabled) {
         return false;
     }
     set_config_flag(central_storage_path, enabled);
-    if (!nimbrelc_config_save()) {
-        LOG_ERROR("Error saving central storage configuration");
-        return false;
-    }
-    return true;
+    return or_log(log_category, nimbrelc_config_save(),
+                  "Error saving central storage configuration");
 }
 
 bool file_services_request_handler_is_storage_protection_enabled() {
@@ -105,12 +102,10 @@ std::optional<std::string> file_services_request_handler_encrypt_storage_passwor
     if (nimbrelc_utils_is_null_or_empty(text)) {
         return std::nullopt;
     }
-    auto encrypted =
-        nimbrelc_utils_encrypt_and_base64_encode_data(text, stored_storage_password.passphrase);
-    if (!encrypted) {
-        LOG_ERROR("Encryption of storage password failed");
-    }
-    return encrypted;
+    return or_log(
+        log_category,
+        nimbrelc_utils_encrypt_and_base64_encode_data(text, stored_storage_password.passphrase),
+        "Encryption of storage password failed");
 }
 
 std::optional<std::string> file_services_request_handler_decrypt_storage_password(
@@ -160,9 +155,5 @@ bool share_settings_change_protection(bool wanted, const char *username, const c
         }
         set_config_text(password_path, encrypted->c_str());
     }
-    if (!nimbrelc_config_save()) {
-        LOG_ERROR("Error saving storage configuration");
-        return false;
-    }
-    return true;
+    return or_log(log_category, nimbrelc_config_save(), "Error saving storage configuration");
 }

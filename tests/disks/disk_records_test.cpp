@@ -1,4 +1,4 @@
-#include "disks/disk_records.h"
+#include "disks/disks.h"
 
 #include <gtest/gtest.h>
 

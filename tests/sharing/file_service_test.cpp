@@ -8,9 +8,8 @@
 
 #include "config/config.h"
 #include "helpers.h"
-#include "sharing/file_service_afp.h"
 #include "sharing/file_service_config.h"
-#include "sharing/file_service_samba.h"
+#include "sharing/file_services_table.h"
 #include "sharing/share_names.h"
 #include "sharing/share_settings.h"
 

@@ -7,7 +7,6 @@
 #include <utility>
 #include <vector>
 
-#include "common/bus_error.h"
 #include "common/logger.h"
 #include "common/msg_bus/message_bus_calls.h"
 #include "common/msg_bus/message_bus_introspection.h"

@@ -5,7 +5,6 @@
 
 #include <cstdlib>
 
-#include "common/bus_error.h"
 #include "common/handle.h"
 #include "common/logger.h"
 

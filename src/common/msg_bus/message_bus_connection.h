@@ -5,6 +5,20 @@
 
 struct event_base;
 
+// Owning handle for an error of the bus library.
+struct bus_error : DBusError {
+    bus_error() : DBusError(DBUS_ERROR_INIT) {}
+    ~bus_error() {
+        dbus_error_free(this);
+    }
+    bus_error(const bus_error &) = delete;
+    bus_error &operator=(const bus_error &) = delete;
+
+    bool is_set() const {
+        return dbus_error_is_set(this) != FALSE;
+    }
+};
+
 // Binds the connection to the loop and opens it; `filter` sees every incoming message first. A
 // second call with the same loop changes nothing; one with another loop fails.
 bool message_bus_connection_open(event_base *base, DBusHandleMessageFunction filter);

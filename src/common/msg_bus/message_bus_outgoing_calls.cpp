@@ -5,7 +5,6 @@
 #include <utility>
 #include <vector>
 
-#include "common/bus_error.h"
 #include "common/logger.h"
 #include "common/msg_bus/message_bus.h"
 #include "common/msg_bus/message_bus_calls.h"
