@@ -8,7 +8,7 @@ namespace {
 
 std::vector<std::string> commands;
 
-int record(const std::string &command, int *status, std::string *output) {
+launch_result record(const std::string &command, int *status, std::string *output) {
     commands.push_back(command);
     std::string said;
     const int code = simulated_box::run(command, said);
@@ -37,14 +37,14 @@ std::vector<std::string> simulated_box::take_commands() {
     return std::exchange(commands, {});
 }
 
-int launch(const char *command, int *status, std::string *output) {
+launch_result launch(const char *command, int *status, std::string *output) {
     return record(command, status, output);
 }
 
-int launch_one(const char *const argv[], int *status) {
+launch_result launch_one(const char *const argv[], int *status) {
     return record(joined(argv), status, nullptr);
 }
 
-int launch_and_write(const char *const argv[], int *status, const char *) {
+launch_result launch_and_write(const char *const argv[], int *status, const char *) {
     return record(joined(argv), status, nullptr);
 }

@@ -14,10 +14,10 @@ constexpr const char *datetime_format = "%FT%TZ";
 
 }  // namespace
 
-time_t parse_datetime(const char *text) {
+std::optional<time_t> parse_datetime(const char *text) {
     tm fields{};
     if (text == nullptr || strptime(text, datetime_format, &fields) == nullptr) {
-        return -1;
+        return std::nullopt;
     }
     // kept: local time in spite of the "Z". Left to the library whether summer time applies, so
     // that what print_datetime() wrote reads back as the same time all the year round.

@@ -249,7 +249,7 @@ bool dump_binary_to_file(const char *path, std::string_view data) {
     return true;
 }
 
-int cmp_file_content(const char *path, const char *text) {
+cmp_file_result cmp_file_content(const char *path, const char *text) {
     if (path == nullptr) {
         return CMP_FILE_NO_PATH;
     }

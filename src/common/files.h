@@ -49,7 +49,7 @@ enum cmp_file_result : int {
     CMP_FILE_NO_PATH = -2,
     CMP_FILE_DIFFERENT = -7,  // also when the file does not exist
 };
-int cmp_file_content(const char *path, const char *text);
+cmp_file_result cmp_file_content(const char *path, const char *text);
 
 // Everything from the stream's position to its end, or nothing on a read error.
 std::optional<std::string> read_to_buffer(FILE *stream);

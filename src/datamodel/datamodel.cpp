@@ -347,7 +347,7 @@ const datamodel_handler *find_handler(const char *key, uint32_t *index) {
     return nullptr;
 }
 
-bool send_value_from_config(const char *config_key, int32_t reply_type,
+bool send_value_from_config(const char *config_key, mb_arg_type reply_type,
                             message_bus_request request) {
     const cJSON *item = get_config_item(config_path(config_key).c_str());
     if (item == nullptr) {
@@ -361,9 +361,9 @@ bool send_value_from_config(const char *config_key, int32_t reply_type,
         return message_bus_send_string_reply(std::move(request), "");
     }
     if (cJSON_IsNumber(item)) {
-        return message_bus_send_reply(std::move(request),
-                                      {{.type = reply_type == 0 ? MB_ARG_INT32 : reply_type,
-                                        .word = static_cast<uint32_t>(item->valueint)}});
+        return message_bus_send_reply(
+            std::move(request),
+            {{.type = reply_type, .word = static_cast<uint32_t>(item->valueint)}});
     }
     if (cJSON_IsString(item)) {
         return message_bus_send_string_reply(std::move(request), item->valuestring);

@@ -27,8 +27,8 @@ struct datamodel_handler {
     datamodel_setter set = nullptr;
     datamodel_indexed_setter set_indexed = nullptr;
     datamodel_after_set after_set = nullptr;
-    int32_t reply_type = 0;        // of a number from the configuration; 0 is MB_ARG_INT32
-    bool config_writable = false;  // SetValue may write `config_key`
+    mb_arg_type reply_type = MB_ARG_INT32;  // of a number from the configuration
+    bool config_writable = false;           // SetValue may write `config_key`
 };
 
 // The row of parameter `key`, or null. With `index` (may be null) the indexed families are searched
@@ -37,5 +37,5 @@ const datamodel_handler *find_handler(const char *key, uint32_t *index);
 
 // Answers with the configuration's value, a number as argument type `reply_type`; with an empty
 // reply when there is no such value.
-bool send_value_from_config(const char *config_key, int32_t reply_type,
+bool send_value_from_config(const char *config_key, mb_arg_type reply_type,
                             message_bus_request request);

@@ -67,7 +67,7 @@ using list_question = bool (*)(message_bus_request &request, message_bus_answer 
 struct counter {
     list_question ask;
     bool (*counts)(const cJSON *record);
-    int32_t reply_type;  // kept: of three kinds
+    mb_arg_type reply_type;  // kept: of three kinds
     const char *start;
     list_texts failures;
     const char *number_format;

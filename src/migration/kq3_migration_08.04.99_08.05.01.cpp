@@ -34,7 +34,7 @@ void convert_datetime_field_to_valid_format(cJSON *root, const char *section, co
     if (text.size() == datetime_length) {
         text.back() = 'Z';
     }
-    const bool valid = parse_datetime(text.c_str()) != -1;
+    const bool valid = parse_datetime(text.c_str()).value_or(-1) != -1;
     json_replace(parent, name,
                  json_ptr(valid ? cJSON_CreateString(text.c_str()) : cJSON_CreateNull()));
 }

@@ -127,7 +127,7 @@ pid_t start_child(const char *const argv[], int input) {
     _exit(1);
 }
 
-int wait_for_child(pid_t child, int *status) {
+launch_result wait_for_child(pid_t child, int *status) {
     int child_status = 0;
     do {
         if (waitpid(child, &child_status, WUNTRACED | WCONTINUED) == -1) {
@@ -164,7 +164,7 @@ bool write_text(int descriptor, std::string_view text) {
 
 }  // namespace
 
-int launch(const char *command, int *status, std::string *output) {
+launch_result launch(const char *command, int *status, std::string *output) {
     if (output) {
         output->clear();
     }
@@ -203,13 +203,13 @@ int launch(const char *command, int *status, std::string *output) {
     return LAUNCH_OK;
 }
 
-int launch_one(const char *const argv[], int *status) {
+launch_result launch_one(const char *const argv[], int *status) {
     collect_abandoned_children();
     const pid_t child = start_child(argv, no_descriptor);
     return child == -1 ? LAUNCH_ERROR : wait_for_child(child, status);
 }
 
-int launch_and_write(const char *const argv[], int *status, const char *text) {
+launch_result launch_and_write(const char *const argv[], int *status, const char *text) {
     collect_abandoned_children();
     int ends[2];
     if (pipe2(ends, O_CLOEXEC) == -1) {

@@ -18,17 +18,17 @@ enum launch_result : int {
 // Runs `command` through the shell. On LAUNCH_OK only, `status` (may be null) receives the raw wait
 // status. `output` (may be null) receives the child's whole standard output, also that of a child
 // that a signal killed. Output that is not wanted is dropped, up to what a pipe holds.
-int launch(const char *command, int *status, std::string *output);
+launch_result launch(const char *command, int *status, std::string *output);
 
 // Formats the command line, then behaves as launch().
-int launch_with_args(const char *format, int *status, std::string *output, ...)
+launch_result launch_with_args(const char *format, int *status, std::string *output, ...)
     __attribute__((format(printf, 1, 4)));
 
 // Executes argv[0] (an absolute path) with `argv`, which ends with a null pointer.
-int launch_one(const char *const argv[], int *status);
+launch_result launch_one(const char *const argv[], int *status);
 
 // As launch_one(), and writes `text` to the child's standard input.
-int launch_and_write(const char *const argv[], int *status, const char *text);
+launch_result launch_and_write(const char *const argv[], int *status, const char *text);
 
 // What is logged at ERROR for a command that does not end with exit code 0.
 struct launch_texts {

@@ -13,7 +13,8 @@ namespace {
 
 constexpr const char *log_category = "launch";
 
-int launch_with_list(const char *format, va_list arguments, int *status, std::string *output) {
+launch_result launch_with_list(const char *format, va_list arguments, int *status,
+                               std::string *output) {
     va_list again;
     va_copy(again, arguments);
     const int measured = vsnprintf(nullptr, 0, format, arguments);
@@ -32,10 +33,10 @@ int launch_with_list(const char *format, va_list arguments, int *status, std::st
 
 }  // namespace
 
-int launch_with_args(const char *format, int *status, std::string *output, ...) {
+launch_result launch_with_args(const char *format, int *status, std::string *output, ...) {
     va_list arguments;
     va_start(arguments, output);
-    const int result = launch_with_list(format, arguments, status, output);
+    const launch_result result = launch_with_list(format, arguments, status, output);
     va_end(arguments);
     return result;
 }
@@ -44,7 +45,7 @@ bool launch_succeeds(std::string *output, const char *format, ...) {
     int status = 0;
     va_list arguments;
     va_start(arguments, format);
-    const int result = launch_with_list(format, arguments, &status, output);
+    const launch_result result = launch_with_list(format, arguments, &status, output);
     va_end(arguments);
     return result == LAUNCH_OK && status == 0;
 }
@@ -54,7 +55,7 @@ bool launch_or_log(const log_source &caller, const launch_texts &texts, std::str
     int status = 0;
     va_list arguments;
     va_start(arguments, format);
-    const int result = launch_with_list(format, arguments, &status, output);
+    const launch_result result = launch_with_list(format, arguments, &status, output);
     va_end(arguments);
     if (result != LAUNCH_OK) {
         LOG_FOR(caller, LOG_LEVEL_ERROR, "%s", texts.not_run);

@@ -45,7 +45,8 @@ bool save_password(const std::string &password) {
 }
 
 bool write_aliases(const storage_config &protection) {
-    if (protection.username.empty() || protection.password.empty()) {
+    const std::string password = protection.password.value_or("");
+    if (protection.username.empty() || password.empty()) {
         LOG_ERROR("Username and password are required to enable samba shares protection");
         return false;
     }
@@ -53,14 +54,11 @@ bool write_aliases(const storage_config &protection) {
     return or_log(log_category,
                   safe_dump_string_to_file(users_map, alias.c_str(), file_mode_secret),
                   "Failed to save sambausers.map") &&
-           or_log(log_category, save_password(protection.password),
-                  "Failed to change samba password");
+           or_log(log_category, save_password(password), "Failed to change samba password");
 }
 
 bool enable_protection() {
-    storage_config protection;
-    file_services_request_handler_get_storage_config(protection);
-    return or_log(log_category, write_aliases(protection),
+    return or_log(log_category, write_aliases(file_services_request_handler_get_storage_config()),
                   "Failed to enable samba shares protection");
 }
 

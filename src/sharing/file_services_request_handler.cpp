@@ -63,12 +63,11 @@ void reply_settings(const cJSON *settings, message_bus_request request) {
 
 void fileservices_get_credentials_callback(const message_bus_args & /*args*/,
                                            message_bus_request request) {
-    storage_config stored;
-    file_services_request_handler_get_storage_config(stored);
+    const storage_config stored = file_services_request_handler_get_storage_config();
     const json_ptr settings(cJSON_CreateObject());
     cJSON_AddBoolToObject(settings.get(), "enabled", stored.enabled);
     cJSON_AddStringToObject(settings.get(), "username", stored.username.c_str());
-    cJSON_AddStringToObject(settings.get(), "password", stored.password.c_str());
+    cJSON_AddStringToObject(settings.get(), "password", stored.password.value_or("").c_str());
     reply_settings(settings.get(), std::move(request));
 }
 
@@ -83,9 +82,7 @@ void pam_auth_request_callback(const message_bus_args &args, message_bus_request
     const std::string_view username = args[0].string;
     const std::string_view password = args[1].string;
     LOG_INFO("PAM auth request for user %s", printable(username).c_str());
-    // A password that does not decrypt reads as an empty one, with which nobody gets in.
-    storage_config stored;
-    file_services_request_handler_get_storage_config(stored);
+    const storage_config stored = file_services_request_handler_get_storage_config();
     const bool allowed = stored.enabled && !username.empty() && !password.empty() &&
                          stored.username == username && stored.password == password;
     if (allowed) {

@@ -1,6 +1,6 @@
-// What the rows of the table of file services do: for each service the operations of file_service.h,
-// and the configuration file that is written from its "daemonConfig" and the partition list. Missing
-// members are written empty.
+// What the rows of the table of file services do: for each service the operations of
+// file_service.h, and the configuration file that is written from its "daemonConfig" and the
+// partition list. Missing members are written empty.
 #pragma once
 
 #include <cjson/cJSON.h>

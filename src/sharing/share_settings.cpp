@@ -81,20 +81,13 @@ const char *share_settings_get_username() {
     return get_config_text(username_path);
 }
 
-bool file_services_request_handler_get_storage_config(storage_config &config) {
-    config.enabled = get_config_flag(protection_path);
-    config.username = get_config_text(username_path);
-    config.password.clear();
+storage_config file_services_request_handler_get_storage_config() {
     const char *stored = get_config_text(password_path);
-    if (*stored == '\0') {
-        return true;
-    }
-    auto password = file_services_request_handler_decrypt_storage_password(stored);
-    if (!password) {
-        return false;
-    }
-    config.password = std::move(*password);
-    return true;
+    return {.enabled = get_config_flag(protection_path),
+            .username = get_config_text(username_path),
+            .password = *stored == '\0'
+                            ? ""
+                            : file_services_request_handler_decrypt_storage_password(stored)};
 }
 
 std::optional<std::string> file_services_request_handler_encrypt_storage_password(
@@ -126,8 +119,8 @@ std::optional<std::string> file_services_request_handler_decrypt_storage_passwor
 // kept: they differ from stored credentials all the same, so that a request for the flag alone is
 // then saved (and the services are reloaded) even when it changes nothing.
 bool share_settings_change_protection(bool wanted, const char *username, const char *password) {
-    storage_config stored;
-    if (!file_services_request_handler_get_storage_config(stored)) {
+    const storage_config stored = file_services_request_handler_get_storage_config();
+    if (!stored.password) {
         return false;
     }
     const bool new_state = wanted != stored.enabled;

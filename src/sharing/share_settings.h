@@ -2,6 +2,7 @@
 // one user name and password that guard the shares. Asked by everybody in this room.
 #pragma once
 
+#include <optional>
 #include <string>
 
 bool file_services_request_handler_is_central_storage_enabled();
@@ -21,12 +22,11 @@ const char *share_settings_get_username();
 struct storage_config {
     bool enabled = false;  // protection wanted, whatever the credentials
     std::string username;
-    std::string password;  // plain text
+    std::optional<std::string> password;  // plain text; none when the stored one does not decrypt
 };
 
-// Fills `config` from the configuration; what is not stored is empty. False when the stored
-// password does not decrypt: the other two are filled all the same, the password is empty.
-bool file_services_request_handler_get_storage_config(storage_config &config);
+// What is not stored is empty.
+storage_config file_services_request_handler_get_storage_config();
 
 // True when the configuration was changed and saved. Empty values never overwrite stored ones.
 bool share_settings_change_protection(bool wanted, const char *username, const char *password);

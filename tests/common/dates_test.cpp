@@ -30,7 +30,7 @@ TEST(dates, takes_date_times_as_local) {
     }
     for (const char *text : {"", "2024-05-01", "2024-05-01 13:07:42", "2024-13-01T13:07:42Z"}) {
         EXPECT_FALSE(is_datetime(text)) << text;
-        EXPECT_EQ(parse_datetime(text), -1) << text;
+        EXPECT_EQ(parse_datetime(text), std::nullopt) << text;
     }
 }
 
