@@ -2,6 +2,7 @@
 the process that made it. Needs root, Linux namespaces and Debian's own packages; see README.md."""
 import fcntl
 import functools
+import glob
 import json
 import os
 import re
@@ -25,6 +26,7 @@ import tree  # noqa: E402
 DEFAULT_BUILD = os.path.join(ROOT, "build", "dev")
 CONFIG = "/media/nimbrelc.json"
 NO_BACKUP = bytes.fromhex("28a2e59122046a8788324a2f6754957c")  # an encrypted "[]", which ends the daemon
+FAKETIME, = glob.glob("/usr/lib/*/faketime/libfaketime.so.1")
 PATH = "/usr/sbin:/usr/bin:/sbin:/bin"
 with open(os.path.join(HERE, "standins")) as names:
     STAND_INS = {os.path.basename(path): path for path in names.read().split()}
@@ -229,6 +231,10 @@ class Box:
         self.run(["s6-svc", "-u", "/run/service/nimbrelc"])
         if wait:
             wait_until(self.serving, "the daemon serves")
+
+    def hurry(self, times=5):
+        """From the next start on, the daemon's clock and its waits run that many times as fast."""
+        self.environment.update(LD_PRELOAD=FAKETIME, FAKETIME=f"+0 x{times}")
 
     def serving(self):
         try:

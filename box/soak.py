@@ -4,7 +4,6 @@ a fault."""
 import argparse
 import contextlib
 import functools
-import glob
 import json
 import os
 import random
@@ -15,7 +14,7 @@ import sys
 import threading
 import time
 
-from box import STAND_INS, Box, BoxError, BusError, NoReply, ROOT, u, wait_until, tree
+from box import FAKETIME, STAND_INS, Box, BoxError, BusError, NoReply, ROOT, u, wait_until, tree
 
 # Values that are read back: their place in the document.
 TEXTS = {row.name: row.config_path.split(".") for row in tree.parameters()
@@ -300,8 +299,7 @@ class Soak:
         box = self.box
         box.stop_daemon()
         box.write("/run/box/clock", "+0d", 0o644)
-        (library,) = glob.glob("/usr/lib/*/faketime/libfaketime.so.1")
-        box.environment = {"LD_PRELOAD": library, "FAKETIME_TIMESTAMP_FILE": "/run/box/clock",
+        box.environment = {"LD_PRELOAD": FAKETIME, "FAKETIME_TIMESTAMP_FILE": "/run/box/clock",
                            "FAKETIME_NO_CACHE": "1", "FAKETIME_DONT_FAKE_MONOTONIC": "1"}
         box.start_daemon()
         for offset in "+10d", "-10d":
