@@ -9,58 +9,54 @@ import sys
 import tree
 
 PAGE = "docs/howto.md"
-CHECKS = "rooms", "pages", "bus", "document"
 # Own files over the tree at its own path: what the build directory knows stays true, and ninja builds what differs.
 VIEW = """mount -t tmpfs howto /mnt && mkdir /mnt/upper /mnt/work &&
     mount -t overlay howto -o lowerdir="$0",upperdir=/mnt/upper,workdir=/mnt/work "$0" && cd "$0" && exec "$@" """
-BUILD = """cmake --preset dev -G Ninja -DCMAKE_CXX_COMPILER_LAUNCHER=ccache && cmake --build --preset dev --target nimbrelc nimbrelc-release"""
+BUILD = ("cmake --preset dev -G Ninja -DCMAKE_CXX_COMPILER_LAUNCHER=ccache && "
+         "cmake --build --preset dev --target nimbrelc nimbrelc-release")
+BLOCK = r"(?:^ *<!-- (\S+?)(?:, (before|after|instead of): ([^\n]*))? -->\n)?^( *)```\w*\n(.*?)^ *```$"
 
 
-def place(root, where, how, anchor, text):
-    file = root / where
-    if not how:
-        return file.write_text(text)
-    lines = file.read_text().splitlines(True)
-    at = next((number for number, line in enumerate(lines) if anchor in line), None)
-    if at is None:
-        raise ValueError(f"{where} has no line with {anchor}")
-    lines[at + (how == "after"):at + (how != "before")] = [text]
-    return file.write_text("".join(lines))
+def place(file, how, anchor, text):
+    if how:
+        lines = file.read_text().splitlines(True)
+        at = next((number for number, line in enumerate(lines) if anchor in line), None)
+        if at is None:
+            sys.exit(f"{PAGE}: no line of {file} has {anchor}")
+        lines[at + (how == "after"):at + (how != "before")] = [text]
+        text = "".join(lines)
+    file.write_text(text)
 
 
-def run(root, command):
-    """The faults of one command line: none, or one."""
-    done = subprocess.run(command, shell=True, cwd=root, text=True, stdout=subprocess.PIPE, stderr=subprocess.STDOUT)
-    return [f"{command}: {done.stdout[-3000:]}"] if done.returncode else []
+def run(root, title, commands):
+    """The faults of command lines."""
+    for command in commands:
+        done = subprocess.run(command, shell=True, cwd=root, text=True, stdout=subprocess.PIPE, stderr=subprocess.STDOUT)
+        if done.returncode:
+            yield f"{title}: {command}: {done.stdout[-3000:]}"
 
 
 def carried_out(root):
-    later = []
+    tests = {}
     for section in re.split("^## ", (root / PAGE).read_text(), flags=re.M)[1:]:
-        title, touched = section.split("\n")[0], []
-        blocks = r"(?:^ *<!-- (\S+?)(?:, (before|after|instead of): ([^\n]*))? -->\n)?^( *)```\w*\n(.*?)^ *```$"
-        for where, how, anchor, indent, text in re.findall(blocks, section, re.M | re.S):
+        title, touched, commands = section.split("\n")[0], [], []
+        for where, how, anchor, indent, text in re.findall(BLOCK, section, re.M | re.S):
             text = re.sub(f"^{indent}", "", text, flags=re.M)
             if where:
                 touched.append(where)
-                place(root, where, how, anchor, text)
-                continue
-            commands = re.findall(r"^((?:tools/|/usr/bin/python3 ).*?)(?: +#.*)?$", text, re.M)
-            later += [(title, command) for command in commands if "pytest" in command]
-            for command in commands:
-                if "pytest" not in command:
-                    yield from (f"{title}: {fault}" for fault in run(root, command))
-        sources, scripts = (" ".join({one for one in touched if one.endswith(ends)}) for ends in ((".cpp", ".h"), ".py"))
-        checks = [f"tools/{check}.py --check" for check in CHECKS]
-        checks += [f"clang-format --dry-run -Werror {sources}"] * bool(sources)
-        checks += [f"flake8 --max-line-length 130 {scripts}"] * bool(scripts)
-        yield from (f"{title}: {fault}" for check in checks for fault in run(root, check))
-    if failed := run(root, BUILD):
+                place(root / where, how, anchor, text)
+            else:
+                commands += re.findall("^(tools/.*)", text, re.M)
+                tests.update((test, title) for test in re.findall("^(/usr/bin/python3 -m pytest .*?) *#", text, re.M))
+        commands += [f"tools/{check}.py --check" for check in ("rooms", "pages", "bus", "document")]
+        for check, kinds in ("clang-format --dry-run -Werror", (".cpp", ".h")), ("flake8 --max-line-length 130", ".py"):
+            commands += [f"{check} {file}" for file in touched if file.endswith(kinds)]
+        yield from run(root, title, commands)
+    if failed := list(run(root, PAGE, [BUILD])):
         yield from failed
         return
-    commands = dict((command, title) for title, command in later)
-    yield from (f"{title}: {fault}" for command, title in commands.items()
-                for fault in run(root, command + " -q -p no:cacheprovider"))
+    for test, title in tests.items():
+        yield from run(root, title, [test + " -q -p no:cacheprovider"])
 
 
 def faults(root):
