@@ -230,7 +230,7 @@ std::optional<std::string> nimbrelc_utils_decrypt_base64_encoded_data(const char
                 : std::nullopt;
 }
 
-std::optional<std::string> nimbrelc_utils_decrypted_text(std::optional<std::string> plain) {
+std::optional<std::string> decrypted_text(std::optional<std::string> plain) {
     if (!plain || !dbus_validate_utf8(plain->c_str(), nullptr)) {
         return std::nullopt;
     }
@@ -244,7 +244,6 @@ std::optional<std::string> nimbrelc_utils_get_decrypted_string(const char *store
         return "";
     }
     return or_log(log_category,
-                  nimbrelc_utils_decrypted_text(
-                      nimbrelc_utils_decrypt_base64_encoded_data(stored, passphrase)),
+                  decrypted_text(nimbrelc_utils_decrypt_base64_encoded_data(stored, passphrase)),
                   "Decryption failed");
 }

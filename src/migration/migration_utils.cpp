@@ -63,5 +63,5 @@ std::optional<std::string> migration_utils_decrypt_string_R8(const char *text,
     const auto plain = blob ? or_log(log_category, decrypt_blob(*blob, passphrase),
                                      "decrypt_base64_encoded_data: data decryption failed")
                             : std::nullopt;
-    return or_log(log_category, nimbrelc_utils_decrypted_text(plain), "Decryption failed");
+    return or_log(log_category, decrypted_text(plain), "Decryption failed");
 }

@@ -107,7 +107,7 @@ std::optional<std::string> file_services_request_handler_decrypt_storage_passwor
         return std::nullopt;
     }
     return or_log(log_category,
-                  nimbrelc_utils_decrypted_text(nimbrelc_utils_decrypt_base64_encoded_data(
+                  decrypted_text(nimbrelc_utils_decrypt_base64_encoded_data(
                       text, stored_storage_password.passphrase)),
                   "Decryption of storage password failed");
 }
