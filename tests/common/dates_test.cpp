@@ -4,13 +4,9 @@
 
 #include <cstdlib>
 
-#include "common/texts.h"
-
 namespace {
 
 TEST(dates, takes_date_times_as_local) {
-    const char *previous = getenv("TZ");
-    const std::string zone = nimbrelc_utils_empty_if_null(previous);
     setenv("TZ", "CET-1CEST,M3.5.0,M10.5.0/3", 1);
     tzset();
     // 11:00 UTC, in winter and in summer.
@@ -22,7 +18,7 @@ TEST(dates, takes_date_times_as_local) {
     constexpr bool wide = sizeof(time_t) > sizeof(int32_t);
     EXPECT_EQ(parse_datetime("2038-01-19T04:14:07Z"), 2147483647);
     EXPECT_EQ(parse_datetime("2038-01-19T04:14:08Z"), wide ? 2147483648 : -1);
-    previous == nullptr ? unsetenv("TZ") : setenv("TZ", zone.c_str(), 1);
+    unsetenv("TZ");
     tzset();
 
     if (wide) {  // a year of five digits

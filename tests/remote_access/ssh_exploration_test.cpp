@@ -230,17 +230,19 @@ TEST_F(ssh_exploration, does_nothing_for_a_bad_section) {
                                       {"ssh.activationDate", "5"},
                                       {"ssh.authorizedKey", "null"},
                                       {"ssh.enable", "1"},
-                                      {"ssh", R"({"authorizedKey": "k"})"},
-                                      {"ssh.activationDate", "\"yesterday\""}}) {
+                                      {"ssh", R"({"authorizedKey": "k"})"}}) {
         put({});
-        enable(true);
         simulated_box::take_commands();
         set_config_item(item, parse(value));
         EXPECT_FALSE(ssh_start()) << item << value;
-        // The key is set before the date is read.
-        EXPECT_EQ(simulated_box::take_commands().size(), *value == '"' && item[7] == 'i')
-            << item << value;
+        EXPECT_EQ(simulated_box::take_commands().size(), 0U) << item << value;
     }
+    put({});
+    enable(true);
+    set_config_text("ssh.activationDate", "yesterday");
+    simulated_box::take_commands();
+    EXPECT_FALSE(ssh_start());
+    EXPECT_EQ(simulated_box::take_commands().size(), 1U);  // the key is set before the date is read
 }
 
 TEST_F(ssh_exploration, says_what_has_failed) {
