@@ -1,6 +1,7 @@
 #!/usr/bin/python3
 """Carries out docs/howto.md on the tree, in a view of it that is gone afterwards: howto.py [--check [TREE]], as root.
 A line for each fault. The sections come one after the other and are checked one by one; one build does for all."""
+from concurrent import futures
 import os
 import re
 import subprocess
@@ -20,7 +21,7 @@ BLOCK = r"(?:^ *<!-- (\S+?)(?:, (before|after|instead of): ([^\n]*))? -->\n)?^( 
 def place(file, how, anchor, text):
     if how:
         lines = file.read_text().splitlines(True)
-        at = next((number for number, line in enumerate(lines) if anchor in line), None)
+        at = next((at for at, line in enumerate(lines) if anchor in line), None)
         if at is None:
             sys.exit(f"{PAGE}: no line of {file} has {anchor}")
         lines[at + (how == "after"):at + (how != "before")] = [text]
@@ -29,7 +30,6 @@ def place(file, how, anchor, text):
 
 
 def run(root, title, commands):
-    """The faults of command lines."""
     for command in commands:
         done = subprocess.run(command, shell=True, cwd=root, text=True, stdout=subprocess.PIPE, stderr=subprocess.STDOUT)
         if done.returncode:
@@ -53,19 +53,16 @@ def carried_out(root):
             commands += [f"{check} {file}" for file in touched if file.endswith(kinds)]
         yield from run(root, title, commands)
     if failed := list(run(root, PAGE, [BUILD])):
-        yield from failed
-        return
-    for test, title in tests.items():
-        yield from run(root, title, [test + " -q -p no:cacheprovider"])
+        return (yield from failed)
+    with futures.ThreadPoolExecutor() as pool:  # they wait most of the time
+        yield from sum(pool.map(lambda test: [*run(root, tests[test], [test + " -q -p no:cacheprovider"])], tests), [])
 
 
 def faults(root):
-    """In a view of the tree, in a process of its own."""
     if os.environ.get("HOWTO_VIEW"):
         return carried_out(root)
-    view = ["unshare", "--mount", "sh", "-c", VIEW, root, sys.executable, __file__, "--check", root]
-    done = subprocess.run(view, env={**os.environ, "HOWTO_VIEW": "1", "PYTHONDONTWRITEBYTECODE": "1"},
-                          text=True, stderr=subprocess.PIPE)
+    view = ["unshare", "--mount", "sh", "-c", VIEW, root, "tools/howto.py", "--check", root]
+    done = subprocess.run(view, env={**os.environ, "HOWTO_VIEW": "1"}, text=True, stderr=subprocess.PIPE)
     return [done.stderr or f"exit code {done.returncode}"] * bool(done.returncode)
 
 
