@@ -190,7 +190,7 @@ protected:
     bool with_faults = false;
 };
 
-#ifdef __SANITIZE_ADDRESS__
+#ifdef NIMBRELC_SANITIZE
 constexpr int fewer = 3;
 #else
 constexpr int fewer = 0;
