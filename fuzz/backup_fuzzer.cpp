@@ -1,5 +1,5 @@
-// Backups that come in: a file of any bytes, and a document in one that decrypts. A restore changes
-// values of the configuration, never its members; the box's own backup changes nothing.
+// Backups that come in: a file of any bytes, and a document in one that decrypts. A restore puts
+// values in the place of the configuration's members; the box's own backup changes nothing.
 #include "maintenance/backup.h"
 
 #include "common/files.h"
@@ -14,21 +14,20 @@ constexpr const char *box =
     R"("nas":{"fileServices":{"samba":{"enabled":true,"daemonConfig":{}},"afp":{"enabled":1}}},)"
     R"("vpn":{"enable":false,"username":"","password4":"","presharedkey4":null}})";
 
-// The document with every value taken out.
-std::string shape_of(const cJSON *item) {
-    std::string shape = cJSON_IsObject(item) ? "{" : cJSON_IsArray(item) ? "[" : "";
+std::string names_of(const cJSON *object) {
+    std::string names;
     const cJSON *member = nullptr;
-    cJSON_ArrayForEach(member, item) {
-        shape += (member->string != nullptr ? member->string : "") + shape_of(member) + ",";
+    cJSON_ArrayForEach(member, object) {
+        names += member->string + std::string(",");
     }
-    return shape;
+    return names;
 }
 
 void restore(const json_ptr &document) {
     const json_ptr config = parse(box);
     const bool restored = backup_restore(config.get(), document.get());
     must(restored || print(config) == box, "what is no backup changes nothing");
-    must(shape_of(config.get()) == shape_of(parse(box).get()), "a restore changes values alone");
+    must(names_of(config.get()) == names_of(parse(box).get()), "a restore keeps the members");
     must_read_back(config.get());
     const json_ptr own = backup_create(config.get());
     const std::string before = print(config);

@@ -30,7 +30,7 @@ void fuzz(std::string_view input) {
     }
     int mounted = 0;
     cJSON_ArrayForEach(record, get_partitions_list()) {
-        mounted += disk_record_is_mounted(record) ? 1 : 0;
+        mounted += int{disk_record_is_mounted(record)};
     }
     must(count_supported_partitions() == mounted, "mounted partitions are counted");
     cJSON_ArrayForEach(record, records.get()) {

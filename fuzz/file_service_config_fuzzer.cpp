@@ -30,11 +30,17 @@ std::string read_paths(const std::string &text, const std::vector<std::string> &
         if (first != std::string::npos && line[first] == '[') {
             must(row == keys.size(), "a share has all its lines");
             must(line.find(']') == line.size() - 1, "a name ends with its line");
-            std::erase(line, ' ');
             std::transform(line.begin(), line.end(), line.begin(), tolower);
-            const bool is_global = line == "[global]";
+            std::string without_blanks = line;
+            std::erase(without_blanks, ' ');
+            const bool is_global = without_blanks == "[global]";
             must(is_global == name.empty(), "one section is the global one");
-            must(line != "[]" && line != "[globals]", "a share has a name of its own");
+            must(without_blanks != "[]" && without_blanks != "[globals]",
+                 "a share has a name of its own");
+            // A run of blanks is one.
+            line.erase(std::unique(line.begin(), line.end(),
+                                   [](char a, char b) { return a == ' ' && b == ' '; }),
+                       line.end());
             name = line;
             row = is_global ? row : 0;
         } else if (!line.empty()) {

@@ -57,13 +57,8 @@ json_ptr partitions_of(std::span<const std::string> texts) {
     return partitions;
 }
 
-std::string text_of(const cJSON *item) {
-    const std::string text = print_json_unformatted(item);
-    return text.empty() ? "nothing" : text;
-}
-
 void must_read_back(const cJSON *item) {
-    must(item == nullptr || print(parse(text_of(item))) == text_of(item), "an item reads back");
+    must(item == nullptr || print(parse(print(item))) == print(item), "an item reads back");
 }
 
 bool has_twins(const cJSON *item) {
@@ -86,10 +81,10 @@ bool load_document(const std::string &text) {
 }
 
 void must_save_document() {
-    const std::string before = text_of(get_config_root());
+    const std::string before = print(get_config_root());
     must(nimbrelc_config_save(), "a document can be saved");
     must(nimbrelc_config_load(get_nimbrelc_config_file_location()), "a saved document loads");
-    must(text_of(get_config_root()) == before, "a saved document loads as it was");
+    must(print(get_config_root()) == before, "a saved document loads as it was");
 }
 
 // What the daemon would log is formatted all the same.

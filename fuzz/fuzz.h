@@ -17,7 +17,7 @@ std::vector<std::string> fields(std::string_view input, size_t count);
 // Partitions whose labels and mount points are the texts in turn.
 json_ptr partitions_of(std::span<const std::string> texts);
 
-std::string text_of(const cJSON *item);  // "nothing" for none
+std::string print(const cJSON *item);    // "nothing" for none
 void must_read_back(const cJSON *item);  // printed and parsed it is the same
 bool has_twins(const cJSON *item);       // whether an object has a member twice, case ignored
 

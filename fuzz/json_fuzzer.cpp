@@ -14,7 +14,7 @@ void must_be_merged(const cJSON *source, const cJSON *before, const cJSON *after
         if (cJSON_IsObject(was)) {
             must_be_merged(cJSON_IsObject(stored) ? stored : nullptr, was, is);
         } else {
-            must(text_of(is) == text_of(was) || text_of(is) == text_of(stored),
+            must(print(is) == print(was) || print(is) == print(stored),
                  "a value is the target's or the source's");
         }
     }
@@ -35,7 +35,7 @@ void fuzz(std::string_view input) {
                        merged.get());
     }
     if (json_replace(merged.get(), texts[2], parse("[1]"))) {
-        must(text_of(nimbrelc_utils_get_json_object(merged.get(), texts[2], nullptr)) == "[1]",
+        must(print(nimbrelc_utils_get_json_object(merged.get(), texts[2], nullptr)) == "[1]",
              "what was put at a path is there");
         must(nimbrelc_utils_remove_json_object(merged.get(), texts[2]), "what is there can go");
         must_read_back(merged.get());

@@ -11,8 +11,6 @@
 
 namespace {
 
-constexpr size_t simulated_length = 1023;  // what the simulated launcher cuts lines to
-
 // As the shell reads it.
 bool is_one_command(const std::string &line) {
     bool quoted = false;
@@ -22,7 +20,7 @@ bool is_one_command(const std::string &line) {
             return false;
         }
         quoted = quoted != (line[i] == '"');
-        i += line[i] == '\\' ? 1 : 0;
+        i += size_t{line[i] == '\\'};
     }
     return !quoted;
 }
@@ -53,8 +51,7 @@ void fuzz(std::string_view input) {
          "a daemon is up or down when it is said to be");
     simulated_box::pass(3600);
     for (const std::string &command : simulated_box::take_commands()) {
-        must(command.size() >= simulated_length || is_one_command(command),
-             "a value adds nothing to a command line");
+        must(is_one_command(command), "a value adds nothing to a command line");
     }
     must_save_document();
 }

@@ -5,7 +5,6 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <cstdio>
 #include <string>
 #include <unordered_map>
 #include <vector>
@@ -41,7 +40,6 @@ protected:
     void explore(std::vector<act> with, int depth) {
         acts_ = std::move(with);
         go_on(depth);
-        printf("%zu steps to %zu situations\n", steps_, depths_.size());
     }
 
     std::vector<const act *> path;  // to here
@@ -49,7 +47,6 @@ protected:
 private:
     void go_on(int depth) {
         static constexpr act run_down = {"next timer", pass_to_next_timer};
-        ++steps_;
         check_step();
         const auto [known, is_new] = depths_.try_emplace(name(), depth);
         if (!is_new && known->second >= depth) {
@@ -86,7 +83,6 @@ private:
 
     std::vector<act> acts_;
     std::unordered_map<std::string, int> depths_;  // how deep it went on from a name
-    size_t steps_ = 0;
 };
 
 }  // namespace simulated_box

@@ -16,6 +16,7 @@ def test_directories_of_volumes_that_are_gone_are_removed(box):
         box.run(["mkdir", f"{CNID}/{name}"])
     box.write(f"{CNID}/file", "")
     os.symlink("Data", box.path(f"{CNID}/link"))
+    box.hurry()
     box.enable_services("afp")
     box.start_daemon()
     box.plug("sda", partitions=[{"label": "Data"}, {"label": "a]b"}, {"label": "Unmounted", "mount_point": None}])

@@ -22,6 +22,7 @@ def write(box, login, share):
 
 
 def test_protection_turns_guests_away(box):
+    box.hurry()
     box.enable_services("samba")
     box.start_daemon()
     box.plug("sda", partitions=[
@@ -58,6 +59,7 @@ def test_nothing_starts_without_its_files(box):
         box.wait_log("Cannot start file service [Samba]", count=count)
         assert not box.is_up("nmbd") and not box.is_up("smbd")
         box.stop_daemon()
+    box.hurry()
     box.enable_services("samba")
     box.plug("sda")
     start("/tmp/nimbrel/nowhere/samba.config", 1)

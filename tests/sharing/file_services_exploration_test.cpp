@@ -190,21 +190,32 @@ protected:
     bool with_faults = false;
 };
 
-#ifdef NIMBRELC_SANITIZE
-constexpr int fewer = 3;
-#else
-constexpr int fewer = 0;
-#endif
+TEST_F(file_services_exploration, waits_after_the_last_request_and_for_the_action_before) {
+    plug(1);
+    simulated_box::pass(2);
+    plug(1);
+    simulated_box::pass(4);
+    plug(-1);  // while the start is watched
+    simulated_box::pass(20);
+    EXPECT_EQ(services[0].done, "5+ 11~ ");
+    EXPECT_EQ(services[1].done, "5+ 18~ ");
+    // Within the three seconds: the server starts again, for it may have held on to the old disk.
+    plug(-1);
+    simulated_box::pass(2);
+    plug(1);
+    simulated_box::pass(60);
+    EXPECT_EQ(services[0].done, "5+ 11~ 31- 36+ ");
+}
 
 TEST_F(file_services_exploration, keeps_running_what_is_wanted_and_nothing_else) {
-    explore(requests, 11 - fewer);
+    explore(requests, 11);
 }
 
 TEST_F(file_services_exploration, gets_over_services_that_fail_and_are_late_or_deaf) {
     std::vector<act> all = requests;
     all.insert(all.end(), faults.begin(), faults.end());
     with_faults = true;
-    explore(all, 8 - fewer);
+    explore(all, 8);
 }
 
 }  // namespace

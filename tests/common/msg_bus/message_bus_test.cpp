@@ -21,12 +21,10 @@ constexpr const char *interface = "com.kelvanto.test";
 constexpr const char *peer_name = "com.kelvanto.peer";
 #define FFFD "\xEF\xBF\xBD"
 
-struct peer_deleter {
-    void operator()(DBusConnection *connection) const {
-        dbus_connection_close(connection);
-        dbus_connection_unref(connection);
-    }
-};
+void close_peer(DBusConnection *connection) {
+    dbus_connection_close(connection);
+    dbus_connection_unref(connection);
+}
 
 std::string describe(const message_bus_args &args) {
     std::string text = std::to_string(args.count()) + ":";
@@ -127,7 +125,7 @@ protected:
 
     static inline event_base *const loop = event_base_new();
     static inline DBusConnection *ours = nullptr;
-    std::unique_ptr<DBusConnection, peer_deleter> peer;
+    handle<DBusConnection, close_peer> peer;
     bus_message_ptr message;
     recorded_log log;
 };
@@ -227,37 +225,24 @@ TEST_F(message_bus, finds_the_first_listener_of_a_method) {
 TEST_F(message_bus, answers_with_each_reply_operation) {
     message_bus_arg wide = mb_boolean(true);
     wide.word = 0x100;
-    const struct {
-        std::function<void(message_bus_request)> answer;
-        const char *reply;
-    } rows[] = {
-        {[](auto request) { message_bus_send_bool_reply(std::move(request), true); }, "1: b=1;"},
-        {[](auto request) { message_bus_send_string_reply(std::move(request), nullptr); },
-         "1: s=;"},
-        // Each wrong byte: stray, cut off, a new start inside, a surrogate, beyond the last plane.
-        {[wide](auto request) {
-             message_bus_send_reply(std::move(request),
-                                    {mb_uint32(1), wide,
-                                     mb_string("a\xFF\xC3z\xE2\xC3\xA9\xED\xA0\x80\xF4\x8F\xBF\xBF"
-                                               "\xF4\x90\x80\x80\xE2\x82")});
-         },
-         "3: u=1 b=1 s=a" FFFD FFFD "z" FFFD "\xC3\xA9" FFFD FFFD FFFD
-         "\xF4\x8F\xBF\xBF" FFFD FFFD FFFD FFFD FFFD FFFD ";"},
-        {[](auto request) {
-             EXPECT_FALSE(message_bus_send_reply(request.share(), {{.type = 7}}));
-             // More than the bus carries; it would end the connection.
-             const std::string half(9 * 1024 * 1024, 'x');
-             EXPECT_FALSE(
-                 message_bus_send_reply(request.share(), {mb_string(half), mb_string(half)}));
-             EXPECT_TRUE(message_bus_send_string_reply(std::move(request), "after a bad one"));
-         },
-         "1: s=after a bad one;"},
-    };
-    for (const auto &row : rows) {
-        answer = row.answer;
+    const auto reply = [this](std::initializer_list<message_bus_arg> args) {
+        answer = [args](message_bus_request request) {
+            EXPECT_FALSE(message_bus_send_reply(request.share(), {{.type = 7}}));
+            // More than the bus carries; it would end the connection.
+            const std::string half(9 * 1024 * 1024, 'x');
+            EXPECT_FALSE(
+                message_bus_send_reply(request.share(), {mb_string(half), mb_string(half)}));
+            EXPECT_TRUE(message_bus_send_reply(std::move(request), args));
+        };
         send(new_call());
-        EXPECT_EQ(receive(), row.reply);
-    }
+        return receive();
+    };
+    EXPECT_EQ(reply({mb_uint32(1), wide, mb_string(nullptr)}), "3: u=1 b=1 s=;");
+    // Each wrong byte: stray, cut off, a new start inside, a surrogate, beyond the last plane.
+    EXPECT_EQ(reply({mb_string("a\xFF\xC3z\xE2\xC3\xA9\xED\xA0\x80\xF4\x8F\xBF\xBF"
+                               "\xF4\x90\x80\x80\xE2\x82")}),
+              "1: s=a" FFFD FFFD "z" FFFD "\xC3\xA9" FFFD FFFD FFFD
+              "\xF4\x8F\xBF\xBF" FFFD FFFD FFFD FFFD FFFD FFFD ";");
     EXPECT_FALSE(message_bus_send_no_reply({}));
 }
 
