@@ -14,10 +14,7 @@ void must(bool holds, const char *what);  // `what` says what should have been
 
 // The first texts of the input, which zero bytes separate; missing ones are empty.
 std::vector<std::string> fields(std::string_view input, size_t count);
-// Partitions whose labels and mount points are the texts in turn.
-json_ptr partitions_of(std::span<const std::string> texts);
 
-std::string print(const cJSON *item);    // "nothing" for none
 void must_read_back(const cJSON *item);  // printed and parsed it is the same
 bool has_twins(const cJSON *item);       // whether an object has a member twice, case ignored
 

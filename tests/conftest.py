@@ -31,11 +31,6 @@ def pytest_generate_tests(metafunc):
 
 
 @pytest.fixture
-def build(daemon):
-    return daemon[0]
-
-
-@pytest.fixture
 def box(request, daemon):
     """A fresh box; the daemon is not started yet."""
     with Box(*daemon) as box:

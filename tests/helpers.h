@@ -6,6 +6,7 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <span>
 #include <string>
 
 #include "common/json.h"
@@ -22,8 +23,6 @@ public:
     ~temporary_directory() {
         std::filesystem::remove_all(path_);
     }
-    temporary_directory(const temporary_directory &) = delete;
-    temporary_directory &operator=(const temporary_directory &) = delete;
 
     const std::string &path() const {
         return path_;
@@ -48,6 +47,18 @@ inline std::string print(const json_ptr &item) {
     return print(item.get());
 }
 
+// Records of partitions: labels and mount points in turn.
+inline json_ptr partitions_of(std::span<const std::string> texts) {
+    json_ptr partitions(cJSON_CreateArray());
+    for (; texts.size() >= 2; texts = texts.subspan(2)) {
+        cJSON *record = cJSON_CreateObject();
+        cJSON_AddStringToObject(record, "label", texts[0].c_str());
+        cJSON_AddStringToObject(record, "mount_point", texts[1].c_str());
+        cJSON_AddItemToArray(partitions.get(), record);
+    }
+    return partitions;
+}
+
 inline std::string content(const std::string &path) {
     std::ifstream file(path);
     return {std::istreambuf_iterator<char>(file), {}};
@@ -64,8 +75,6 @@ public:
     ~stored_document() {
         nimbrelc_config_free();
     }
-    stored_document(const stored_document &) = delete;
-    stored_document &operator=(const stored_document &) = delete;
 
     // What the file holds there, as text.
     std::string saved(const char *item) const {
@@ -102,8 +111,6 @@ public:
         logger_set_custom_logger(nullptr);
         logger_cleanup();
     }
-    recorded_log(const recorded_log &) = delete;
-    recorded_log &operator=(const recorded_log &) = delete;
 
     static bool has(const char *part) {
         return text.find(part) != std::string::npos;

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <array>
 #include <string>
 
 #include "helpers.h"
@@ -11,11 +12,8 @@ namespace {
 TEST(json, walks_dotted_paths) {
     const json_ptr root = parse(R"({"a":{"b":{"c":1}},"list":[{"x":1}],"text":"t"})");
     const std::string all = print(root);
-    const struct {
-        const char *path;
-        std::string item;
-        std::string parent;
-    } rows[] = {
+    const std::array<std::string, 3> rows[] = {
+        // Path, item, parent.
         {"a..B.c.", "1", R"({"c":1})"},
         {".a", R"({"b":{"c":1}})", all},
         {"a.x.c", "nothing", R"({"b":{"c":1}})"},  // stops where the first key is missing
@@ -24,10 +22,10 @@ TEST(json, walks_dotted_paths) {
         {"list.x", "nothing", "nothing"},
         {"..", "nothing", "nothing"},
     };
-    for (const auto &row : rows) {
+    for (const auto &[path, item, found_in] : rows) {
         cJSON *parent = root.get();
-        EXPECT_EQ(print(nimbrelc_utils_get_json_object(root.get(), row.path, &parent)), row.item);
-        EXPECT_EQ(print(parent), row.parent) << row.path;
+        EXPECT_EQ(print(nimbrelc_utils_get_json_object(root.get(), path, &parent)), item);
+        EXPECT_EQ(print(parent), found_in) << path;
     }
 }
 

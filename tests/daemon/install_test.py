@@ -3,9 +3,9 @@ from box import staged, wait_until
 from fresh import FreshRoot, readme_steps
 
 
-def test_the_steps_of_the_readme(build):
+def test_the_steps_of_the_readme(daemon):
     with FreshRoot() as root:
-        root.copy(staged(build))
+        root.copy(staged(daemon[0]))
         root.start_system()
         for step in readme_steps():
             root.sh(step)

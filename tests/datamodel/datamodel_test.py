@@ -89,6 +89,8 @@ def test_every_parameter(box):
         text = {bool: f"boolean {wanted}".lower(), u: f"uint32 {wanted}"}.get(type(wanted), wanted)
         assert get(box, key) == text or key.endswith(("SleepEnabled", "Password")), key
         wait_until(lambda: trace in box.log()[log:] + "\n".join(box.sudo()[commands:]), f"{key} applied")
+    assert [box.ask("upgrade." + method) for method in (
+        "ValidationEnabled", "DevelopmentBuildsAllowed", "MinimumVersion")] == [False, True, "08.05.01"]
 
 
 @pytest.mark.sanitize
@@ -115,6 +117,9 @@ def test_values_of_the_configuration_and_the_box(box):
     for key in ["DevelopmentBuildsAllowed", "FWUpgradeValidation", STATE, STORAGE + "PhysicalMedium.1", "%s%n",
                 "LAN.IPAddress ", "x" * 100000]:
         assert box.get(key) is None
+    # Where the upgrade policy is of another kind, or not there, it is off.
+    assert [box.ask("upgrade." + method) for method in (
+        "ValidationEnabled", "DevelopmentBuildsAllowed", "MinimumVersion")] == [False, False, ""]
     assert box.ask("GetValue", "") is None
     assert box.object("Syslog.MaxFileSize") is None  # no object
 

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <tuple>
 
 #include "common/secrets.h"
 #include "config/stored_secrets.h"
@@ -25,12 +26,7 @@ TEST(migration, runs_the_steps_between_two_versions) {
                                {"08.05.08", "08.05.09", step<'1'>},
                                {"08.07.00", "08.08.00", step<'x'>},
                                {"08.08.00", "08.09.00", step<'2'>}};
-    const struct {
-        const char *from;
-        const char *to;
-        bool result;
-        const char *steps;
-    } rows[] = {
+    const std::tuple<const char *, const char *, bool, const char *> rows[] = {
         {"08.04.99", "08.05.09", true, "01"},
         {"08.04.98", "08.06.00", true, "01"},
         {"08.05.01", "08.05.09", true, "1"},
@@ -43,11 +39,10 @@ TEST(migration, runs_the_steps_between_two_versions) {
         {"8.5.9", "08.05.09", false, ""},
         {"08.04.99", "08.05.09a", false, ""},
     };
-    for (const auto &row : rows) {
-        SCOPED_TRACE(std::string(row.from) + " to " + row.to);
+    for (const auto &[from, to, result, run] : rows) {
         steps_run.clear();
-        EXPECT_EQ(run_migration(steps, 4, row.from, row.to, nullptr), row.result);
-        EXPECT_EQ(steps_run, row.steps);
+        EXPECT_EQ(run_migration(steps, 4, from, to, nullptr), result) << from << to;
+        EXPECT_EQ(steps_run, run) << from << to;
     }
     const migration backwards[] = {{"02.00.00", "01.00.00", step<'0'>}};
     const migration overlapping[] = {{"01.00.00", "03.00.00", step<'0'>},

@@ -223,28 +223,23 @@ TEST_F(ssh_exploration, gets_over_commands_that_fail) {
 }
 
 TEST_F(ssh_exploration, does_nothing_for_a_bad_section) {
-    const struct {
-        const char *item;
-        const char *value;
-        size_t run;
-    } rows[] = {
-        {"ssh.externalNPPort", "65535", 0},
-        {"ssh.externalNPPort", "-1", 0},
-        {"ssh.externalNPPort", "\"22\"", 0},
-        {"ssh.activationDuration", "-1", 0},
-        {"ssh.activationDate", "5", 0},
-        {"ssh.authorizedKey", "null", 0},
-        {"ssh.enable", "1", 0},
-        {"ssh", R"({"authorizedKey": "k"})", 0},
-        {"ssh.activationDate", "\"yesterday\"", 1},  // the key is set before the date is read
-    };
-    for (const auto &[item, value, run] : rows) {
+    for (const auto &[item, value] : {std::pair("ssh.externalNPPort", "65535"),
+                                      {"ssh.externalNPPort", "-1"},
+                                      {"ssh.externalNPPort", "\"22\""},
+                                      {"ssh.activationDuration", "-1"},
+                                      {"ssh.activationDate", "5"},
+                                      {"ssh.authorizedKey", "null"},
+                                      {"ssh.enable", "1"},
+                                      {"ssh", R"({"authorizedKey": "k"})"},
+                                      {"ssh.activationDate", "\"yesterday\""}}) {
         put({});
         enable(true);
         simulated_box::take_commands();
         set_config_item(item, parse(value));
         EXPECT_FALSE(ssh_start()) << item << value;
-        EXPECT_EQ(simulated_box::take_commands().size(), run) << item;
+        // The key is set before the date is read.
+        EXPECT_EQ(simulated_box::take_commands().size(), *value == '"' && item[7] == 'i')
+            << item << value;
     }
 }
 

@@ -70,8 +70,7 @@ def test_a_disabled_box_still_stores_any_key_as_it_is(box):
     release = box.flavour == "release"
     assert ran(box) == [["set_auth_key.sh", ""]] + ([STOP, DELETE] if release else [DELETE, START])
     assert (state(box)[1] is None) == release
-    for key in ['two words "quoted" \'single\' back\\slash\\', "$(touch /tmp/ran) `touch /tmp/ran` $HOME",
-                "first\nsecond\\\n; touch /tmp/ran & | > /tmp/ran #", "é%s%n%", "\\\"; touch /tmp/ran; \\"]:
-        box.apply("SSH.AuthorizedKey", key)
-        assert ran(box)[0] == ["set_auth_key.sh", key]
+    key = 'two words "é%s%n%" \'x\' $(touch /tmp/ran) `touch /tmp/ran` $HOME\n"; touch /tmp/ran; \\'
+    box.apply("SSH.AuthorizedKey", key)
+    assert ran(box)[0] == ["set_auth_key.sh", key]
     assert not box.exists("/tmp/ran")

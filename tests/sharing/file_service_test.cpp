@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 
+#include <array>
 #include <utility>
 #include <vector>
 
@@ -60,11 +61,8 @@ TEST(file_service_afp, writes_its_configuration) {
 }
 
 TEST(share_names, are_distinct_and_mean_nothing_else) {
-    const struct {
-        const char *label;
-        const char *mount_point;
-        const char *name;
-    } rows[] = {
+    const std::array<const char *, 3> rows[] = {
+        // Label, mount point, name.
         {"Gl\u00f6bal #1; 'a' \"b\" %S", "/0", "Gl\u00f6bal #1; 'a' \"b\" %S"},
         {"a]\n[b\\", "/1", "a__[b\\"},
         {"globall", "/2", "globall"},
@@ -82,15 +80,13 @@ TEST(share_names, are_distinct_and_mean_nothing_else) {
         {"\u00c9cole", "/11", "\u00c9cole"},
         {"\u00e9cole", "/12", "\u00e9cole_"},
     };
-    const json_ptr partitions(cJSON_CreateArray());
+    std::vector<std::string> texts;
     std::vector<std::string> expected;
-    for (const auto &row : rows) {
-        cJSON *partition = cJSON_CreateObject();
-        cJSON_AddStringToObject(partition, "label", row.label);
-        cJSON_AddStringToObject(partition, "mount_point", row.mount_point);
-        cJSON_AddItemToArray(partitions.get(), partition);
-        expected.emplace_back(row.name);
+    for (const auto &[label, mount_point, name] : rows) {
+        texts.insert(texts.end(), {label, mount_point});
+        expected.emplace_back(name);
     }
+    const json_ptr partitions = partitions_of(texts);
     std::vector<std::string> names;
     for (const named_share &share : share_names_of(partitions.get())) {
         names.push_back(share.name);

@@ -206,19 +206,14 @@ TEST_F(message_bus, finds_the_first_listener_of_a_method) {
         seen += "later handler;";
     };
     EXPECT_TRUE(message_bus_add_method_listener(path, interface, "Get", later));
-    const struct {
-        const char *path;
-        const char *interface;
-        const char *reply;
-    } rows[] = {
-        {path, interface, "0:;"},         {path, nullptr, "0:;"},  // an interface may be left out
-        {other_path, interface, "0:;"},                            // any registered path will do
-        {"/unknown", interface, "error"}, {path, "com.kelvanto.unknown", "error"},
+    const auto reply = [this](const char *on_path, const char *of_interface) {
+        send(new_call(on_path, of_interface));
+        return receive();
     };
-    for (const auto &row : rows) {
-        send(new_call(row.path, row.interface));
-        EXPECT_EQ(receive(), row.reply);
-    }
+    EXPECT_EQ(reply(path, interface) + reply(path, nullptr), "0:;0:;");  // it may be left out
+    EXPECT_EQ(reply(other_path, interface), "0:;");  // any registered path will do
+    EXPECT_EQ(reply("/unknown", interface), "error");
+    EXPECT_EQ(reply(path, "com.kelvanto.unknown"), "error");
     EXPECT_EQ(seen, "0:;0:;0:;");
 }
 
@@ -317,27 +312,13 @@ TEST_F(message_bus, sends_what_nothing_here_sends_yet) {
     ASSERT_TRUE(message_bus_add_signal_listener(
         interface, "Changed", [](const message_bus_args &) { seen += "second;"; }));
     EXPECT_TRUE(message_bus_send_signal("/any", interface, "Changed", "b\xC0"));
-    const auto signal = [](const char *name, std::initializer_list<message_bus_arg> args) {
-        return message_bus_send_signal_with_args("/any", interface, name, args);
+    const auto signal = [](std::initializer_list<message_bus_arg> args) {
+        return message_bus_send_signal_with_args("/any", interface, "Changed", args);
     };
-    EXPECT_TRUE(signal("Changed", {mb_int32(-1), mb_boolean(true)}));
-    EXPECT_TRUE(signal("Unheard", {}));
-    EXPECT_FALSE(signal("Changed", {{.type = 9}}));
+    EXPECT_TRUE(signal({mb_int32(-1), mb_boolean(true)}));
+    EXPECT_FALSE(signal({{.type = 9}}));
     settle();
     EXPECT_EQ(seen, "1: s=b" FFFD ";2: i=4294967295 b=1;");
-}
-
-TEST_F(message_bus, drains_all_queued_messages_in_one_pass) {
-    settle();
-    for (int i = 0; i < 3; ++i) {
-        send(new_call());
-    }
-    // The bus answers the peer after it has passed the calls on.
-    dbus_bus_name_has_owner(peer.get(), interface, nullptr);
-    for (int i = 0; i < 10 && seen.empty(); ++i) {
-        event_base_loop(loop, EVLOOP_NONBLOCK);
-    }
-    EXPECT_EQ(seen, "0:;0:;0:;");
 }
 
 }  // namespace
