@@ -230,18 +230,20 @@ std::optional<std::string> nimbrelc_utils_decrypt_base64_encoded_data(const char
                 : std::nullopt;
 }
 
+std::optional<std::string> decrypted_text(std::optional<std::string> plain) {
+    if (!plain || !dbus_validate_utf8(plain->c_str(), nullptr)) {
+        return std::nullopt;
+    }
+    plain->resize(strlen(plain->c_str()));
+    return plain;
+}
+
 std::optional<std::string> nimbrelc_utils_get_decrypted_string(const char *stored,
                                                                std::string_view passphrase) {
     if (nimbrelc_utils_is_null_or_empty(stored)) {
         return "";
     }
-    std::optional<std::string> plain =
-        nimbrelc_utils_decrypt_base64_encoded_data(stored, passphrase);
-    // One in 256 wrong passphrases leaves a valid padding behind bytes without a meaning.
-    if (!plain || !dbus_validate_utf8(plain->c_str(), nullptr)) {
-        LOG_ERROR("Decryption failed");
-        return std::nullopt;
-    }
-    plain->resize(strlen(plain->c_str()));
-    return plain;
+    return or_log(log_category,
+                  decrypted_text(nimbrelc_utils_decrypt_base64_encoded_data(stored, passphrase)),
+                  "Decryption failed");
 }

@@ -27,6 +27,10 @@ std::optional<std::string> nimbrelc_utils_encrypt_and_base64_encode_data(
 std::optional<std::string> nimbrelc_utils_decrypt_base64_encoded_data(const char *text,
                                                                       std::string_view passphrase);
 
+// What was decrypted, as a text: up to its first zero byte. None for what is no UTF-8: one in 256
+// wrong passphrases leaves a valid padding behind bytes without a meaning.
+std::optional<std::string> decrypted_text(std::optional<std::string> plain);
+
 // The plain text of a stored secret: "" for null or "", otherwise up to its first zero byte. Fails
 // for what is no UTF-8.
 std::optional<std::string> nimbrelc_utils_get_decrypted_string(const char *stored,

@@ -1,7 +1,5 @@
 #include "migration/migration_utils.h"
 
-#include <cstring>
-
 #include <algorithm>
 
 #include <openssl/evp.h>
@@ -62,11 +60,8 @@ std::optional<std::string> migration_utils_decrypt_string_R8(const char *text,
     }
     const auto blob = or_log(log_category, nimbrelc_utils_base64_decode(text),
                              "decrypt_base64_encoded_data: data decoding failed");
-    auto plain = blob ? or_log(log_category, decrypt_blob(*blob, passphrase),
-                               "decrypt_base64_encoded_data: data decryption failed")
-                      : std::nullopt;
-    if (or_log(log_category, plain.has_value(), "Decryption failed")) {
-        plain->resize(strlen(plain->c_str()));
-    }
-    return plain;
+    const auto plain = blob ? or_log(log_category, decrypt_blob(*blob, passphrase),
+                                     "decrypt_base64_encoded_data: data decryption failed")
+                            : std::nullopt;
+    return or_log(log_category, decrypted_text(plain), "Decryption failed");
 }

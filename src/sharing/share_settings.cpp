@@ -106,14 +106,10 @@ std::optional<std::string> file_services_request_handler_decrypt_storage_passwor
     if (nimbrelc_utils_is_null_or_empty(text)) {
         return std::nullopt;
     }
-    auto password =
-        nimbrelc_utils_decrypt_base64_encoded_data(text, stored_storage_password.passphrase);
-    if (!password) {
-        LOG_ERROR("Decryption of storage password failed");
-        return std::nullopt;
-    }
-    password->resize(strlen(password->c_str()));
-    return password;
+    return or_log(log_category,
+                  decrypted_text(nimbrelc_utils_decrypt_base64_encoded_data(
+                      text, stored_storage_password.passphrase)),
+                  "Decryption of storage password failed");
 }
 
 // kept: they differ from stored credentials all the same, so that a request for the flag alone is

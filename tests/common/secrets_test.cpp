@@ -4,6 +4,9 @@
 
 #include <string>
 
+#include "config/stored_secrets.h"
+#include "sharing/sharing.h"
+
 using namespace std::string_literals;
 
 namespace {
@@ -23,6 +26,10 @@ TEST(secrets, decrypts_known_secrets_and_refuses_damaged_ones) {
     EXPECT_FALSE(nimbrelc_utils_get_decrypted_string("not base64!", passphrase));
     const auto no_text = nimbrelc_utils_encrypt_and_base64_encode_data("\xFF", passphrase);
     EXPECT_FALSE(nimbrelc_utils_get_decrypted_string(no_text.value_or("").c_str(), passphrase));
+    const auto no_password =
+        nimbrelc_utils_encrypt_and_base64_encode_data("\xFF", stored_storage_password.passphrase);
+    EXPECT_FALSE(
+        file_services_request_handler_decrypt_storage_password(no_password.value_or("").c_str()));
 }
 
 TEST(secrets, encrypts_with_fresh_salt_and_vector) {

@@ -34,6 +34,7 @@ def wait_restart(box, ends=1):
 @pytest.fixture
 def family(box):
     box.write(CONFIG, field_document("08.05.09"))
+    box.hurry()
     box.start_daemon()
     return box
 

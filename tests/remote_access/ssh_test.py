@@ -50,6 +50,7 @@ def test_the_key_logs_in_until_the_activation_ends(box):
 
 
 def test_a_restore_restarts_the_daemon_but_not_the_activation(box):
+    box.hurry()
     box.start_daemon(ssh={"enable": True})
     before = state(box)
     box.ask("store", "/tmp/backup")

@@ -36,7 +36,6 @@ def changes(box):
     return [signs[match[1]] + match[2] for match in map(re.compile(order).match, box.sudo()) if match]
 
 
-@pytest.mark.sanitize
 def test_a_disk_becomes_shares(box):
     start(box, "samba", "afp", "avahi")
     box.plug("sda")
@@ -75,6 +74,7 @@ def test_a_burst_asks_s6_once_and_timers_run_in_full(box):
     assert end - begin >= 2  # a third of ten seconds, cut off
 
 
+@pytest.mark.sanitize
 def test_switches(box):
     start(box, "avahi")
     written = os.stat(box.path(CONFIG)).st_ino
