@@ -317,7 +317,7 @@ def main():
     parser = argparse.ArgumentParser(prog="./dev soak")
     parser.add_argument("minutes", nargs="?", type=float, default=10)
     parser.add_argument("--seed", type=int, default=random.randrange(1000000))
-    parser.add_argument("--build", default=os.path.join(ROOT, "build", "release"))
+    parser.add_argument("--build", default=os.path.join(ROOT, "build", "dev"))
     options = parser.parse_args()
     print(f"{options.minutes:g} minutes, seed {options.seed}", flush=True)
     begin = time.monotonic()
@@ -331,7 +331,7 @@ def main():
     kinds = [("peer", kind) for kind in ("absent", "late", "wrong", "failing", "hung")]
     kinds += [("command", kind) for kind in ("missing", "failing", "killed", "hanging", "chatty", "leaving")]
     kinds += [("medium", kind) for kind in ("full", "read-only", "vanished")]
-    with Box(options.build) as box:
+    with Box(options.build, "release") as box:
         soak = Soak(box, options.seed)
         box.start_daemon()
         soak.check_service()
