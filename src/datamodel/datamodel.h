@@ -3,6 +3,6 @@
 #pragma once
 
 // Fails when a method cannot be served, and when the provisioning state could not be handed to the
-// box's agent service; the methods stay served then. `base` goes to the rows' after-set hooks.
+// box's agent service; the methods stay served then.
 bool datamodel_start();
 bool datamodel_stop();

@@ -6,8 +6,8 @@
 
 #include "common/msg_bus/message_bus.h"
 
-// Serves storing and restoring of backups; `base` is the loop that a restore ends. False when a
-// method cannot be served; stopping is always true.
+// Serves storing and restoring of backups; a restore ends the loop. False when a method cannot be
+// served; stopping is always true.
 bool backup_start();
 bool backup_stop();
 

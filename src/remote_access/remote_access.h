@@ -4,7 +4,7 @@
 #include "common/msg_bus/message_bus.h"
 
 // Applies the "ssh" section of the configuration: installs the key, then begins, continues or ends
-// an activation. `base` is kept for the timer. False when the section is invalid or a step failed.
+// an activation. False when the section is invalid or a step failed.
 bool ssh_start();
 
 // Stops the server and deletes the forwarding. Timer and configuration stay as they are, for the
