@@ -241,7 +241,7 @@ void get_last_connection_details_callback(const message_bus_args & /*args*/,
 std::string take_token(std::string_view &rest) {
     constexpr char separator = ';';
     rest.remove_prefix(std::min(rest.find_first_not_of(separator), rest.size()));
-    const std::string token(rest.substr(0, rest.find(separator)));
+    std::string token(rest.substr(0, rest.find(separator)));
     rest.remove_prefix(token.size());
     return token;
 }
