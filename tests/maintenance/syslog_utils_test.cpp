@@ -57,12 +57,18 @@ TEST_F(syslog_utils, fires_every_timer_and_ends_with_the_first) {
 }
 
 TEST_F(syslog_utils, continues_a_period_for_what_is_left_of_it) {
-    set_config_text("syslog.activationDate", print_datetime(now - 40)->c_str());
-    ASSERT_TRUE(syslog_utils_configure());
+    const auto start_again = [] {
+        set_config_flag("syslog.persistent", true);
+        set_config_text("syslog.activationDate", print_datetime(now - 40)->c_str());
+        return syslog_utils_configure();
+    };
+    ASSERT_TRUE(start_again());
     pass(19);
     EXPECT_TRUE(get_config_flag("syslog.persistent"));
     pass(1);
     EXPECT_EQ(document.saved("syslog.persistent"), "false");
+    ASSERT_TRUE(start_again());
+    EXPECT_EQ(document.saved("syslog.persistent"), "false");  // nothing is left
 }
 
 }  // namespace

@@ -93,6 +93,7 @@ TEST(migration_steps, of_no_flavour_still_work) {
     EXPECT_EQ(nimbrelc_utils_get_decrypted_string(cJSON_GetArrayItem(storage, 3)->valuestring,
                                                   stored_storage_password.passphrase),
               "summer-2019");
+    EXPECT_EQ(migration_utils_decrypt_string_R8("", "lj3Z2W3#"), "");
     for (const char *damaged : {"c2hvcnQ=", "****"}) {
         EXPECT_EQ(migration_utils_decrypt_string_R8(damaged, "lj3Z2W3#"), std::nullopt);
     }

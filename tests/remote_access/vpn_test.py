@@ -116,7 +116,7 @@ def test_last_connection_and_devices(box):
     box.script(script, code=4, out="5;min;10.0.0.2")
     assert box.ask("getDevices") is None
     # Three tokens a device, none of them empty; what is left over is dropped.
-    box.script(script, out=";5;;min;10.0.0.2;;;1;h;10.0.0.3;\n")
+    box.script(script, out=";5;;min;10.0.0.2;;;1;h;10.0.0.3;2;\n")
     assert box.ask("getDevices") == (
         '[{"ipAddress":"10.0.0.2","connectionTime":{"count":"5","format":"min"}},'
         '{"ipAddress":"10.0.0.3","connectionTime":{"count":"1","format":"h"}}]')
