@@ -23,7 +23,8 @@ def gateway(box):
 def test_list_shows_each_kind_of_entry_text_and_number(gateway):
     assert gateway.ask("devices.list") == '{"status":200,"data":[]}'
     serve(gateway, "[" + ",".join([
-        "null", SD, "{syspath: '/stick', device_type: 'LTE', connection_type: 'USB', vendor: 'Acme', model: 'M 1'}", USB,
+        "{device_type: 'STORAGE'}", "null", SD,
+        "{syspath: '/stick', device_type: 'LTE', connection_type: 'USB', vendor: 'Acme', model: 'M 1'}", USB,
         "{syspath: '/odd', device_type: 'STORAGE', connection_type: 'eSATA'}",
         "{syspath: '/empty', device_type: 'STORAGE', connection_type: 'USB'}",
         "{syspath: '', device_type: 'STORAGE'}",
@@ -48,8 +49,8 @@ def test_list_shows_each_kind_of_entry_text_and_number(gateway):
         '{"id":"O1","type":"undefined-storage","label":"ü/\\u0001","fsType":"",'
         '"capacity":1e+20,"freeSpace":0,"supported":true}',
     ]) + "]}"
-    # One line for each storage disk that was looked up.
-    gateway.wait_log("Unidentified disk syspath for partition", count=8)
+    # One line for each partition of no disk, at each storage disk that is looked up.
+    gateway.wait_log("Unidentified syspath for device", count=2)
     assert gateway.log().count("Unidentified disk syspath for partition") == 8
 
 
