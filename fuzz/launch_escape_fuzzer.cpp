@@ -3,7 +3,6 @@
 #include "platform/launch.h"
 
 #include "fuzz.h"
-#include "platform/launch.h"
 
 void fuzz(std::string_view input) {
     std::string command = "printf '<%s>\\0'";

@@ -30,9 +30,10 @@ TEST(json, walks_dotted_paths) {
 }
 
 TEST(json, merges_stored_values) {
-    const std::string source = R"({"b":2,"a":1,"none":2,"NAME":"n","flag":1,"number":"1",)"
-                               R"("section":null,"null1":1,"text":null,"list":null,)"
-                               R"("null2":{"k":[1]},"twin":1,"null3":[1],"o":{"k":1,"l":[1]}})";
+    const std::string source =
+        R"({"b":2,"a":1,"none":2,"NAME":"n","flag":1,"number":"1",)"
+        R"("section":null,"null1":1,"text":null,"list":null,)"
+        R"("null2":{"k":[1]},"twin":1,"null3":[1],"o":{"k":1,"l":[1],"m":true}})";
     const std::string target = R"({"a":0,"b":0,"c":0,"name":"","flag":true,"number":1,)"
                                R"("section":{"b":2},"null1":null,"text":"x","list":[1],)"
                                R"("null2":null,"twin":7,"Twin":8,"null3":null,)"

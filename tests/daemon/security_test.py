@@ -37,7 +37,7 @@ def test_nothing_planted_in_the_place_of_the_working_directory_survives(box, pla
     users = box.read("/etc/passwd")
     # Without the service's preparation the daemon does not start on it.
     box.run(["env", "-i", "PATH=/usr/bin:/bin", "UID=7001", "GID=7001", "nimbrelc"], check=False)
-    assert "Cannot create all working dirs" in box.log()
+    box.wait_log("Cannot create all working dirs")
     assert not box.exists("/media/configs")
     box.start_daemon()
     assert facts(box, OWN) == ("drwxr-xr-x", 7001)

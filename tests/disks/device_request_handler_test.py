@@ -23,7 +23,8 @@ def gateway(box):
 def test_list_shows_each_kind_of_entry_text_and_number(gateway):
     assert gateway.ask("devices.list") == '{"status":200,"data":[]}'
     serve(gateway, "[" + ",".join([
-        "null", SD, "{syspath: '/stick', device_type: 'LTE', connection_type: 'USB', vendor: 'Acme', model: 'M 1'}", USB,
+        "{device_type: 'STORAGE'}", "null", SD,
+        "{syspath: '/stick', device_type: 'LTE', connection_type: 'USB', vendor: 'Acme', model: 'M 1'}", USB,
         "{syspath: '/odd', device_type: 'STORAGE', connection_type: 'eSATA'}",
         "{syspath: '/empty', device_type: 'STORAGE', connection_type: 'USB'}",
         "{syspath: '', device_type: 'STORAGE'}",
@@ -32,7 +33,7 @@ def test_list_shows_each_kind_of_entry_text_and_number(gateway):
         "mount_point: '', capacity: 9, free: 9}",
         "{disk_syspath: '/sd', syspath: '/sd/1', uuid: 'S1', label: 'a\\\"b\\\\c\\u0001\\n', type: 'vfat', "
         "mount_point: '/mnt/1', capacity: 12345678901234, free: 1.5}",
-        "{disk_syspath: '/odd', syspath: '/odd/1', uuid: 'O1', label: 'ü/€', capacity: 1e20, free: '12', mount_point: '/mnt/2'}",
+        "{disk_syspath: '/odd', uuid: 'O1', label: 'ü/\\u0001', capacity: 1e20, free: '12', mount_point: '/mnt/2'}",
         "{disk_syspath: '/gone', syspath: '/gone/1', uuid: 'G1', mount_point: '/mnt/3'}",
         "{syspath: '/lost', mount_point: '/mnt/4'}",
     ]) + "]")
@@ -45,11 +46,12 @@ def test_list_shows_each_kind_of_entry_text_and_number(gateway):
         '"capacity":null,"freeSpace":null,"supported":false}',
         '{"id":"/usb/1","type":"usb-disk","label":"Raw","fsType":"ext9",'
         '"capacity":null,"freeSpace":null,"supported":false}',
-        '{"id":"O1","type":"undefined-storage","label":"ü/€","fsType":"",'
+        '{"id":"O1","type":"undefined-storage","label":"ü/\\u0001","fsType":"",'
         '"capacity":1e+20,"freeSpace":0,"supported":true}',
     ]) + "]}"
-    # One line for each storage disk that was looked up.
-    gateway.wait_log("Unidentified disk syspath for partition", count=8)
+    # One line for each partition of no disk, at each storage disk that is looked up.
+    gateway.wait_log("Unidentified syspath for device", count=2)
+    assert gateway.log().count("Unidentified disk syspath for partition") == 8
 
 
 def test_what_the_disk_daemon_refuses_or_ignores(gateway):

@@ -205,6 +205,9 @@ TEST_F(file_services_exploration, waits_after_the_last_request_and_for_the_actio
     plug(1);
     simulated_box::pass(60);
     EXPECT_EQ(services[0].done, "5+ 11~ 31- 36+ ");
+    // A start with a reload is watched as long as a start.
+    EXPECT_EQ(file_service_simplify_events({FILE_SERVICE_EVENT_START, FILE_SERVICE_EVENT_RELOAD}),
+              FILE_SERVICE_EVENT_START);
 }
 
 TEST_F(file_services_exploration, keeps_running_what_is_wanted_and_nothing_else) {
