@@ -12,26 +12,30 @@ constexpr const char *log_category = "nimbrelc_utils";
 
 constexpr const char *datetime_format = "%FT%TZ";
 
+// `fields` with what the text says, nothing when it does not parse.
+std::optional<tm> parse(const char *text, tm fields = {}) {
+    const bool parsed = text != nullptr && strptime(text, datetime_format, &fields) != nullptr;
+    return parsed ? std::optional(fields) : std::nullopt;
+}
+
 }  // namespace
 
 std::optional<time_t> parse_datetime(const char *text) {
-    tm fields{};
-    if (text == nullptr || strptime(text, datetime_format, &fields) == nullptr) {
+    std::optional<tm> fields = parse(text);
+    if (!fields) {
         return std::nullopt;
     }
     // kept: local time in spite of the "Z". Left to the library whether summer time applies, so
     // that what print_datetime() wrote reads back as the same time all the year round.
-    fields.tm_isdst = -1;
-    return mktime(&fields);
+    fields->tm_isdst = -1;
+    return mktime(&*fields);
 }
 
 std::optional<time_t> parse_datetime_as_of(const char *text, time_t now) {
-    tm fields{};
-    localtime_r(&now, &fields);
-    if (text == nullptr || strptime(text, datetime_format, &fields) == nullptr) {
-        return std::nullopt;
-    }
-    return mktime(&fields);
+    tm today{};
+    localtime_r(&now, &today);
+    std::optional<tm> fields = parse(text, today);
+    return fields ? std::optional(mktime(&*fields)) : std::nullopt;
 }
 
 std::optional<std::string> print_datetime(time_t time) {
@@ -46,8 +50,7 @@ std::optional<std::string> print_datetime(time_t time) {
 }
 
 bool is_datetime(const char *text) {
-    tm fields{};
-    if (text == nullptr || strptime(text, datetime_format, &fields) == nullptr) {
+    if (!parse(text)) {
         // strptime() itself sets no error.
         LOG_ERROR("strptime failed to parse the date: %s", strerror(EINVAL));
         return false;

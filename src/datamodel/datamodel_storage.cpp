@@ -354,11 +354,12 @@ std::string build_logical_volume(const cJSON *devices, const cJSON *partitions, 
         return "";
     }
     const char *disk_syspath = json_text(partition, "disk_syspath");
-    const int device = or_log(log_category, disk_syspath[0] != '\0',
-                              "logical_volume_getter: undefined disk syspath")
-                           ? or_log(log_category, find_device(devices, disk_syspath),
-                                    "logical_volume_getter: cannot find device for volume")
-                           : 0;
+    if (!or_log(log_category, disk_syspath[0] != '\0',
+                "logical_volume_getter: undefined disk syspath")) {
+        return "";
+    }
+    const int device = or_log(log_category, find_device(devices, disk_syspath),
+                              "logical_volume_getter: cannot find device for volume");
     if (device == 0) {
         return "";
     }
