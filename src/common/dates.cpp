@@ -10,7 +10,8 @@ namespace {
 
 constexpr const char *log_category = "nimbrelc_utils";
 
-constexpr const char *datetime_format = "%FT%TZ";
+// Conversions that every C library parses: "%F" is no such one.
+constexpr const char *datetime_format = "%Y-%m-%dT%H:%M:%SZ";
 
 // `fields` with what the text says, nothing when it does not parse.
 std::optional<tm> parse(const char *text, tm fields = {}) {

@@ -68,7 +68,7 @@ bool empty_for_writing(int fd, const struct stat &info, mode_t mode) {
         errno = EPERM;
         return false;
     }
-    if ((info.st_mode & ACCESSPERMS & ~mode) != 0) {
+    if ((info.st_mode & (S_IRWXU | S_IRWXG | S_IRWXO) & ~mode) != 0) {
         (void)fchmod(fd, info.st_mode & mode);
     }
     return ftruncate(fd, 0) == 0;

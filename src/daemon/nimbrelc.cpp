@@ -67,11 +67,11 @@ bool is_private_dir(const char *path) {
         return false;
     }
     constexpr mode_t written_by_others = S_IWGRP | S_IWOTH;
+    constexpr mode_t tightened = S_IRWXU | S_IRGRP | S_IXGRP | S_IROTH | S_IXOTH;
     bool is_private =
         fstat(directory, &info) == 0 && (info.st_uid == geteuid() || info.st_uid == 0);
     if (is_private && (info.st_mode & written_by_others) != 0) {
-        is_private = info.st_uid == geteuid() &&
-                     fchmod(directory, info.st_mode & ACCESSPERMS & ~written_by_others) == 0;
+        is_private = info.st_uid == geteuid() && fchmod(directory, info.st_mode & tightened) == 0;
     }
     close(directory);
     return is_private;
