@@ -136,13 +136,8 @@ std::nullopt_t reading_failed(file_ptr file, const char *format) {
 int remove_entry(const char *path, const struct stat * /*info*/, int /*type*/, FTW * /*position*/) {
     const int result = remove(path);
     if (result != 0) {
-// kept: the first conversion lacks its letter. The C library prints it as it stands and gives the
-// path to the second one; the error text does not appear.
-#pragma GCC diagnostic push
-#pragma GCC diagnostic ignored "-Wformat"
-#pragma GCC diagnostic ignored "-Wformat-extra-args"
-        LOG_ERROR("Failed to remove %: %s", path, strerror(errno));
-#pragma GCC diagnostic pop
+        // kept: a conversion without its letter, printed as it stands; no error text.
+        LOG_ERROR("Failed to remove %%: %s", path);
     }
     return result;
 }

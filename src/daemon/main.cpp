@@ -91,19 +91,24 @@ void print_usage(const char *program) {
 // False when an unknown option ended the parsing.
 bool parse_options(int argc, char *argv[]) {
     int option = 0;
-    while ((option = getopt(argc, argv, "l:m")) != -1) {
-        switch (option) {
-            case 'l':
-                logger_init(optarg);
-                break;
-            case 'm':
-                g_migration_mode = true;
-                break;
-            default:
-                LOG_WARN("Unknown parameter: %d", option);
-                print_usage(argv[0]);
-                return false;
+    bool ended = false;
+    // Words between the options are passed over, which not every C library does by itself.
+    for (; optind < argc && !ended; ++optind) {
+        while ((option = getopt(argc, argv, "l:m")) != -1) {
+            switch (option) {
+                case 'l':
+                    logger_init(optarg);
+                    break;
+                case 'm':
+                    g_migration_mode = true;
+                    break;
+                default:
+                    LOG_WARN("Unknown parameter: %d", option);
+                    print_usage(argv[0]);
+                    return false;
+            }
         }
+        ended = strcmp(argv[optind - 1], "--") == 0;
     }
     return true;
 }

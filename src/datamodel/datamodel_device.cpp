@@ -23,7 +23,7 @@ constexpr const char *log_category = "datamodel";
 constexpr const char *lan_interface = "eth1";
 
 // What the kernel says about the LAN interface for `question` (SIOCGIF...).
-std::optional<ifreq> ask_interface(unsigned long question) {
+std::optional<ifreq> ask_interface(uint16_t question) {
     const int descriptor = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
     if (descriptor == -1) {
         return std::nullopt;
