@@ -10,11 +10,12 @@ import zlib
 from typing import NamedTuple
 
 import travel
-from box import Box, BoxError, ROOT, wait_until
+from box import Box, BoxError, BusError, NoReply, ROOT, wait_until
 
 HERE = os.path.join(ROOT, "build", "elsewhere")
 LIBRARIES = ["libevent-dev", "libdbus-1-dev", "libssl-dev", "libcjson-dev", "libgtest-dev"]
 TOOLS = ["dbus", "mount", "cmake", "ninja-build", "pkg-config"]
+NOT_EMULATED = "launcher.shell_results"  # an emulator does not tell who starts a program that it cannot
 MODULES = ["libevent", "dbus-1", "libcrypto", "libcjson"]
 CLANG = ["clang", "lld", "libc++-dev", "libc++abi-dev", "libclang-rt-14-dev"]
 MUSL = ["clang", "lld", "llvm", "libclang-rt-14-dev", "musl-dev", "linux-libc-dev", "binutils", "make", "dpkg-dev",
@@ -142,8 +143,7 @@ class Place:
 
     def test(self):
         """The unit tests and those in simulated time: how many passed."""
-        # An emulator does not tell who starts a program that it cannot.
-        chosen = "--gtest_filter=-launcher.shell_results" if self.system.foreign else ""
+        chosen = f"--gtest_filter=-{NOT_EMULATED}" if self.system.foreign else ""
         locale = f"export LOCPATH={LOCALE}; " if self.system.foreign else ""
         text = self.inside("tests", locale + " && ".join(
             f"{self.system.emulator} {self.build}/tests/nimbrelc{kind}_tests --gtest_brief=1 {chosen}"
@@ -207,18 +207,19 @@ def main(names):
             passed, resident = place.test(), place.serve()
             frame, where = place.largest_frame()
             kilobytes = os.path.getsize(place.build + "/stripped") / 1024
-            rows.append((place.name, place.compiler, place.versions, f"{time.monotonic() - start:.0f} s", f"{passed}",
-                         f"{kilobytes:.0f} KB", "emulated" if place.system.foreign else f"{resident} KB",
+            rows.append((place.name, place.compiler, place.versions, f"{time.monotonic() - start:.0f} s",
+                         f"{passed}, not {NOT_EMULATED}" if place.system.foreign else str(passed),
+                         f"{kilobytes:.0f} KB", "not emulated" if place.system.foreign else f"{resident} KB",
                          f"{frame} ({where})", "serves"))
-        except (BoxError, AssertionError) as error:
+        except (AssertionError, BoxError, BusError, NoReply, subprocess.SubprocessError) as error:
             failed.append(place.name)
-            rows.append((place.name, *[""] * 7, str(error)))
+            rows.append((place.name, *["-"] * 7, "failed"))
+            print(error)
         place.say(rows[-1][-1])
     columns = ["system", "compiler", "libevent, libdbus, libcrypto, cJSON", "time", "unit tests", "stripped", "resident",
                "largest frame", "verdict"]
     for row in columns, ["---"] * len(columns), *rows:
         print("| " + " | ".join(row) + " |")
-    print()
     failed += travel.matrix([place for place in places if place.name not in failed])
     sys.exit(bool(failed))
 

@@ -91,7 +91,7 @@ def matrix(places):
     with concurrent.futures.ThreadPoolExecutor(4) as pool:
         list(pool.map(write, places))
         rows = list(pool.map(read, places, [places] * len(places)))
-    print("| read by, written by | " + " | ".join(place.name for place in places) + " |")
+    print("\n| read by, written by | " + " | ".join(place.name for place in places) + " |")
     print("| --- " * (len(places) + 1) + "|")
     for place, verdicts in zip(places, rows):
         good = "yes, to 2038" if place.system.narrow_times else "yes"
