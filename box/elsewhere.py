@@ -170,7 +170,7 @@ class Place:
         with self.box() as box:
             # The library decides whether a word between the options ends them.
             box.run(box.daemon_command("-l", "enabled=true", "word", "-m"))
-            assert "launched in migration mode" in box.log()
+            box.wait_log("launched in migration mode")
             box.start_daemon()
             with open(f"/proc/{box.daemon_pid()}/status") as status:
                 resident = int(re.search(r"VmRSS:\s+(\d+)", status.read())[1])
@@ -214,7 +214,7 @@ def main(names):
         except (AssertionError, BoxError, BusError, NoReply, subprocess.SubprocessError) as error:
             failed.append(place.name)
             rows.append((place.name, *["-"] * 7, "failed"))
-            print(error)
+            print(repr(error) if isinstance(error, AssertionError) else error)
         place.say(rows[-1][-1])
     columns = ["system", "compiler", "libevent, libdbus, libcrypto, cJSON", "time", "unit tests", "stripped", "resident",
                "largest frame", "verdict"]

@@ -185,7 +185,8 @@ std::optional<std::string> nimbrelc_utils_base64_decode(const char *text) {
     std::string data((view.size() / 4 + 1) * 3, '\0');
     int count = 0;
     for (std::string_view rest = view; rest.size() >= 4;) {
-        const std::string_view portion = rest.substr(0, std::min(portion_size, rest.size() & ~3U));
+        const std::string_view portion =
+            rest.substr(0, std::min(portion_size, rest.size() / 4 * 4));
         int decoded = EVP_DecodeBlock(bytes_of(data) + count, bytes_of(portion),
                                       static_cast<int>(portion.size()));
         if (portion.ends_with('=')) {
