@@ -5,7 +5,7 @@ import json
 import os
 import re
 
-from box import CONFIG, BusError, NoReply, field_document, u, wait_until
+from box import CONFIG, BoxError, BusError, NoReply, field_document, u, wait_until
 
 BACKUP = "/tmp/settings.backup"
 USER, PASSWORD = "traveller", "Sea & sun 2061"
@@ -81,7 +81,7 @@ def read(place, writers):
                 wait_until(box.serving, "the daemon serves again")
                 assert facts(box) == expected, f"backup reads as {facts(box)}, not {expected}"
                 verdicts.append("")
-            except (AssertionError, BusError, NoReply) as fault:
+            except (AssertionError, BoxError, BusError, NoReply) as fault:
                 verdicts.append(f"{place.name} reads what {writer.name} wrote: {fault}")
     return verdicts
 
