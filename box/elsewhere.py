@@ -169,7 +169,7 @@ class Place:
         """A share is served and the bus answered; the daemon's resident kilobytes."""
         with self.box() as box:
             # The library decides whether a word between the options ends them.
-            box.run(box.daemon_command("-l", "enabled=true", "word", "-m"))
+            box.run(box.daemon_command("-l", "enabled=true:syslog=yes:level=info", "word", "-m"))
             box.wait_log("launched in migration mode")
             box.start_daemon()
             with open(f"/proc/{box.daemon_pid()}/status") as status:

@@ -178,7 +178,7 @@ std::optional<std::string> nimbrelc_utils_base64_decode(const char *text) {
     if (!or_log(log_category, text, "Passed buffer must be non null")) {
         return std::nullopt;
     }
-    // Portion by portion, as the library's filter for one line did before OpenSSL 3.5, where it
+    // Portion by portion, as the library's filter for one line did before OpenSSL 3.4, where it
     // began to take line breaks: a text means the same whatever the library.
     constexpr size_t portion_size = 1024;
     const std::string_view view = text;
