@@ -11,7 +11,6 @@
 
 #include <algorithm>
 #include <cstring>
-#include <utility>
 
 #include "common/handle.h"
 #include "common/texts.h"
