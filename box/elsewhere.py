@@ -20,6 +20,8 @@ MODULES = ["libevent", "dbus-1", "libcrypto", "libcjson"]
 CLANG = ["clang", "lld", "libc++-dev", "libc++abi-dev", "libclang-rt-14-dev"]
 MUSL = ["clang", "lld", "llvm", "libclang-rt-14-dev", "musl-dev", "linux-libc-dev", "binutils", "make", "dpkg-dev",
         "googletest", "python3-minimal", "python3-distutils"]
+with open(os.path.join(ROOT, "packaging", "musl")) as script:
+    MUSL_TOOLCHAIN = script.read()
 LOCALE = "/opt/foreign/usr/lib/locale"  # in the processor's byte order
 FOREIGN_LOCALE = "cd /tmp; apt-get update -qq; apt-get download libc-bin:$ARCH; dpkg -x libc-bin_*.deb /opt/foreign"
 LIBCXX_TESTS = """cp -r /usr/src/googletest /tmp && cd /tmp/googletest && cmake -G Ninja -B build -DBUILD_GMOCK=OFF \
@@ -56,7 +58,7 @@ SYSTEMS = {
     "debian-13": System("trixie"),
     "clang": System("bookworm", packages=CLANG + ["binutils"], setup=LIBCXX_TESTS,
                     options=["-DCMAKE_CXX_COMPILER=clang++"], flags="-stdlib=libc++"),
-    "musl": System("bookworm", packages=MUSL, setup=f"{ROOT}/packaging/musl", static=True,
+    "musl": System("bookworm", packages=MUSL, setup=MUSL_TOOLCHAIN, static=True,
                    options=["-DCMAKE_CXX_COMPILER=/opt/musl/bin/musl-c++"]),
     "armhf": cross("bookworm", "armhf", "arm-linux-gnueabihf", "arm", narrow_times=True),
     "armhf-13": cross("trixie", "armhf", "arm-linux-gnueabihf", "arm"),
@@ -90,11 +92,7 @@ class Place:
                    "--dpkgopt=force-unsafe-io", "--dpkgopt=path-exclude=/usr/share/doc/*",
                    "--include=" + ",".join(packages), system.suite, self.root,
                    *(f"{kind} {archive} {system.suite} main" for kind in ("deb", "deb-src"))]
-        setup = system.setup
-        if os.path.exists(setup):
-            with open(setup) as script:
-                setup = script.read()
-        made = os.path.join(self.dir, f"made-{zlib.crc32((' '.join(command) + setup).encode()):08x}")
+        made = os.path.join(self.dir, f"made-{zlib.crc32(' '.join([*command, system.setup]).encode()):08x}")
         if os.path.exists(made):
             return
         self.say("making its root, log in build/elsewhere/" + self.name)
@@ -104,8 +102,7 @@ class Place:
         os.makedirs(self.root + ROOT)
         if system.foreign:
             subprocess.run(["cp", system.emulator, self.root + "/usr/bin"], check=True)
-        if setup:
-            self.inside("setup", system.setup)
+        self.inside("setup", system.setup)
         open(made, "w").close()
 
     def logged(self, step, command):

@@ -4,6 +4,7 @@ import concurrent.futures
 import json
 import os
 import re
+import shutil
 
 from box import CONFIG, BoxError, BusError, NoReply, field_document, u, wait_until
 
@@ -43,11 +44,10 @@ def write(place):
             box.apply(key, value)
         box.ask("setLastConnectionDetails", "2061-02-03T04:05:06Z", u(WORD))
         box.ask("store", BACKUP)
-        for name, text in ("facts", json.dumps(facts(box))), ("document", box.read(CONFIG)):
-            with open(os.path.join(folder, name), "w") as file:
-                file.write(text)
-        box.run(["cp", BACKUP, "/run/shared/tmp/backup"])
-        os.replace(place.root + "/tmp/backup", os.path.join(folder, "backup"))
+        with open(os.path.join(folder, "facts"), "w") as file:
+            json.dump(facts(box), file)
+        shutil.copy(box.path(CONFIG), os.path.join(folder, "document"))
+        shutil.copy(box.path(BACKUP), os.path.join(folder, "backup"))
 
 
 def written(place):

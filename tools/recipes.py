@@ -13,7 +13,7 @@ LIBRARIES = {"libevent_core": ("libevent2-core", "LIBEVENT", "libevent", "libeve
              "libcjson": ("cJSON", "CJSON", "cjson", "libcjson-dev", "cjson")}
 AT_RUN_TIME = {"dbus", "s6", "sudo"}
 # What a Yocto package takes without being told, the manual's page into one of its own.
-YOCTO = {"${bindir}": "/usr/bin", "${sysconfdir}": "/etc", "${mandir}": "/usr/share/man"}
+YOCTO_DEFAULTS = ["/usr/bin", "/etc", "/usr/share/man"]
 YOCTO_PLACES = {"${datadir}": "/usr/share", "${nonarch_libdir}": "/usr/lib"}
 
 
@@ -74,7 +74,7 @@ def faults(root):
     places = re.search('FILES.*"(.*)"', yocto)[1]
     for name, meant in YOCTO_PLACES.items():
         places = places.replace(name, meant)
-    yield from (f"Yocto: in no package: {file}" for file in files if not below(file, [*YOCTO.values(), *places.split()]))
+    yield from (f"Yocto: in no package: {file}" for file in files if not below(file, [*YOCTO_DEFAULTS, *places.split()]))
     yield from (f"Yocto: holds nothing: {place}" for place in places.split() if not any(below(file, [place]) for file in files))
     said = re.findall(r"^(/etc/\S+)$", openwrt, re.M) + re.findall(r"^\t(/etc/\S+) f", buildroot, re.M)
     said += re.findall(r"chmod \d+ \$[^/]*[})](/etc/\S+)", (openwrt + yocto).replace("${sysconfdir}", "/etc"))

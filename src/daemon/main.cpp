@@ -88,27 +88,32 @@ void print_usage(const char *program) {
     printf("\t%s -m\n", program);
 }
 
+// As getopt(). Words between the options are passed over, which not every C library does by itself.
+int next_option(int argc, char *argv[]) {
+    int option = getopt(argc, argv, "l:m");
+    while (option == -1 && optind < argc && strcmp(argv[optind - 1], "--") != 0) {
+        ++optind;
+        option = getopt(argc, argv, "l:m");
+    }
+    return option;
+}
+
 // False when an unknown option ended the parsing.
 bool parse_options(int argc, char *argv[]) {
     int option = 0;
-    bool ended = false;
-    // Words between the options are passed over, which not every C library does by itself.
-    for (; optind < argc && !ended; ++optind) {
-        while ((option = getopt(argc, argv, "l:m")) != -1) {
-            switch (option) {
-                case 'l':
-                    logger_init(optarg);
-                    break;
-                case 'm':
-                    g_migration_mode = true;
-                    break;
-                default:
-                    LOG_WARN("Unknown parameter: %d", option);
-                    print_usage(argv[0]);
-                    return false;
-            }
+    while ((option = next_option(argc, argv)) != -1) {
+        switch (option) {
+            case 'l':
+                logger_init(optarg);
+                break;
+            case 'm':
+                g_migration_mode = true;
+                break;
+            default:
+                LOG_WARN("Unknown parameter: %d", option);
+                print_usage(argv[0]);
+                return false;
         }
-        ended = strcmp(argv[optind - 1], "--") == 0;
     }
     return true;
 }

@@ -67,7 +67,7 @@ bool is_private_dir(const char *path) {
         return false;
     }
     constexpr mode_t written_by_others = S_IWGRP | S_IWOTH;
-    constexpr mode_t tightened = S_IRWXU | S_IRGRP | S_IXGRP | S_IROTH | S_IXOTH;
+    constexpr mode_t tightened = (S_IRWXU | S_IRWXG | S_IRWXO) & ~written_by_others;
     bool is_private =
         fstat(directory, &info) == 0 && (info.st_uid == geteuid() || info.st_uid == 0);
     if (is_private && (info.st_mode & written_by_others) != 0) {
