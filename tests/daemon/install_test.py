@@ -19,3 +19,10 @@ def test_the_steps_of_the_readme(daemon):
         root.sh("s6-svc -k /run/service/nimbrelc")
         wait_until(lambda: root.exists("/tmp/nimbrel/log") and root.serving(), "the daemon logs to a file")
         assert root.sh("s6-svdt /run/service/nimbrelc").split()[1:] == ["signal", "SIGKILL"]
+        # A new firmware waits for room on a full medium, with the document as it was.
+        migration = readme_steps()[-2]
+        root.sh(f"""s6-svc -wD -d /run/service/nimbrelc; echo 08.05.10 >/etc/version; cp -p /media/nimbrelc.json /tmp
+            mount -t tmpfs -o size=1m media /media; chown nimbrelc: /media; cp -p /tmp/nimbrelc.json /media
+            cat /dev/zero >/media/fill || true; {{ {migration} }} &
+            sleep 2; cmp /tmp/nimbrelc.json /media/nimbrelc.json; rm /media/fill; wait
+            grep -q 08.05.10 /media/nimbrelc.json; ! ls /media | grep -v 'nimbrelc.json$'""")

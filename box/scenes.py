@@ -1,0 +1,513 @@
+"""./dev machine: what a box goes through, in a machine with a real kernel, as timelines. Each step is really observed,
+from outside; the first one that is not ends its scene, and the program with exit code 1."""
+import concurrent.futures
+import contextlib
+import glob
+import io
+import json
+import os
+import random
+import re
+import shutil
+import socket
+import subprocess
+import sys
+import tempfile
+import threading
+import time
+
+import elsewhere
+import sticks
+from box import BoxError, BusError, CONFIG, NoReply, ROOT, document_faults, u, wait_until
+from demo import FILES, NotSeen, PASSWORD, Timeline, USER
+from machine import Machine, new_medium, outside_services
+
+FILE, TEXT = next(iter(FILES.items()))
+MADE = os.path.join(ROOT, "build", "machine")
+CUTS = 20
+OLD, NEW = "08.05.09", "08.05.10"  # of the two firmwares; the new one's daemon flushes what it writes
+
+
+class Scene(Timeline):
+    """A timeline that is kept until it is whole, since scenes run side by side; a place for files, machines."""
+
+    def __init__(self, title, firmwares, place):
+        super().__init__()
+        self.text = io.StringIO()
+        self.firmwares, self.place, self.machine = firmwares, place, None
+        self.event(title)
+
+    def print(self, text):
+        print(text, file=self.text)
+
+    def event(self, text):
+        self.print(f"\n{self.now():5.1f} s  {text}")
+
+    def seen(self, condition, text):
+        if not condition:
+            raise NotSeen(text)
+        self.print(f"{self.now():5.1f} s    - {text}")
+        return condition
+
+    def file(self, name):
+        return os.path.join(self.place, name)
+
+    def medium(self):
+        path = self.file("medium")
+        return path if os.path.exists(path) else new_medium(path)
+
+    def boot(self, firmware=OLD, join=True, **options):
+        """A machine with the scene's medium, which serves."""
+        self.machine = Machine(self.firmwares[firmware], self.medium(), **options)
+        return self.machine.join() if join else self.machine
+
+    def plug(self, *partitions, name="stick"):
+        image, self.before = self.file(name), len(self.machine.console())
+        if partitions:
+            sticks.make_stick(image, *partitions)
+        self.machine.plug(image, name)
+        return image
+
+
+def share(machine, label, command, login=("-N",)):
+    """What smbclient says that it did, None when it could not."""
+    done = subprocess.run(["smbclient", "-p", str(machine.smb), *login, "//127.0.0.1/" + label, "-c", command],
+                          capture_output=True, text=True, timeout=120)
+    return done.stdout if done.returncode == 0 else None
+
+
+def wait_share(scene, label, login=("-N",)):
+    """The file on the share, once it can be read."""
+    return wait_until(lambda: share(scene.machine, label, f"get {FILE} -", login), f"{label} can be read", 120)
+
+
+def displayed(scene, text):
+    wait_until(lambda: text in scene.machine.console()[scene.before:], f"the display says {text!r}", 60)
+    scene.seen(True, f"the display says: {text}")
+
+
+def power_on(scene):
+    machine = scene.boot()
+    uptime = float(machine.sh("cat /proc/uptime").split()[0])
+    pid = machine.sh("s6-svstat -o pid /run/service/nimbrelc").strip()
+    began = int(machine.sh(f"cut -d' ' -f22 /proc/{pid}/stat")) / 100
+    scene.seen(uptime, f"the daemon serves {uptime:.1f} s after the kernel began; {uptime - began:.1f} s are its own")
+    rss = machine.sh(f"grep VmRSS /proc/{pid}/status").split()[1]
+    scene.seen(True, f"{machine.sh('uname -srm').strip()}; the daemon's memory: {rss} KB")
+    names = machine.sh("dbus-send --system --print-reply --dest=org.freedesktop.DBus / org.freedesktop.DBus.ListNames")
+    scene.seen(all(f'"com.kelvanto.{name}"' in names for name in ("nimbrel", "pamauth", "nssauth", "firmware", "ddm")),
+               "its four names and the disk daemon's are on the bus")
+    down = wait_until(lambda: machine.sh("s6-svstat -u /run/service/syslogd-log").strip() == "true", "the log service")
+    scene.seen(down and "Services started" in machine.log(), "its log goes where the log service keeps it")
+
+
+def usb_sticks(scene):
+    machine = scene.boot()
+    for kind, label in (("fat", "HOLIDAY"), ("ext4", "Photos"), ("ntfs", "Фото")):
+        scene.event(f"A stick is plugged in: {kind}, called {label}")
+        image = scene.plug((kind, label, FILES))
+        displayed(scene, "USB device attached")
+        scene.seen(wait_share(scene, label) == TEXT, f"a guest on the network reads {FILE}")
+        with open(scene.file("up.txt"), "w") as file:
+            file.write("from outside\n")
+        scene.seen(share(machine, label, f"put {scene.file('up.txt')} up.txt") is not None, "and writes a file")
+        entry, = json.loads(machine.ask("devices.list"))["data"]
+        scene.seen(entry["supported"] and entry["label"] == label and 0 < entry["freeSpace"] <= entry["capacity"],
+                   "the web front end's list: " + json.dumps(entry, ensure_ascii=False))
+        time.sleep(5)
+        machine.pull()
+        machine.wait_up("smbd", up=False)
+        scene.seen(sticks.file_on(image, kind, "up.txt") == "from outside\n",
+                   "pulled out: Samba is down, the file is on the stick")
+
+    scene.event("Two partitions, of which the second has no file system")
+    scene.plug(("fat", "ONE", FILES), (None, "", {}))
+    wait_share(scene, "ONE")
+    entries = json.loads(machine.ask("devices.list"))["data"]
+    scene.seen([entry["supported"] for entry in entries] == [True, False], "one is shared, the other listed as not supported")
+    scene.event("It is pulled out while a file is being read, and plugged in again")
+    machine.sh("head -c 20000000 /dev/urandom >/run/media/sd?1/big")
+    reader = subprocess.Popen(["smbclient", "-p", str(machine.smb), "-N", "//127.0.0.1/ONE", "-c", "get big -"],
+                              stdout=subprocess.PIPE, stderr=subprocess.DEVNULL)
+    begun = len(reader.stdout.read(65536))
+    machine.pull()
+    rest = len(reader.stdout.read())
+    reader.wait(120)
+    scene.seen(begun and begun + rest < 20000000, f"the reader got {(begun + rest) // 1024} KB and an error")
+    machine.wait_up("smbd", up=False)
+    scene.seen(machine.serving(), "the daemon serves")
+    machine.plug(scene.file("stick"))
+    scene.seen(wait_share(scene, "ONE") == TEXT, f"{FILE} is back")
+    machine.pull()
+    scene.event("A stick without anything on it, and a keyboard")
+    scene.plug((None, "", {}))
+    displayed(scene, "Unsupported USB device attached")
+    machine.pull()
+    machine.do("device_add", driver="usb-kbd", id="keyboard", bus="usb.0")
+    wait_until(lambda: "QEMU" in machine.ask("devices.list"), "the keyboard is listed")
+    scene.seen(True, "both are listed as not supported: " + machine.ask("devices.list"))
+
+
+def protect(scene):
+    machine = scene.boot()
+    scene.plug(("ext4", "Photos", FILES))
+    wait_share(scene, "Photos")
+    login = ("-U", f"{USER}%{PASSWORD}")
+
+    def check():
+        scene.seen(wait_share(scene, "Photos", login) == TEXT, f"{USER} reads {FILE} with the password")
+        scene.seen(share(scene.machine, "Photos", "ls") is None, "the guest is refused")
+        scene.seen(share(scene.machine, "Photos", "ls", ("-U", USER + "%wrong")) is None, "so is a wrong password")
+    scene.event(f"Share protection is switched on, for user {USER}")
+    machine.ask("updateCredentialsForUserShares", True, USER, PASSWORD)
+    machine.wait_up("smbd", up=False)
+    check()
+    scene.event("The box is switched off and on again, the stick in it")
+    machine.off()
+    scene.boot(join=False).plug(scene.file("stick"))
+    scene.machine.join()
+    check()
+
+
+def ssh_banner(machine):
+    """What comes from the forwarded port outside."""
+    with socket.create_connection(("127.0.0.1", machine.ssh), timeout=3) as line, contextlib.suppress(OSError):
+        return line.recv(100)
+    return b""
+
+
+def log_in(scene):
+    def attempt():
+        done = subprocess.run(["dbclient", "-y", "-i", scene.file("key"), "-p", str(scene.machine.ssh),
+                               "root@127.0.0.1", "hostname"], capture_output=True, text=True, timeout=60)
+        return done.stdout
+    return wait_until(attempt, "she logs in", 60) == "gateway\n"
+
+
+def activate(scene, minutes):
+    key = scene.file("key")
+    if not os.path.exists(key):
+        subprocess.run(["dropbearkey", "-t", "ed25519", "-f", key], check=True, capture_output=True)
+    text = subprocess.run(["dropbearkey", "-y", "-f", key], check=True, capture_output=True, text=True).stdout
+    machine = scene.machine
+    scene.seen(machine.set("SSH.ActivationDuration", u(minutes)) and not ssh_banner(machine), "nothing answers outside")
+    machine.apply("SSH.AuthorizedKey", re.search("^ssh-.*", text, re.M)[0])
+    machine.apply("SSH.Enable", True)
+    wait_until(lambda: ssh_banner(machine).startswith(b"SSH-2.0"), "the port outside answers", 60)
+    scene.seen(True, f"activated for {minutes} min: the port outside answers")
+    scene.seen(log_in(scene), "with the key she logs in from outside: the host says 'gateway'")
+
+
+def document(machine):
+    return json.loads(machine.read(CONFIG))
+
+
+def ended(scene):
+    wait_until(lambda: not document(scene.machine)["ssh"]["enable"], "the activation ends", 120)
+    scene.seen(not ssh_banner(scene.machine), "nothing answers outside any more")
+
+
+def ssh(scene):
+    machine = scene.boot()
+    scene.event("A support engineer comes from outside")
+    activate(scene, 1)
+    scene.event("Her minute is over")
+    ended(scene)
+    scene.event("She comes for an hour; the box is switched off, and on again half an hour later")
+    activate(scene, 60)
+    machine.off()
+    at = time.time() + 1800
+    machine = scene.boot(clock=time.strftime("%Y-%m-%dT%H:%M:%S", time.gmtime(at)))
+    scene.seen(log_in(scene), "she logs in again")
+    scene.event("The same, but two hours later")
+    machine.off()
+    scene.boot(clock=time.strftime("%Y-%m-%dT%H:%M:%S", time.gmtime(at + 7200)))
+    ended(scene)
+
+
+def clock(scene):
+    scene.boot(clock="1970-01-01T00:00:00")
+    machine = scene.machine
+    scene.seen(machine.sh("date +%Y").strip() == "1970", "a box without a battery for its clock: it is 1970")
+    activate(scene, 60)
+    scene.seen(document(machine)["ssh"]["activationDate"].startswith("1970-"), "the activation began in 1970")
+    scene.event("The time is set")
+    machine.sh(f"date -s @{int(time.time())}")
+    scene.seen(log_in(scene), "she is still let in: the hour runs by the monotonic clock")
+    scene.event("The daemon starts anew, the clock being right")
+    machine.sh("s6-svc -r /run/service/nimbrelc")
+    ended(scene)
+    scene.event("An activation that began today; the box starts in 1970 again")
+    activate(scene, 60)
+    machine.off()
+    machine = scene.boot(clock="1970-01-01T00:00:00")
+    left = re.search(r"Continuing ssh session for next (-?\d+) sec", machine.log())
+    scene.seen(left and log_in(scene), f"it goes on, for the next {left[1]} s as the log says")
+    machine.sh(f"date -s @{int(time.time()) + 7200}; s6-svc -r /run/service/nimbrelc")
+    ended(scene)
+
+
+def full_medium(scene):
+    machine = scene.boot()
+    machine.apply("DeviceInfo.ProvisioningCode", "before")
+    scene.event("/media is full, and the box starts")
+    machine.sh("cat /dev/zero >/media/fill || true; sync")
+    machine.off()
+    machine = scene.boot()
+    scene.seen(machine.get("DeviceInfo.ProvisioningCode") == "before", "the daemon serves the document of before")
+    scene.seen(machine.set("DeviceInfo.ProvisioningCode", "x" * 9000) is False, "a setting is answered with false")
+    machine.sh("rm /media/fill")
+    scene.seen(machine.set("DeviceInfo.ProvisioningCode", "roomy") and "roomy" in machine.read(CONFIG),
+               "there is room again: it is taken, and in the document")
+    scene.event("It is full again, and the firmware is a new one, so that the start has to save")
+    machine.sh("cat /dev/zero >/media/fill || true; sync")
+    machine.off()
+    machine = scene.boot(NEW, join=False)
+    wait_until(lambda: machine.log().count("Error saving migrated config") > 1, "the migration is tried again", 120)
+    scene.seen(document(machine)["cpeDevice"]["deviceInfo"]["softwareVersion"] == OLD,
+               "the migration says 'Error saving migrated config' and is tried again; the document is as it was")
+    machine.sh("rm /media/fill")
+    machine.join()
+    scene.seen(machine.get("DeviceInfo.ProvisioningCode") == "roomy" and machine.get("DeviceInfo.SoftwareVersion") == NEW,
+               "there is room: the daemon serves the migrated document")
+
+
+def read_only_medium(scene):
+    machine = scene.boot()
+    machine.apply("DeviceInfo.ProvisioningCode", "before")
+    machine.off()
+    scene.event("/media can only be read at the start")
+    machine = scene.boot(medium_options=",readonly=on")
+    scene.seen(machine.get("DeviceInfo.ProvisioningCode") == "before", "the daemon serves the document of before")
+    scene.seen(machine.set("DeviceInfo.ProvisioningCode", "after") is False, "a setting is answered with false")
+    machine.off()
+    scene.event("The document is damaged")
+    machine = scene.boot()
+    machine.sh(f"head -c 500 {CONFIG} >/media/half; cat /media/half >{CONFIG}")
+    machine.off()
+    machine = scene.boot()
+    scene.seen(machine.get("DeviceInfo.ProvisioningCode") == "", "the daemon serves the default")
+    scene.seen("Cannot read configuration file" in machine.log()
+               and machine.sh("cmp /media/half /media/nimbrelc.json.refused") == "",
+               "the damaged one is aside; the log says: Cannot read configuration file")
+
+
+def upgrade(scene):
+    machine = scene.boot()
+    scene.plug(("ext4", "Photos", FILES))
+    machine.ask("updateCredentialsForUserShares", True, USER, PASSWORD)
+    machine.apply("DeviceInfo.ProvisioningCode", "mine")
+    login = ("-U", f"{USER}%{PASSWORD}")
+    scene.seen(wait_share(scene, "Photos", login) == TEXT, f"firmware {OLD}: {USER} reads {FILE}")
+    for version in (NEW, OLD):
+        scene.event(f"The firmware is replaced by {version}")
+        machine.off()
+        machine = scene.boot(version, join=False)
+        machine.plug(scene.file("stick"))
+        machine.join()
+        scene.seen(document(machine)["cpeDevice"]["deviceInfo"]["softwareVersion"] == version
+                   and machine.get("DeviceInfo.SoftwareVersion") == version, "the document is one of " + version)
+        scene.seen(machine.get("DeviceInfo.ProvisioningCode") == "mine", "a setting is as it was")
+        scene.seen(wait_share(scene, "Photos", login) == TEXT and share(machine, "Photos", "ls") is None,
+                   f"{USER} reads {FILE}, the guest is refused")
+
+
+def small(scene):
+    for memory in range(64, 257, 16):
+        try:
+            machine = scene.boot(memory=memory, join=False)
+            machine.shell.settimeout(90)
+            machine.sh("true")
+            break
+        except (BoxError, OSError):
+            scene.seen(True, f"{memory} MB: the kernel does not get so far; its console ends with: "
+                       + " ".join(scene.machine.console().split()[-12:]) if scene.machine else "")
+            if scene.machine:
+                scene.machine.close()
+    machine.shell.settimeout(300)
+    machine.join()
+    scene.plug(("ext4", "Photos", FILES))
+    wait_share(scene, "Photos")
+    with open(scene.file("up.txt"), "wb") as file:
+        file.write(os.urandom(8 << 20))
+    for _ in range(3):
+        both = f"put {scene.file('up.txt')} up.txt; get up.txt {scene.file('down.txt')}"
+        scene.seen(share(machine, "Photos", both) is not None, "8 MB written and read")
+    pid = machine.sh("s6-svstat -o pid /run/service/nimbrelc").strip()
+    killed = machine.sh("dmesg | grep -ci 'out of memory' || true").strip()
+    pss = machine.sh(f"awk '/^Pss:/ {{print $2}}' /proc/{pid}/smaps_rollup").strip()
+    scene.seen(killed == "0", f"{memory} MB in all: nothing was killed for memory; the daemon's share: {pss} KB; "
+               + machine.sh("grep -E 'MemTotal|MemAvailable' /proc/meminfo | xargs"))
+
+
+def cuts(scene, firmware):
+    """Settings are made without pause, and the machine is killed. What each medium holds is looked at by a machine that
+    mounts them all."""
+    machine = scene.boot(firmware)
+    machine.leave_bus()
+    asleep, medium = scene.file("asleep"), scene.file("medium")
+    machine.fall_asleep(asleep)
+    shutil.copy(medium, scene.file("before"))
+    machine.close()
+    acknowledged = []
+    for number in range(CUTS):
+        shutil.copy(scene.file("before"), medium)
+        scene.machine = machine = Machine(scene.firmwares[firmware], medium, asleep=asleep)
+        machine.join()
+        made = 0
+        end = threading.Timer(random.uniform(0.1, 8), machine.cut)
+        end.start()
+        with contextlib.suppress(NoReply, OSError, RuntimeError):
+            while machine.set("DeviceInfo.ProvisioningCode", str(made + 1), timeout=10):
+                made += 1
+        end.join()
+        machine.close()
+        acknowledged.append(made)
+        os.rename(medium, scene.file(f"cut{number}"))
+    scene.seen(min(acknowledged), f"{CUTS} cuts in the middle of settings, {min(acknowledged)} to {max(acknowledged)} of them "
+               "acknowledged")
+    drives = [word for number in range(CUTS) for word in ("-drive", f"if=virtio,format=raw,file={scene.file(f'cut{number}')}")]
+    machine = scene.boot(firmware, more=drives)
+    lost, torn = [], 0
+    for number, made in enumerate(acknowledged):
+        text = machine.sh(f"mount /dev/vd{chr(ord('c') + number)} /mnt; cat /mnt/nimbrelc.json; umount /mnt")
+        try:
+            torn += bool(document_faults(text))
+            there = int(json.loads(text)["cpeDevice"]["deviceInfo"]["provisioningCode"] or 0)
+        except ValueError:
+            torn, there = torn + 1, 0
+        lost.append(made - there if there < made else 0)
+    scene.seen(not torn, "no document is torn: each is read, and as its schema says")
+    cuts_with_loss = sum(map(bool, lost))
+    scene.seen(firmware == OLD or not cuts_with_loss,
+               f"acknowledged settings lost: after {cuts_with_loss} of {CUTS} cuts, at most {max(lost)} of them")
+    machine.close()
+    scene.event("The last one boots")
+    os.rename(scene.file(f"cut{CUTS - 1}"), scene.medium())
+    there = int(scene.boot(firmware).get("DeviceInfo.ProvisioningCode") or 0)
+    scene.seen(firmware == OLD or there >= acknowledged[-1],
+               f"the daemon serves setting {there}, {acknowledged[-1]} were acknowledged")
+
+
+SCENES = {
+    "power": ("Power on", power_on),
+    "sticks": ("Sticks", usb_sticks),
+    "protect": ("Share protection", protect),
+    "ssh": ("SSH from outside", ssh),
+    "clock": ("A clock that starts in 1970", clock),
+    "full": ("A full medium", full_medium),
+    "damaged": ("A medium that is read-only or damaged", read_only_medium),
+    "upgrade": ("Upgrade and downgrade of the firmware", upgrade),
+    "cuts": ("Power cuts, without NIMBRELC_SYNC_WRITES", lambda scene: cuts(scene, OLD)),
+    "cuts-sync": ("Power cuts, with it", lambda scene: cuts(scene, NEW)),
+    "small": ("Little memory", small),
+}
+
+
+def play(name, firmwares):
+    """One scene: its text, and whether all was seen."""
+    title, steps = SCENES[name]
+    with tempfile.TemporaryDirectory(prefix="scene") as place:
+        scene = Scene(title, firmwares, place)
+        try:
+            steps(scene)
+            return True, scene.text.getvalue()
+        except (NotSeen, BoxError, BusError, NoReply, OSError, subprocess.SubprocessError, AssertionError) as error:
+            scene.print(f"{scene.now():5.1f} s    NOT SEEN: {error!r}")
+            with contextlib.suppress(Exception):
+                scene.print(scene.machine.console()[-2000:] + scene.machine.log()[-4000:])
+            return False, scene.text.getvalue()
+        finally:
+            with contextlib.suppress(Exception):
+                scene.machine.close()
+
+
+def package(arch, name, options):
+    """The release package, built again when something of it has changed."""
+    directory = os.path.join(MADE, arch, name)
+    sources = subprocess.run(["git", "-C", ROOT, "ls-files", "-z", "src", "data", "packaging", "CMakeLists.txt"],
+                             check=True, capture_output=True, text=True).stdout.split("\0")[:-1]
+    found = glob.glob(directory + "/nimbrelc-release_*.deb")
+    if not found or any(os.path.getmtime(os.path.join(ROOT, source)) > os.path.getmtime(found[0]) for source in sources):
+        print(f"Building the package {name}, log in build/machine/{arch}/{name}", flush=True)
+        command = f"NIMBRELC_OPTIONS={options} {ROOT}/packaging/build {directory}"
+        if arch == "amd64":
+            subprocess.run(command, shell=True, check=True, stdout=subprocess.DEVNULL)
+        else:  # by the cross compiler that the daemon is tried elsewhere with
+            place = elsewhere.Place(arch)
+            place.dir = os.path.join(MADE, arch, "tools")
+            place.root = place.dir + "/root"
+            place.system = place.system._replace(packages=[*place.system.packages, "build-essential", "debhelper", "fakeroot",
+                                                           "git", "lintian", f"libgcc-s1:{arch}"])
+            place.make_root()
+            place.inside("package", f"git config --global --add safe.directory {ROOT}; {command} {arch}")
+        found = glob.glob(directory + "/nimbrelc-release_*.deb")
+    return found[0]
+
+
+def firmwares(arch):
+    """Their files, by version: the same but for the daemon, and the new one's flushes what it writes."""
+    made = {}
+    for version, name, options in ((OLD, "plain", ""), (NEW, "sync", "-DNIMBRELC_SYNC_WRITES=ON")):
+        deb = package(arch, name, options)
+        with tempfile.TemporaryDirectory() as files, open(os.path.join(MADE, arch, version + ".log"), "w") as log:
+            outside_services(files)
+            print(f"Making the firmware {version}", flush=True)
+            subprocess.run([ROOT + "/machine/build", os.path.join(MADE, arch), arch, version, deb, version, files],
+                           check=True, stdout=log, stderr=subprocess.STDOUT)
+        made[version] = os.path.join(MADE, arch, version + ".squashfs")
+    return made
+
+
+HELP = """Lines are run in the box as root, save these:
+  plug fat|ext4|ntfs|empty   plugs a stick in          display   what the display says
+  pull                       pulls it out              cut       a power cut, and power on
+  share LABEL                reads from its share      help, Ctrl-D"""
+
+
+def shell(made):
+    """Leaves a person in a machine."""
+    with tempfile.TemporaryDirectory(prefix="scene") as place:
+        scene = Scene("shell", made, place)
+        print(HELP, "\nBooting", flush=True)
+        scene.boot()
+        while line := sys.stdin.readline():
+            word, *rest = line.split() or [""]
+            try:
+                if word == "plug":
+                    kind = None if rest[0] == "empty" else rest[0]
+                    scene.plug((kind, "STICK", FILES if kind else {}))
+                elif word == "pull":
+                    scene.machine.pull()
+                elif word == "cut":
+                    scene.machine.close()
+                    scene.boot()
+                elif word == "share":
+                    print(share(scene.machine, rest[0], f"ls; get {FILE} -"))
+                elif word == "display":
+                    print("\n".join(re.findall(r"\[display\] .*", scene.machine.console())))
+                else:
+                    print(HELP if word == "help" else scene.machine.sh(line, check=False), flush=True)
+            except (BoxError, IndexError, KeyError, subprocess.SubprocessError) as error:
+                print(error)
+        scene.machine.close()
+
+
+def main():
+    threading.excepthook = lambda _: None  # a machine that is gone takes its bus with it
+    names = [name for name in sys.argv[1:] if not name.startswith("--")] or list(SCENES)
+    began = time.monotonic()
+    made = firmwares("armhf" if "--arm" in sys.argv else "amd64")
+    if "--shell" in sys.argv:
+        return shell(made)
+    good = True
+    with concurrent.futures.ThreadPoolExecutor(2) as pool:
+        for seen, text in pool.map(lambda name: play(name, made), names):
+            print(text, end="", flush=True)
+            good &= seen
+    print(f"\n{time.monotonic() - began:.0f} s in all. " + ("Every step was seen." if good else "NOT every step was seen."))
+    return not good
+
+
+if __name__ == "__main__":
+    sys.exit(main())

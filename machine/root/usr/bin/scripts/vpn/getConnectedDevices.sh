@@ -1,0 +1,2 @@
+#!/bin/sh
+# Stands in for the VPN's: nobody is connected.
