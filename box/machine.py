@@ -15,7 +15,7 @@ from box import Box, BoxError, wait_until
 
 ARCHES = {
     "amd64": (["qemu-system-x86_64", "-M", "q35", "-cpu", "qemu64,svm=off"], "console=ttyS0 nokaslr mitigations=off"),
-    "armhf": (["qemu-system-arm", "-M", "virt", "-cpu", "cortex-a15"], "console=ttyAMA0"),
+    "armhf": (["qemu-system-arm", "-M", "virt,highmem=off", "-cpu", "cortex-a15"], "console=ttyAMA0"),
 }
 # What this program needs of a machine besides what it shows: its bus and a shell, on ports of their own.
 OUTSIDE = {"bus": "UNIX-CONNECT:/run/dbus/system_bus_socket", "shell": "EXEC:sh"}
@@ -63,7 +63,7 @@ class Machine(Box):
         made = os.path.dirname(firmware)
         program, kernel_options = ARCHES[os.path.basename(made)]
         command = [
-            *program, "-accel", "kvm" if has_kvm(os.path.basename(made)) else "tcg", "-m", str(memory), "-smp", "2",
+            *program, "-accel", "kvm" if has_kvm(os.path.basename(made)) else "tcg", "-m", str(memory), "-smp", "1",
             "-nodefaults", "-display", "none", "-no-reboot", "-rtc", "base=" + clock, "-kernel", made + "/kernel", "-initrd",
             made + "/initramfs", "-append", kernel_options + " net.ifnames=0 panic=-1 loglevel=4 random.trust_cpu=on",
             "-serial", f"file:{self.dir}/console", "-qmp", f"unix:{self.dir}/qmp,server=on,wait=off",
@@ -84,6 +84,9 @@ class Machine(Box):
             self.qmp = self.connected("qmp").makefile("rw")
             self.qmp.readline()
             self.do("qmp_capabilities")
+            if asleep:
+                wait_until(lambda: self.do("query-status")["status"] == "paused", "its memory is back", 60)
+                self.do("cont")
             self.shell = self.connected("shell")
         except BaseException:
             self.close()
@@ -117,7 +120,7 @@ class Machine(Box):
 
     def join(self):
         """Takes a place on the machine's bus; back when the daemon serves."""
-        self.client = DBusRouter(open_dbus_connection(f"unix:path={self.dir}/bus", auth_timeout=120))
+        self.client = DBusRouter(open_dbus_connection(f"unix:path={self.dir}/bus", auth_timeout=60))
         wait_until(self.serving, "the daemon serves", 300)
         return self
 
