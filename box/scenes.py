@@ -127,7 +127,8 @@ def usb_sticks(scene):
     scene.plug(("fat", "ONE", FILES), (None, "", {}))
     wait_share(scene, "ONE")
     entries = json.loads(machine.ask("devices.list"))["data"]
-    scene.seen([entry["supported"] for entry in entries] == [True, False], "one is shared, the other listed as not supported")
+    scene.seen(sorted(entry["supported"] for entry in entries) == [False, True],
+               "one is shared, the other listed as not supported")
     scene.event("It is pulled out while a file is being read, and plugged in again")
     machine.sh("head -c 20000000 /dev/urandom >/run/media/sd?1/big")
     reader = subprocess.Popen(["smbclient", "-p", str(machine.smb), "-N", "//127.0.0.1/ONE", "-c", "get big -"],
@@ -148,7 +149,7 @@ def usb_sticks(scene):
     machine.pull()
     machine.do("device_add", driver="usb-kbd", id="keyboard", bus="usb.0")
     wait_until(lambda: "QEMU" in machine.ask("devices.list"), "the keyboard is listed")
-    scene.seen(True, "both are listed as not supported: " + machine.ask("devices.list"))
+    scene.seen(True, "the keyboard is listed as not supported: " + machine.ask("devices.list"))
 
 
 def protect(scene):
