@@ -1,5 +1,6 @@
 """A whole machine in QEMU: a firmware made by machine/build, a medium of its own, USB sticks, a network."""
 import base64
+import contextlib
 import json
 import os
 import re
@@ -120,7 +121,12 @@ class Machine(Box):
 
     def join(self):
         """Takes a place on the machine's bus; back when the daemon serves."""
-        self.client = DBusRouter(open_dbus_connection(f"unix:path={self.dir}/bus", auth_timeout=60))
+        self.sh("s6-svwait -U /run/service/dbus")
+
+        def attempt():
+            with contextlib.suppress(TimeoutError, ConnectionError):  # the port's other end was just starting anew
+                return open_dbus_connection(f"unix:path={self.dir}/bus", auth_timeout=5)
+        self.client = DBusRouter(wait_until(attempt, "the bus", 120))
         wait_until(self.serving, "the daemon serves", 300)
         return self
 

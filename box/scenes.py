@@ -27,7 +27,7 @@ from machine import Machine, new_medium, outside_services
 FILE, TEXT = next(iter(FILES.items()))
 MADE = os.path.join(ROOT, "build", "machine")
 CUTS = 20
-MEMORIES = (64, 112, 128, 160, 192)  # in MB
+MEMORIES = (128, 160, 192)  # in MB
 OLD, NEW = "08.05.09", "08.05.10"  # of the two firmwares; the new one's daemon flushes what it writes
 
 
