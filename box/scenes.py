@@ -137,7 +137,7 @@ def usb_sticks(scene):
     machine.pull()
     rest = len(reader.stdout.read())
     reader.wait(120)
-    scene.seen(begun and begun + rest < 20000000, f"the reader got {(begun + rest) // 1024} KB and an error")
+    scene.seen(begun == 65536 and begun + rest < 20000000, f"the reader got {(begun + rest) // 1024} KB and an error")
     machine.wait_up("smbd", up=False)
     scene.seen(machine.serving(), "the daemon serves")
     machine.plug(scene.file("stick"))
