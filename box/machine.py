@@ -133,7 +133,7 @@ class Machine(Box):
     def sh(self, script, check=True):
         """Runs lines of shell in the machine, as root: what they printed."""
         packed = base64.b64encode(script.encode()).decode()
-        self.shell.sendall(f"echo {packed} | base64 -d | sh -eu 2>&1; echo; echo {END} $?\n".encode())
+        self.shell.sendall(f"echo {packed} | base64 -d | sh -eu 2>&1; code=$?; echo; echo {END} $code\n".encode())
         answer = b""
         while not (end := re.search(f"\n{END} (\\d+)\n$".encode(), answer)):
             if not (more := self.shell.recv(65536)):

@@ -130,7 +130,7 @@ def usb_sticks(scene):
     scene.seen(sorted(entry["supported"] for entry in entries) == [False, True],
                "one is shared, the other listed as not supported")
     scene.event("It is pulled out while a file is being read, and plugged in again")
-    machine.sh("head -c 20000000 /dev/urandom >/run/media/sd?1/big")
+    machine.sh('head -c 20000000 /dev/urandom >"$(echo /run/media/sd?1)/big"')
     reader = subprocess.Popen(["smbclient", "-p", str(machine.smb), "-N", "//127.0.0.1/ONE", "-c", "get big -"],
                               stdout=subprocess.PIPE, stderr=subprocess.DEVNULL)
     begun = len(reader.stdout.read(65536))
@@ -145,7 +145,7 @@ def usb_sticks(scene):
     machine.pull()
     scene.event("A stick without anything on it, and a keyboard")
     scene.plug((None, "", {}))
-    displayed(scene, "Unsupported USB device attached")
+    displayed(scene, "USB device not supported")
     machine.pull()
     machine.do("device_add", driver="usb-kbd", id="keyboard", bus="usb.0")
     wait_until(lambda: "QEMU" in machine.ask("devices.list"), "the keyboard is listed")
