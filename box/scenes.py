@@ -130,7 +130,7 @@ def usb_sticks(scene):
     scene.seen(sorted(entry["supported"] for entry in entries) == [False, True],
                "one is shared, the other listed as not supported")
     scene.event("It is pulled out while a file is being read, and plugged in again")
-    machine.sh('head -c 20000000 /dev/urandom >"$(echo /run/media/sd?1)/big"')
+    machine.sh('head -c 20000000 /dev/urandom >"$(echo /run/media/sd?1)/big"; sync; echo 3 >/proc/sys/vm/drop_caches')
     reader = subprocess.Popen(["smbclient", "-p", str(machine.smb), "-N", "//127.0.0.1/ONE", "-c", "get big -"],
                               stdout=subprocess.PIPE, stderr=subprocess.DEVNULL)
     begun = len(reader.stdout.read(65536))
