@@ -17,21 +17,21 @@ class NotSeen(Exception):
 
 
 class Timeline:
-    def __init__(self):
-        self.start = time.monotonic()
+    def __init__(self, out=sys.stdout):
+        self.start, self.out = time.monotonic(), out
 
     def now(self):
         return time.monotonic() - self.start
 
     def event(self, text):
         """Something that the demo does."""
-        print(f"\n{self.now():5.1f} s  {text}", flush=True)
+        print(f"\n{self.now():5.1f} s  {text}", file=self.out, flush=True)
 
     def seen(self, condition, text):
         """Something that came of it: the condition says whether it was really observed."""
         if not condition:
             raise NotSeen(text)
-        print(f"{self.now():5.1f} s    - {text}", flush=True)
+        print(f"{self.now():5.1f} s    - {text}", file=self.out, flush=True)
 
 
 def smbclient(box, share, *login):

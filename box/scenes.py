@@ -21,7 +21,7 @@ from jeepney.io.common import RouterClosed
 import elsewhere
 import sticks
 from box import BoxError, CONFIG, NoReply, ROOT, document_faults, u, wait_until
-from demo import FILES, NotSeen, PASSWORD, Timeline, USER
+from demo import FILES, PASSWORD, Timeline, USER
 from machine import Machine, new_medium, outside_services
 
 FILE, TEXT = next(iter(FILES.items()))
@@ -35,22 +35,9 @@ class Scene(Timeline):
     """A timeline that is kept until it is whole, since scenes run side by side; a place for files, machines."""
 
     def __init__(self, title, firmwares, place):
-        super().__init__()
-        self.text = io.StringIO()
+        super().__init__(io.StringIO())
         self.firmwares, self.place, self.machine = firmwares, place, None
         self.event(title)
-
-    def print(self, text):
-        print(text, file=self.text)
-
-    def event(self, text):
-        self.print(f"\n{self.now():5.1f} s  {text}")
-
-    def seen(self, condition, text):
-        if not condition:
-            raise NotSeen(text)
-        self.print(f"{self.now():5.1f} s    - {text}")
-        return condition
 
     def file(self, name):
         return os.path.join(self.place, name)
@@ -416,12 +403,12 @@ def play(name, firmwares):
         scene = Scene(title, firmwares, place)
         try:
             steps(scene)
-            return True, scene.text.getvalue()
+            return True, scene.out.getvalue()
         except Exception as error:  # the other scenes go on
-            scene.print(f"{scene.now():5.1f} s    NOT SEEN: {error!r}")
+            print(f"{scene.now():5.1f} s    NOT SEEN: {error!r}", file=scene.out)
             with contextlib.suppress(Exception):
-                scene.print(scene.machine.console()[-2000:] + scene.machine.log()[-4000:])
-            return False, scene.text.getvalue()
+                print(scene.machine.console()[-2000:] + scene.machine.log()[-4000:], file=scene.out)
+            return False, scene.out.getvalue()
         finally:
             with contextlib.suppress(Exception):
                 scene.machine.close()
