@@ -1,6 +1,7 @@
 """A whole machine in QEMU: a firmware made by machine/build, a medium of its own, USB sticks, a network."""
 import base64
 import contextlib
+import functools
 import json
 import os
 import re
@@ -13,6 +14,9 @@ import time
 from jeepney.io.threading import DBusRouter, open_dbus_connection
 
 from box import Box, BoxError, wait_until
+
+# Rarely, since asking costs the machine more than what it waits for.
+wait_for = functools.partial(wait_until, timeout=300, every=0.5)
 
 ARCHES = {
     "amd64": (["qemu-system-x86_64", "-M", "q35", "-cpu", "qemu64,svm=off"], "console=ttyS0 nokaslr mitigations=off"),
@@ -54,9 +58,9 @@ def new_medium(path, megabytes=64):
 
 class Machine(Box):
     """One running machine, from power on to `cut` or `off`. `firmware` is a file of machine/build's, `medium` one of
-    new_medium's, `more` words for QEMU; `asleep` is what another one fell asleep with."""
+    new_medium's, `stick` an image, `more` words for QEMU; `asleep` is what another one fell asleep with."""
 
-    def __init__(self, firmware, medium, memory=256, clock="utc", medium_options="", more=(), asleep=None):
+    def __init__(self, firmware, medium, stick=None, memory=256, clock="utc", medium_options="", more=(), asleep=None):
         self.peers, self.client, self.shell = {}, None, None
         self.began = time.monotonic()
         self.dir = tempfile.mkdtemp(prefix="machine")
@@ -73,6 +77,9 @@ class Machine(Box):
             "-netdev", f"user,id=wan,hostfwd=tcp:127.0.0.1:{self.ssh}-:2222", "-device", "virtio-net-pci,netdev=wan",
             "-netdev", f"user,id=lan,net=192.168.1.0/24,hostfwd=tcp:127.0.0.1:{self.smb}-192.168.1.1:445",
             "-device", "virtio-net-pci,netdev=lan", "-device", "qemu-xhci,id=usb", "-device", "virtio-serial-pci"]
+        if stick:
+            command += ["-blockdev", f"driver=raw,node-name=stick,file.driver=file,file.filename={stick}",
+                        "-device", "usb-storage,id=stick,drive=stick,bus=usb.0"]
         command += more
         if asleep:
             command += ["-incoming", "exec:cat " + asleep]
@@ -126,8 +133,8 @@ class Machine(Box):
         def attempt():
             with contextlib.suppress(TimeoutError, ConnectionError):  # the port's other end was just starting anew
                 return open_dbus_connection(f"unix:path={self.dir}/bus", auth_timeout=5)
-        self.client = DBusRouter(wait_until(attempt, "the bus", 120))
-        wait_until(self.serving, "the daemon serves", 300)
+        self.client = DBusRouter(wait_for(attempt, "the bus"))
+        wait_for(self.serving, "the daemon serves")
         return self
 
     def sh(self, script, check=True):
@@ -148,6 +155,9 @@ class Machine(Box):
 
     def read(self, path):
         return self.sh("cat " + path)
+
+    def wait_up(self, service, up=True):
+        self.sh(f"s6-svwait -t 120000 {'-u' if up else '-d'} /run/service/{service}")
 
     def console(self):
         with open(self.dir + "/console", errors="replace") as file:
@@ -172,7 +182,10 @@ class Machine(Box):
         wait_until(attempt, "the stick is out")
 
     def fall_asleep(self, path):
-        """Its memory goes into a file, from which another machine goes on with a copy of the medium as it is now."""
+        """Its memory goes into a file, from which another machine goes on with copies of medium and stick as they are
+        now."""
+        self.leave_bus()
+        self.sh("s6-svc -wr -r /run/service/outside-bus")  # else the next one would talk into this connection
         self.do("stop")
         self.do("migrate", uri="exec:cat >" + path)
         wait_until(lambda: self.do("query-migrate")["status"] == "completed", "its memory is kept", 60)

@@ -33,13 +33,13 @@ class i(int):
     """A signed 32-bit argument."""
 
 
-def wait_until(condition, what, timeout=30):
+def wait_until(condition, what, timeout=30, every=0.02):
     """The first true value of `condition`, asked every few milliseconds."""
     deadline = time.monotonic() + timeout
     while not (value := condition()):
         if time.monotonic() > deadline:
             raise BoxError(f"not within {timeout} s: {what}")
-        time.sleep(0.02)
+        time.sleep(every)
     return value
 
 

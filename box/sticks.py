@@ -5,6 +5,7 @@ import tempfile
 
 MEGABYTE = 1 << 20
 FIRST = 1 * MEGABYTE  # where partitions begin
+ROOM = 32 * MEGABYTE  # that a partition has besides large files
 KINDS = {"fat": "c", "ext4": "83", "ntfs": "7", None: "83"}  # in a partition table
 
 
@@ -31,18 +32,19 @@ def make_partition(path, size, kind, label, files):
                 run("ntfscp", "--force", path, source, name)
 
 
-def make_stick(path, *partitions, size=32 * MEGABYTE):
+def make_stick(path, *partitions):
     """`partitions`: (kind, label, {name: text}) each, of a file system in KINDS; the kind None leaves it empty."""
-    table = ""
+    table, start = "", FIRST
     with open(path, "wb") as stick:
-        stick.truncate(FIRST + size * len(partitions))
-        for number, (kind, label, files) in enumerate(partitions):
-            start = FIRST + number * size
+        for kind, label, files in partitions:
+            size = ROOM + sum(map(len, files.values())) // MEGABYTE * MEGABYTE
             table += f"start={start // 512}, size={size // 512}, type={KINDS[kind]}\n"
             make_partition(path + ".part", size, kind, label, files)
             with open(path + ".part", "rb") as part:
                 stick.seek(start)
                 stick.write(part.read())
+            start += size
+        stick.truncate(start)
     os.remove(path + ".part")
     run("sfdisk", "--quiet", path, input=table.encode())
     return path
