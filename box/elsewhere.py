@@ -95,7 +95,7 @@ class Place:
         made = os.path.join(self.dir, f"made-{zlib.crc32(' '.join([*command, system.setup]).encode()):08x}")
         if os.path.exists(made):
             return
-        self.say("making its root, log in build/elsewhere/" + self.name)
+        self.say("making its root, log in " + os.path.relpath(self.dir, ROOT))
         subprocess.run(["rm", "-rf", "--one-file-system", self.dir], check=True)
         os.makedirs(self.dir)
         self.logged("root", command)

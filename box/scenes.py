@@ -156,7 +156,7 @@ def usb_sticks(scene):
     scene.seen(True, "the keyboard is listed as not supported: " + machine.ask("devices.list"))
 
 
-def protect(scene):
+def protect_and_upgrade(scene):
     machine = scene.serving()
     scene.plug(("ext4", "Photos", FILES))
     wait_share(scene, "Photos")
@@ -166,14 +166,19 @@ def protect(scene):
         scene.seen(wait_share(scene, "Photos", login) == TEXT, f"{USER} reads {FILE} with the password")
         scene.seen(share(scene.machine, "Photos", "ls") is None, "the guest is refused")
         scene.seen(share(scene.machine, "Photos", "ls", ("-U", USER + "%wrong")) is None, "so is a wrong password")
-    scene.event(f"Share protection is switched on, for user {USER}")
+    scene.event(f"Share protection is switched on, for user {USER}; a setting is made")
     machine.ask("updateCredentialsForUserShares", True, USER, PASSWORD)
     machine.wait_up("smbd", up=False)
+    machine.apply("DeviceInfo.ProvisioningCode", "mine")
     check()
-    scene.event("The box is switched off and on again, the stick in it")
-    machine.off()
-    scene.boot(stick=True)
-    check()
+    for version in (NEW, OLD):
+        scene.event(f"The box is switched off, and on again with firmware {version}, the stick in it")
+        machine.off()
+        machine = scene.boot(version, stick=True)
+        scene.seen(document(machine)["cpeDevice"]["deviceInfo"]["softwareVersion"] == version
+                   and machine.get("DeviceInfo.SoftwareVersion") == version, "the document is one of " + version)
+        scene.seen(machine.get("DeviceInfo.ProvisioningCode") == "mine", "the setting is as it was")
+        check()
 
 
 def ssh_banner(machine):
@@ -299,24 +304,6 @@ def read_only_medium(scene):
                "the damaged one is aside; the log says: Cannot read configuration file")
 
 
-def upgrade(scene):
-    machine = scene.serving()
-    scene.plug(("ext4", "Photos", FILES))
-    machine.ask("updateCredentialsForUserShares", True, USER, PASSWORD)
-    machine.apply("DeviceInfo.ProvisioningCode", "mine")
-    login = ("-U", f"{USER}%{PASSWORD}")
-    scene.seen(wait_share(scene, "Photos", login) == TEXT, f"firmware {OLD}: {USER} reads {FILE}")
-    for version in (NEW, OLD):
-        scene.event(f"The firmware is replaced by {version}")
-        machine.off()
-        machine = scene.boot(version, stick=True)
-        scene.seen(document(machine)["cpeDevice"]["deviceInfo"]["softwareVersion"] == version
-                   and machine.get("DeviceInfo.SoftwareVersion") == version, "the document is one of " + version)
-        scene.seen(machine.get("DeviceInfo.ProvisioningCode") == "mine", "a setting is as it was")
-        scene.seen(wait_share(scene, "Photos", login) == TEXT and share(machine, "Photos", "ls") is None,
-                   f"{USER} reads {FILE}, the guest is refused")
-
-
 def small(scene):
     for memory in MEMORIES:
         try:
@@ -360,8 +347,8 @@ def cuts(scene, firmware, kind):
         machine = scene.wake(asleep, firmware)
         writer = subprocess.Popen(["smbclient", "-p", str(machine.smb), "-N", "//127.0.0.1/STICK", "-c",
                                    f"put {scene.file('up')} up"], stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
-        made = 0
-        end = threading.Timer(random.uniform(0.1, 5), machine.cut)
+        made = int(machine.set("DeviceInfo.ProvisioningCode", "1"))
+        end = threading.Timer(random.uniform(0, 5), machine.cut)
         end.start()
         with contextlib.suppress(NoReply, OSError, RouterClosed, KeyError):  # whichever it is for a bus that is gone
             while machine.set("DeviceInfo.ProvisioningCode", str(made + 1), timeout=10):
@@ -396,12 +383,11 @@ POWER = {version: (f"Power on, firmware {version}", lambda scene, version=versio
          for version in (OLD, NEW)}
 SCENES = {
     "sticks": ("Sticks", usb_sticks),
-    "protect": ("Share protection", protect),
+    "upgrade": ("Share protection, upgrade and downgrade of the firmware", protect_and_upgrade),
     "ssh": ("SSH from outside", ssh),
     "clock": ("A clock that starts in 1970", clock),
     "full": ("A full medium", full_medium),
     "damaged": ("A medium that is read-only or damaged", read_only_medium),
-    "upgrade": ("Upgrade and downgrade of the firmware", upgrade),
     "cuts": ("Power cuts, without NIMBRELC_SYNC_WRITES", lambda scene: cuts(scene, OLD, "fat")),
     "cuts-sync": ("Power cuts, with it", lambda scene: cuts(scene, NEW, "ext4")),
     "small": ("Little memory", small),
@@ -427,25 +413,24 @@ def play(title, steps, firmwares, kept):
 
 def package(arch, name, options):
     """The release package, built again when something of it has changed."""
-    directory = os.path.join(MADE, arch, name)
+    directory, deb = os.path.join(MADE, arch, "package"), os.path.join(MADE, arch, name + ".deb")
     sources = subprocess.run(["git", "-C", ROOT, "ls-files", "-z", "src", "data", "packaging", "CMakeLists.txt"],
                              check=True, capture_output=True, text=True).stdout.split("\0")[:-1]
-    found = glob.glob(directory + "/nimbrelc-release_*.deb")
-    if not found or any(os.path.getmtime(os.path.join(ROOT, source)) > os.path.getmtime(found[0]) for source in sources):
-        print(f"Building the package {name}, log in build/machine/{arch}/{name}", flush=True)
-        command = f"NIMBRELC_OPTIONS={options} {ROOT}/packaging/build {directory}"
-        if arch == "amd64":
-            subprocess.run(command, shell=True, check=True, stdout=subprocess.DEVNULL)
-        else:  # by the cross compiler that the daemon is tried elsewhere with
-            place = elsewhere.Place(arch)
-            place.dir = os.path.join(MADE, arch, "tools")
-            place.root = place.dir + "/root"
-            place.system = place.system._replace(packages=[*place.system.packages, "build-essential", "debhelper", "fakeroot",
-                                                           "git", "lintian", f"libgcc-s1:{arch}"])
-            place.make_root()
-            place.inside("package", f"git config --global --add safe.directory {ROOT}; {command} {arch}")
-        found = glob.glob(directory + "/nimbrelc-release_*.deb")
-    return found[0]
+    if os.path.exists(deb) and all(os.path.getmtime(os.path.join(ROOT, source)) < os.path.getmtime(deb) for source in sources):
+        return deb
+    print(f"Building the package {name}, log in build/machine/{arch}/package", flush=True)
+    command = f"NIMBRELC_OPTIONS={options} {ROOT}/packaging/build {directory}"
+    if arch == "amd64":
+        subprocess.run(command, shell=True, check=True, stdout=subprocess.DEVNULL)
+    else:  # by the cross compiler that the daemon is tried elsewhere with
+        place = elsewhere.Place(arch)
+        place.dir = os.path.join(MADE, arch, "tools")
+        place.root = place.dir + "/root"
+        place.system = place.system._replace(packages=[*place.system.packages, "build-essential", "ccache", "debhelper",
+                                                       "fakeroot", "git", "lintian", f"libgcc-s1:{arch}"])
+        place.make_root()
+        place.inside("package", f"git config --global --add safe.directory {ROOT}; {command} {arch}")
+    return shutil.copy(glob.glob(directory + "/nimbrelc-release_*.deb")[0], deb)
 
 
 def firmwares(arch):
