@@ -28,7 +28,7 @@ FILE, TEXT = next(iter(FILES.items()))
 MADE = os.path.join(ROOT, "build", "machine")
 CUTS = 20
 BIG = 80 << 20  # of a file: more than clients and servers read ahead
-MEMORIES = (128, 160, 192)  # in MB
+SMALLEST = {"amd64": 160, "armhf": 96}  # memory in MB with which shares are of use, near the smallest
 OLD, NEW = "08.05.09", "08.05.10"  # of the two firmwares; the new one's daemon flushes what it writes
 
 
@@ -305,19 +305,8 @@ def read_only_medium(scene):
 
 
 def small(scene):
-    for memory in MEMORIES:
-        try:
-            machine = scene.boot(memory=memory, join=False)
-            machine.shell.settimeout(120)
-            machine.sh("true")
-            break
-        except (BoxError, OSError):
-            scene.seen(True, f"{memory} MB: the kernel does not get so far; its console ends with: "
-                       + " ".join(scene.machine.console().split()[-12:]) if scene.machine else "")
-            if scene.machine:
-                scene.machine.close()
-    machine.shell.settimeout(300)
-    machine.join()
+    memory = SMALLEST[os.path.basename(os.path.dirname(scene.firmwares[OLD]))]
+    machine = scene.boot(memory=memory)
     scene.plug(("ext4", "Photos", FILES))
     wait_share(scene, "Photos")
     with open(scene.file("up.txt"), "wb") as file:
@@ -333,8 +322,8 @@ def small(scene):
 
 
 def cuts(scene, firmware, kind):
-    """Settings are made and a stick is written to without pause, and the machine is killed. The last medium boots; what
-    the others hold is looked at by the same machine."""
+    """Settings are made and a stick is written to without pause, and the machine is killed. One machine boots with
+    all the media: one of them is its own, and it looks at what each holds."""
     asleep, medium = scene.file("asleep"), scene.file("medium")
     scene.serving(firmware)
     scene.plug((kind, "STICK", FILES))
@@ -367,10 +356,9 @@ def cuts(scene, firmware, kind):
     others = [word for number in range(CUTS - 1)
               for word in ("-drive", f"if=virtio,format=raw,file={scene.file(f'cut{number}')}")]
     machine = scene.boot(firmware, stick=True, more=others)
-    scene.seen(wait_share(scene, "STICK") == TEXT, "the last one boots: the stick that was written to is shared")
-    machine.sh("grep '^/dev/vdb /media ' /proc/mounts")
-    texts = [machine.sh(f"mount /dev/vd{chr(ord('c') + number)} /mnt; cat /mnt/nimbrelc.json; umount /mnt")
-             for number in range(CUTS - 1)] + [machine.read(CONFIG)]
+    scene.seen(wait_share(scene, "STICK") == TEXT, "one of them boots: the stick that was written to is shared")
+    texts = [machine.sh(f"mount /dev/vd{chr(ord('b') + (number + 1) % CUTS)} /mnt; cat /mnt/nimbrelc.json; umount /mnt")
+             for number in range(CUTS)]
     scene.seen(not any(map(document_faults, texts)), "no document is torn: each is read, and as its schema says")
     lost = [made - int(json.loads(text)["cpeDevice"]["deviceInfo"]["provisioningCode"] or 0)
             for text, made in zip(texts, acknowledged)]
