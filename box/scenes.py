@@ -76,10 +76,13 @@ class Scene(Timeline):
         return image
 
 
-def share(machine, label, command, login=("-N",)):
+def smbclient(machine, label, command, login=("-N",)):
+    return ["smbclient", "-p", str(machine.smb), *login, "//127.0.0.1/" + label, "-c", command]
+
+
+def share(*of_smbclient):
     """What smbclient says that it did, None when it could not."""
-    done = subprocess.run(["smbclient", "-p", str(machine.smb), *login, "//127.0.0.1/" + label, "-c", command],
-                          capture_output=True, text=True, timeout=120)
+    done = subprocess.run(smbclient(*of_smbclient), capture_output=True, text=True, timeout=120)
     return done.stdout if done.returncode == 0 else None
 
 
@@ -135,8 +138,7 @@ def usb_sticks(scene):
     scene.seen(sorted(entry["supported"] for entry in entries) == [False, True],
                "one is shared, the other listed as not supported")
     scene.event("It is pulled out while a file is being read, and plugged in again")
-    reader = subprocess.Popen(["smbclient", "-p", str(machine.smb), "-N", "//127.0.0.1/ONE", "-c", "get big -"],
-                              stdout=subprocess.PIPE, stderr=subprocess.DEVNULL)
+    reader = subprocess.Popen(smbclient(machine, "ONE", "get big -"), stdout=subprocess.PIPE, stderr=subprocess.DEVNULL)
     begun = len(reader.stdout.read(65536))
     machine.pull()
     rest = len(reader.stdout.read())
@@ -334,8 +336,8 @@ def cuts(scene, firmware, kind):
     acknowledged = []
     for number in range(CUTS):
         machine = scene.wake(asleep, firmware)
-        writer = subprocess.Popen(["smbclient", "-p", str(machine.smb), "-N", "//127.0.0.1/STICK", "-c",
-                                   f"put {scene.file('up')} up"], stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+        writer = subprocess.Popen(smbclient(machine, "STICK", f"put {scene.file('up')} up"),
+                                  stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
         made = int(machine.set("DeviceInfo.ProvisioningCode", "1"))
         end = threading.Timer(random.uniform(0, 5), machine.cut)
         end.start()
