@@ -70,7 +70,7 @@ class Machine(Box):
         command = [
             *program, "-accel", "kvm" if has_kvm(os.path.basename(made)) else "tcg", "-m", str(memory), "-smp", "1",
             "-nodefaults", "-display", "none", "-no-reboot", "-rtc", "base=" + clock, "-kernel", made + "/kernel", "-initrd",
-            made + "/initramfs", "-append", kernel_options + " net.ifnames=0 panic=-1 loglevel=4 random.trust_cpu=on",
+            made + "/initramfs", "-append", kernel_options + " norandmaps net.ifnames=0 panic=-1 loglevel=4 random.trust_cpu=on",
             "-serial", f"file:{self.dir}/console", "-qmp", f"unix:{self.dir}/qmp,server=on,wait=off",
             "-drive", f"if=virtio,format=raw,readonly=on,file={firmware}",
             "-drive", f"if=virtio,format=raw,file={medium}{medium_options}",
