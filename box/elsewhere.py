@@ -166,8 +166,8 @@ class Place:
         """A share is served and the bus answered; the daemon's resident kilobytes."""
         with self.box() as box:
             # The library decides whether a word between the options ends them.
-            box.run(box.daemon_command("-l", "enabled=true:syslog=yes:level=info", "word", "-m"))
-            box.wait_log("launched in migration mode")
+            box.run(box.daemon_command("-l", "enabled=true:syslog=yes:level=info", "word", "-m", "word"))
+            box.wait_log("Migration succeeded")
             box.start_daemon()
             with open(f"/proc/{box.daemon_pid()}/status") as status:
                 resident = int(re.search(r"VmRSS:\s+(\d+)", status.read())[1])

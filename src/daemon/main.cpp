@@ -88,14 +88,14 @@ void print_usage(const char *program) {
     printf("\t%s -m\n", program);
 }
 
-// As getopt(). Words between the options are passed over, which not every C library does by itself.
+// As getopt(). Words between the options are passed over; the "+" stops each C library at them.
 int next_option(int argc, char *argv[]) {
-    int option = getopt(argc, argv, "l:m");
-    while (option == -1 && optind < argc && strcmp(argv[optind - 1], "--") != 0) {
-        ++optind;
-        option = getopt(argc, argv, "l:m");
+    for (;; ++optind) {
+        int option = getopt(argc, argv, "+l:m");
+        if (option != -1 || optind >= argc || strcmp(argv[optind - 1], "--") == 0) {
+            return option;
+        }
     }
-    return option;
 }
 
 // False when an unknown option ended the parsing.

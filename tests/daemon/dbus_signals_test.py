@@ -9,6 +9,9 @@ def test_the_start(box):
     assert box.run(unable, check=False).returncode == 1
     box.wait_log("Failed to set UID to 7001: Operation not permitted")
     assert "migration mode" not in box.log()
+    # Words between the options and after them are passed over.
+    box.run(box.daemon_command("-l", "enabled=true:syslog=yes:level=info", "word", "-m", "word"), timeout=10)
+    box.wait_log("Migration succeeded")
 
 
 def test_a_new_address_and_an_upgrade(box):
