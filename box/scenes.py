@@ -1,5 +1,6 @@
 """./dev machine: what a box goes through, in a machine with a real kernel, as timelines. Each step is really observed,
 from outside; the first one that is not ends its scene, and the program with exit code 1."""
+import argparse
 import concurrent.futures
 import contextlib
 import glob
@@ -468,14 +469,20 @@ def shell(made):
 
 def main():
     threading.excepthook = lambda _: None  # a machine that is gone takes its bus with it
-    names = [name for name in sys.argv[1:] if not name.startswith("--")] or list(SCENES)
+    parser = argparse.ArgumentParser(prog="./dev machine")
+    parser.add_argument("scenes", nargs="*", metavar="SCENE", help="all of them, or some of: " + ", ".join(SCENES))
+    parser.add_argument("--shell", action="store_true", help="leaves you in it")
+    parser.add_argument("--arm", dest="arch", action="store_const", const="armhf", default="amd64", help="another processor")
+    options = parser.parse_args()
+    if unknown := set(options.scenes) - SCENES.keys():
+        parser.error("no scene is called " + ", ".join(unknown))
     began = time.monotonic()
-    made = firmwares("armhf" if "--arm" in sys.argv else "amd64")
-    if "--shell" in sys.argv:
+    made = firmwares(options.arch)
+    if options.shell:
         return shell(made)
     good = True
     with tempfile.TemporaryDirectory(prefix="kept") as kept, concurrent.futures.ThreadPoolExecutor(os.cpu_count() + 1) as pool:
-        for scenes in POWER.values(), [SCENES[name] for name in names]:
+        for scenes in POWER.values(), [SCENES[name] for name in options.scenes or SCENES]:
             for seen, text in pool.map(lambda scene: play(*scene, made, kept), scenes if good else []):
                 print(text, end="", flush=True)
                 good &= seen
