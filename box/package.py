@@ -75,7 +75,7 @@ def main():
         wait_until(root.serving, "the daemon serves once more")
         assert root.config() == new
         root.sh("dpkg --purge nimbrelc-release 2>&1; s6-svc -xd -wD -T 5000 /run/service/syslogd-log;"
-                "rm -r /run/service/syslogd-log /var/log/syslog /tmp/package.deb")
+                "rm -rf /run/service/syslogd-log /var/log/syslog /tmp/package.deb")
         left = {name for name in root.files() - before if not name.startswith(("/run/", "/proc/"))}
         accounts = {"/etc/" + name for name in ("passwd-", "group-", "shadow-", "gshadow-", "gshadow")}
         left -= accounts | {"/etc/version", "/etc/.pwd.lock", "/var/log/dpkg.log"}

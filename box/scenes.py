@@ -405,7 +405,7 @@ def package(arch, name, options):
     if os.path.exists(deb) and all(os.path.getmtime(os.path.join(ROOT, source)) < os.path.getmtime(deb) for source in sources):
         return deb
     print(f"Building the package {name}, log in build/machine/{arch}/package", flush=True)
-    command = f"NIMBRELC_OPTIONS={options} {ROOT}/packaging/build {directory}"
+    command = f"DEB_BUILD_PROFILES=pkg.nimbrelc.release NIMBRELC_OPTIONS={options} {ROOT}/packaging/build {directory}"
     if arch == "amd64":
         subprocess.run(command, shell=True, check=True, stdout=subprocess.DEVNULL)
     else:  # by the cross compiler that the daemon is tried elsewhere with
@@ -421,14 +421,19 @@ def package(arch, name, options):
 
 def firmwares(arch):
     """Their files, by version: the same but for the daemon, and the new one's flushes what it writes."""
-    made = {}
+    made, build = {}, [ROOT + "/machine/build", os.path.join(MADE, arch), arch]
+    print(f"Making the root, log in build/machine/{arch}", flush=True)
+    os.makedirs(build[1], exist_ok=True)
+    with open(build[1] + "/root.log", "w") as log:
+        root = subprocess.Popen(build, stdout=log, stderr=subprocess.STDOUT)
     for version, name, options in ((OLD, "plain", ""), (NEW, "sync", "-DNIMBRELC_SYNC_WRITES=ON")):
         deb = package(arch, name, options)
+        if root.wait():
+            raise BoxError("the root was not made")
         with tempfile.TemporaryDirectory() as files, open(os.path.join(MADE, arch, version + ".log"), "w") as log:
             outside_services(files)
             print(f"Making the firmware {version}", flush=True)
-            subprocess.run([ROOT + "/machine/build", os.path.join(MADE, arch), arch, version, deb, version, files],
-                           check=True, stdout=log, stderr=subprocess.STDOUT)
+            subprocess.run([*build, version, deb, version, files], check=True, stdout=log, stderr=subprocess.STDOUT)
         made[version] = os.path.join(MADE, arch, version + ".squashfs")
     return made
 
