@@ -132,6 +132,16 @@ def usb_sticks(scene):
         scene.seen(sticks.file_on(image, kind, "up.txt") == "from outside\n",
                    "pulled out: Samba is down, the file is on the stick")
 
+    scene.event("It is plugged in again; the web front end renames and unmounts it")
+    machine.plug(image)
+    wait_share(scene, label)
+    machine.ask("devices.rename", entry["id"], "Лето")
+    scene.seen(wait_share(scene, "Лето") == TEXT, f"a guest reads {FILE} under the new name")
+    machine.ask("devices.unmount", entry["id"])
+    machine.wait_up("smbd", up=False)
+    scene.seen(json.loads(machine.ask("devices.list"))["data"] == [], "Samba is down, the stick is not listed any more")
+    machine.pull()
+
     scene.event("Two partitions, of which the second has no file system")
     scene.plug(("fat", "ONE", {**FILES, "big": " " * BIG}), (None, "", {}))
     wait_share(scene, "ONE")
