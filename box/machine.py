@@ -67,6 +67,7 @@ class Machine(Box):
         self.smb, self.ssh = free_port(), free_port()
         made = os.path.dirname(firmware)
         program, kernel_options = ARCHES[os.path.basename(made)]
+        # Programs lie at fixed addresses: emulation then translates what they share once.
         command = [
             *program, "-accel", "kvm" if has_kvm(os.path.basename(made)) else "tcg", "-m", str(memory), "-smp", "1",
             "-nodefaults", "-display", "none", "-no-reboot", "-rtc", "base=" + clock, "-kernel", made + "/kernel", "-initrd",
