@@ -132,7 +132,8 @@ class Machine(Box):
         self.sh("s6-svwait -U /run/service/dbus")
 
         def attempt():
-            with contextlib.suppress(TimeoutError, ConnectionError):  # the port's other end was just starting anew
+            # The port's other end is starting anew, or earlier attempts still wait in its queue.
+            with contextlib.suppress(TimeoutError, ConnectionError, BlockingIOError):
                 return open_dbus_connection(f"unix:path={self.dir}/bus", auth_timeout=5)
         self.client = DBusRouter(wait_for(attempt, "the bus"))
         wait_for(self.serving, "the daemon serves")
