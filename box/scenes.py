@@ -431,20 +431,20 @@ def package(arch, name, options):
 
 def firmwares(arch):
     """Their files, by version: the same but for the daemon, and the new one's flushes what it writes."""
-    made, build = {}, [ROOT + "/machine/build", os.path.join(MADE, arch), arch]
+    made, place = {}, os.path.join(MADE, arch)
+    build = [ROOT + "/machine/build", place, arch]
+    os.makedirs(place, exist_ok=True)
     print(f"Making the root, log in build/machine/{arch}", flush=True)
-    os.makedirs(build[1], exist_ok=True)
-    with open(build[1] + "/root.log", "w") as log:
-        root = subprocess.Popen(build, stdout=log, stderr=subprocess.STDOUT)
-    for version, name, options in ((OLD, "plain", ""), (NEW, "sync", "-DNIMBRELC_SYNC_WRITES=ON")):
-        deb = package(arch, name, options)
-        if root.wait():
-            raise BoxError("the root was not made")
-        with tempfile.TemporaryDirectory() as files, open(os.path.join(MADE, arch, version + ".log"), "w") as log:
+    with open(place + "/root.log", "w") as log, subprocess.Popen(build, stdout=log, stderr=subprocess.STDOUT) as root:
+        debs = [(OLD, package(arch, "plain", "")), (NEW, package(arch, "sync", "-DNIMBRELC_SYNC_WRITES=ON"))]
+    if root.returncode:
+        raise BoxError("the root was not made")
+    for version, deb in debs:
+        with tempfile.TemporaryDirectory() as files, open(f"{place}/{version}.log", "w") as log:
             outside_services(files)
             print(f"Making the firmware {version}", flush=True)
             subprocess.run([*build, version, deb, version, files], check=True, stdout=log, stderr=subprocess.STDOUT)
-        made[version] = os.path.join(MADE, arch, version + ".squashfs")
+        made[version] = f"{place}/{version}.squashfs"
     return made
 
 
