@@ -165,7 +165,7 @@ class Place:
     def serve(self):
         """A share is served and the bus answered; the daemon's resident kilobytes."""
         with self.box() as box:
-            # The library decides whether a word between the options ends them.
+            # It is the library that has to stop at words and go on behind them.
             box.run(box.daemon_command("-l", "enabled=true:syslog=yes:level=info", "word", "-m", "word"))
             box.wait_log("Migration succeeded")
             box.start_daemon()
