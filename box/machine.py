@@ -67,9 +67,10 @@ class Machine(Box):
         self.smb, self.ssh = free_port(), free_port()
         made = os.path.dirname(firmware)
         program, kernel_options = ARCHES[os.path.basename(made)]
-        # Programs lie at fixed addresses: emulation then translates what they share once.
+        # Programs lie at fixed addresses: emulation then translates what they share once. Room for a second processor:
+        # only with that does it keep the guest's memory barriers, without which an interrupt of a disk gets lost.
         command = [
-            *program, "-accel", "kvm" if has_kvm(os.path.basename(made)) else "tcg", "-m", str(memory), "-smp", "1",
+            *program, "-accel", "kvm" if has_kvm(os.path.basename(made)) else "tcg", "-m", str(memory), "-smp", "1,maxcpus=2",
             "-nodefaults", "-display", "none", "-no-reboot", "-rtc", "base=" + clock, "-kernel", made + "/kernel", "-initrd",
             made + "/initramfs", "-append", kernel_options + " norandmaps net.ifnames=0 panic=-1 loglevel=4 random.trust_cpu=on",
             "-serial", f"file:{self.dir}/console", "-qmp", f"unix:{self.dir}/qmp,server=on,wait=off",
