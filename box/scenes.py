@@ -377,16 +377,17 @@ def cuts(scene, firmware, kind):
 
 POWER = {version: (f"Power on, firmware {version}", lambda scene, version=version: power_on(scene, version))
          for version in (OLD, NEW)}
+# They are begun in this order: the longest first.
 SCENES = {
-    "sticks": ("Sticks", usb_sticks),
-    "upgrade": ("Share protection, upgrade and downgrade of the firmware", protect_and_upgrade),
-    "ssh": ("SSH from outside", ssh),
-    "clock": ("A clock that starts in 1970", clock),
-    "full": ("A full medium", full_medium),
-    "damaged": ("A medium that is read-only or damaged", read_only_medium),
     "cuts": ("Power cuts, without NIMBRELC_SYNC_WRITES", lambda scene: cuts(scene, OLD, "fat")),
     "cuts-sync": ("Power cuts, with it", lambda scene: cuts(scene, NEW, "ext4")),
+    "sticks": ("Sticks", usb_sticks),
+    "ssh": ("SSH from outside", ssh),
+    "upgrade": ("Share protection, upgrade and downgrade of the firmware", protect_and_upgrade),
+    "full": ("A full medium", full_medium),
     "small": ("Little memory", small),
+    "damaged": ("A medium that is read-only or damaged", read_only_medium),
+    "clock": ("A clock that starts in 1970", clock),
 }
 
 
@@ -407,12 +408,18 @@ def play(title, steps, firmwares, kept):
                 scene.machine.close()
 
 
+def current(made, sources, *files):
+    """Whether a file is younger than all it is made of: the repository's files below `sources`, and `files`."""
+    tracked = subprocess.run(["git", "-C", ROOT, "ls-files", "-z", *sources],
+                             check=True, capture_output=True, text=True).stdout.split("\0")[:-1]
+    return os.path.exists(made) and all(os.path.getmtime(os.path.join(ROOT, file)) < os.path.getmtime(made)
+                                        for file in (*tracked, *files))
+
+
 def package(arch, name, options):
     """The release package, built again when something of it has changed."""
     directory, deb = os.path.join(MADE, arch, "package"), os.path.join(MADE, arch, name + ".deb")
-    sources = subprocess.run(["git", "-C", ROOT, "ls-files", "-z", "src", "data", "packaging", "CMakeLists.txt"],
-                             check=True, capture_output=True, text=True).stdout.split("\0")[:-1]
-    if os.path.exists(deb) and all(os.path.getmtime(os.path.join(ROOT, source)) < os.path.getmtime(deb) for source in sources):
+    if current(deb, ("src", "data", "packaging", "CMakeLists.txt")):
         return deb
     print(f"Building the package {name}, log in build/machine/{arch}/package", flush=True)
     command = f"DEB_BUILD_PROFILES=pkg.nimbrelc.release NIMBRELC_OPTIONS={options} {ROOT}/packaging/build {directory}"
@@ -440,11 +447,13 @@ def firmwares(arch):
     if root.returncode:
         raise BoxError("the root was not made")
     for version, deb in debs:
+        made[version] = f"{place}/{version}.squashfs"
+        if current(made[version], ("machine", "README.md", "docs/own-box.md", "box/machine.py"), place + "/made", deb):
+            continue
         with tempfile.TemporaryDirectory() as files, open(f"{place}/{version}.log", "w") as log:
             outside_services(files)
             print(f"Making the firmware {version}", flush=True)
             subprocess.run([*build, version, deb, version, files], check=True, stdout=log, stderr=subprocess.STDOUT)
-        made[version] = f"{place}/{version}.squashfs"
     return made
 
 
