@@ -45,7 +45,6 @@ def test_streaming_follows_both_switches(box):
 def test_changes_wait_for_the_reply(box):
     dlna = box.peer("dlna")
     dlna.hold("DmsStreamingState")
-    box.hurry()
     box.start_daemon()
     assert told(box, 1) == [True]
     for wanted in (False, True, False):
