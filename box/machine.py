@@ -1,6 +1,5 @@
 """A whole machine in QEMU: a firmware made by machine/build, a medium of its own, USB sticks, a network."""
 import base64
-import contextlib
 import functools
 import json
 import os
@@ -11,7 +10,9 @@ import subprocess
 import tempfile
 import time
 
-from jeepney.io.threading import DBusRouter, open_dbus_connection
+from jeepney import message_bus
+from jeepney.auth import Authenticator, BEGIN
+from jeepney.io.threading import DBusConnection, DBusRouter
 
 from box import Box, BoxError, wait_until
 
@@ -22,8 +23,8 @@ ARCHES = {
     "amd64": (["qemu-system-x86_64", "-M", "q35", "-cpu", "qemu64,svm=off"], "console=ttyS0 nokaslr mitigations=off"),
     "armhf": (["qemu-system-arm", "-M", "virt,highmem=off", "-cpu", "cortex-a15"], "console=ttyAMA0"),
 }
-# What this program needs of a machine besides what it shows: its bus and a shell, on ports of their own.
-OUTSIDE = {"bus": "UNIX-CONNECT:/run/dbus/system_bus_socket", "shell": "EXEC:sh"}
+# What this program needs of a machine besides what it shows: a shell and its bus, on ports of their own.
+OUTSIDE = {"shell": "EXEC:sh", "bus": "UNIX-CONNECT:/run/dbus/system_bus_socket"}
 END = "end of the command"
 
 
@@ -47,6 +48,8 @@ def outside_services(directory):
         with open(service + "/run", "w") as run:
             run.write(f"#!/bin/sh\ns6-svwait -U /run/service/dbus\nexec socat OPEN:/dev/virtio-ports/{port} {to}\n")
         os.chmod(service + "/run", 0o755)
+    with open(service + "/down", "w"):
+        pass  # the bus's: `join` starts it
 
 
 def new_medium(path, megabytes=64):
@@ -54,6 +57,12 @@ def new_medium(path, megabytes=64):
         file.truncate(megabytes << 20)
     subprocess.run(["mke2fs", "-q", "-t", "ext4", "-L", "media", path], check=True)
     return path
+
+
+def heard(line):
+    if not (words := line.recv(65536)):
+        raise BoxError("the machine is gone")
+    return words
 
 
 class Machine(Box):
@@ -94,10 +103,10 @@ class Machine(Box):
             self.qmp = self.connected("qmp").makefile("rw")
             self.qmp.readline()
             self.do("qmp_capabilities")
+            self.shell = self.connected("shell")
             if asleep:
                 wait_until(lambda: self.do("query-status")["status"] == "paused", "its memory is back", 60)
                 self.do("cont")
-            self.shell = self.connected("shell")
         except BaseException:
             self.close()
             raise
@@ -130,13 +139,17 @@ class Machine(Box):
 
     def join(self):
         """Takes a place on the machine's bus; back when the daemon serves."""
-        self.sh("s6-svwait -U /run/service/dbus")
-
-        def attempt():
-            # The port's other end is starting anew, or earlier attempts still wait in its queue.
-            with contextlib.suppress(TimeoutError, ConnectionError, BlockingIOError):
-                return open_dbus_connection(f"unix:path={self.dir}/bus", auth_timeout=5)
-        self.client = DBusRouter(wait_for(attempt, "the bus"))
+        line = self.connected("bus")
+        # Only now: a service that finds nobody here ends, and takes words along that came in the meantime.
+        self.sh("s6-svc -o /run/service/outside-bus")
+        words = Authenticator()
+        for word in words:
+            line.sendall(word)
+            words.feed(heard(line))
+        line.sendall(BEGIN)
+        line.settimeout(None)
+        self.client = DBusRouter(DBusConnection(line))
+        self.client.send_and_get_reply(message_bus.Hello(), timeout=60)
         wait_for(self.serving, "the daemon serves")
         return self
 
@@ -146,9 +159,7 @@ class Machine(Box):
         self.shell.sendall(f"echo {packed} | base64 -d | sh -eu 2>&1; code=$?; echo; echo {END} $code\n".encode())
         answer = b""
         while not (end := re.search(f"\n{END} (\\d+)\n$".encode(), answer)):
-            if not (more := self.shell.recv(65536)):
-                raise BoxError("the machine is gone")
-            answer += more
+            answer += heard(self.shell)
         if check and end[1] != b"0":
             raise BoxError(f"{script}\n{answer.decode(errors='replace')}")
         return answer[:end.start()].decode(errors="replace")
@@ -188,7 +199,7 @@ class Machine(Box):
         """Its memory goes into a file, from which another machine goes on with copies of medium and stick as they are
         now."""
         self.leave_bus()
-        self.sh("s6-svc -wr -r /run/service/outside-bus")  # else the next one would talk into this connection
+        self.wait_up("outside-bus", up=False)  # else the next one would talk into this connection
         self.do("stop")
         self.do("migrate", uri="exec:cat >" + path)
         wait_until(lambda: self.do("query-migrate")["status"] == "completed", "its memory is kept", 60)
