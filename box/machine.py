@@ -25,6 +25,7 @@ ARCHES = {
 }
 # What this program needs of a machine besides what it shows: a shell and its bus, on ports of their own.
 OUTSIDE = {"shell": "EXEC:sh", "bus": "UNIX-CONNECT:/run/dbus/system_bus_socket"}
+MEDIUM_MB = 64
 END = "end of the command"
 
 
@@ -52,9 +53,9 @@ def outside_services(directory):
         pass  # the bus's: `join` starts it
 
 
-def new_medium(path, megabytes=64):
+def new_medium(path):
     with open(path, "wb") as file:
-        file.truncate(megabytes << 20)
+        file.truncate(MEDIUM_MB << 20)
     subprocess.run(["mke2fs", "-q", "-t", "ext4", "-L", "media", path], check=True)
     return path
 
