@@ -428,8 +428,8 @@ def package(arch, name, options):
         place = elsewhere.Place(arch)
         place.dir = os.path.join(MADE, arch, "tools")
         place.root = place.dir + "/root"
-        place.system = place.system._replace(packages=[*place.system.packages, "build-essential", "ccache", "debhelper",
-                                                       "fakeroot", "git", "lintian", f"libgcc-s1:{arch}"])
+        place.system = place.system._replace(packages=[*place.system.packages, "build-essential", "debhelper", "fakeroot", "git",
+                                                       "lintian", f"libgcc-s1:{arch}"])
         place.make_root()
         place.inside("package", f"git config --global --add safe.directory {ROOT}; {command} {arch}")
     return shutil.copy(glob.glob(directory + "/nimbrelc-release_*.deb")[0], deb)
