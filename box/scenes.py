@@ -364,8 +364,8 @@ def cuts(scene, firmware, kind):
     machine = scene.boot(firmware, stick=True, more=["-drive", "if=virtio,format=raw,file=" + media])
     scene.seen(wait_share(scene, "STICK") == TEXT, "one of them boots: the stick that was written to is shared")
     machine.sh("modprobe loop")
-    texts = [machine.sh(f"mount -o loop,offset={place << 20} /dev/vdc /mnt; cat /mnt/nimbrelc.json; umount /mnt")
-             for place in places]
+    texts = [machine.sh(f"mount -o loop,offset={place << 20},sizelimit={MEDIUM_MB << 20} /dev/vdc /mnt;"
+                        "cat /mnt/nimbrelc.json; umount /mnt") for place in places]
     scene.seen(not any(map(document_faults, texts)), "no document is torn: each is read, and as its schema says")
     lost = [made - int(json.loads(text)["cpeDevice"]["deviceInfo"]["provisioningCode"] or 0)
             for text, made in zip(texts, acknowledged)]
