@@ -13,8 +13,8 @@ class Service:
         self.answers = {known: answer for answers in names.values() for known, answer in answers.items()}
         self.connection = open_dbus_connection("SYSTEM")
         bus = jeepney.DBusAddress("/org/freedesktop/DBus", "org.freedesktop.DBus", "org.freedesktop.DBus")
-        for name in names:
-            self.connection.send_and_get_reply(jeepney.new_method_call(bus, "RequestName", "su", (name, 4)))
+        for name in names:  # without waiting for the reply: a call that comes before it would get lost
+            self.connection.send(jeepney.new_method_call(bus, "RequestName", "su", (name, 4)))
 
     def signal(self, path, interface, member, text):
         emitter = jeepney.DBusAddress(path, interface=interface)
@@ -35,6 +35,8 @@ class Service:
                 call = self.connection.receive(timeout=0)
             except TimeoutError:
                 return
+            if call.header.message_type is jeepney.MessageType.error:
+                raise RuntimeError(call.body)  # a name was refused
             if call.header.message_type is not jeepney.MessageType.method_call:
                 continue
             fields = call.header.fields
