@@ -415,13 +415,14 @@ def current(made, sources, *files):
                                         for file in (*tracked, *files))
 
 
-def package(arch, name, options):
+def package(arch, name, sync_writes):
     """The release package, built again when something of it has changed."""
     directory, deb = os.path.join(MADE, arch, "package"), os.path.join(MADE, arch, name + ".deb")
     if current(deb, ("src", "data", "packaging", "CMakeLists.txt")):
         return deb
     print(f"Building the package {name}, log in build/machine/{arch}/package", flush=True)
-    command = f"DEB_BUILD_PROFILES=pkg.nimbrelc.release NIMBRELC_OPTIONS={options} {ROOT}/packaging/build {directory}"
+    command = (f"DEB_BUILD_PROFILES=pkg.nimbrelc.release NIMBRELC_OPTIONS=-DNIMBRELC_SYNC_WRITES={sync_writes} "
+               f"{ROOT}/packaging/build {directory}")
     if arch == "amd64":
         subprocess.run(command, shell=True, check=True, stdout=subprocess.DEVNULL)
     else:  # by the cross compiler that the daemon is tried elsewhere with
@@ -442,7 +443,7 @@ def firmwares(arch):
     os.makedirs(place, exist_ok=True)
     print(f"Making the root, log in build/machine/{arch}", flush=True)
     with open(place + "/root.log", "w") as log, subprocess.Popen(build, stdout=log, stderr=subprocess.STDOUT) as root:
-        debs = [(OLD, package(arch, "plain", "")), (NEW, package(arch, "sync", "-DNIMBRELC_SYNC_WRITES=ON"))]
+        debs = [(OLD, package(arch, "plain", "OFF")), (NEW, package(arch, "sync", "ON"))]
     if root.returncode:
         raise BoxError("the root was not made")
     for version, deb in debs:
