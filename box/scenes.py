@@ -430,7 +430,7 @@ def package(arch, name, sync_writes):
         place.dir = os.path.join(MADE, arch, "tools")
         place.root = place.dir + "/root"
         place.system = place.system._replace(packages=[*place.system.packages, "build-essential", "debhelper", "fakeroot", "git",
-                                                       "lintian", f"libgcc-s1:{arch}"])
+                                                       f"libgcc-s1:{arch}"])
         place.make_root()
         place.inside("package", f"git config --global --add safe.directory {ROOT}; {command} {arch}")
     return shutil.copy(glob.glob(directory + "/nimbrelc-release_*.deb")[0], deb)
