@@ -23,7 +23,7 @@ import elsewhere
 import sticks
 from box import BoxError, CONFIG, NoReply, ROOT, document_faults, u
 from demo import FILES, PASSWORD, Timeline, USER
-from machine import Machine, MEDIUM_MB, new_medium, outside_services, wait_for
+from machine import Machine, MEDIUM_MB, has_kvm, new_medium, outside_services, wait_for
 
 FILE, TEXT = next(iter(FILES.items()))
 MADE = os.path.join(ROOT, "build", "machine")
@@ -505,7 +505,8 @@ def main():
     if options.shell:
         return shell(made)
     good = True
-    with tempfile.TemporaryDirectory(prefix="kept") as kept, concurrent.futures.ThreadPoolExecutor(os.cpu_count() + 1) as pool:
+    at_once = len(SCENES) if has_kvm(options.arch) else os.cpu_count() + 1  # with a processor's help they mostly wait
+    with tempfile.TemporaryDirectory(prefix="kept") as kept, concurrent.futures.ThreadPoolExecutor(at_once) as pool:
         for scenes in POWER.values(), [SCENES[name] for name in options.scenes or SCENES]:
             for seen, text in pool.map(lambda scene: play(*scene, made, kept), scenes if good else []):
                 print(text, end="", flush=True)
