@@ -39,8 +39,9 @@ def test_the_key_logs_in_until_the_activation_ends(box):
     assert abs(time.mktime(time.strptime(state(box)[1], DATE)) - time.time()) < 60
     wait_until(lambda: login(box) == "in\n", "the login")
 
-    # The daemon comes back a few seconds before the end.
-    box.restart_daemon(ssh={"activationDate": time.strftime(DATE, time.localtime(time.time() - 50))})
+    # The daemon comes back some seconds before the end.
+    box.restart_daemon(ssh={"activationDate": time.strftime(DATE, time.localtime(time.time() - 45))})
+    assert state(box)[0] is True
     box.wait_log("SSH stopped")
     assert state(box) == (False, None)
     assert ran(box) == [["set_auth_key.sh", key], SET, START, DELETE] + [STOP] * (box.flavour == "release")
