@@ -23,8 +23,8 @@ ARCHES = {
     "amd64": (["qemu-system-x86_64", "-M", "q35", "-cpu", "qemu64,svm=off"], "console=ttyS0 nokaslr mitigations=off"),
     "armhf": (["qemu-system-arm", "-M", "virt,highmem=off", "-cpu", "cortex-a15"], "console=ttyAMA0"),
 }
-# What this program needs of a machine besides what it shows: a shell and its bus, on ports of their own.
-OUTSIDE = {"shell": "EXEC:sh", "bus": "UNIX-CONNECT:/run/dbus/system_bus_socket"}
+# What this program needs of a machine besides what it shows: its bus and a shell, on ports of their own.
+OUTSIDE = {"bus": "UNIX-CONNECT:/run/dbus/system_bus_socket", "shell": "EXEC:sh"}
 MEDIUM_MB = 64
 END = "end of the command"
 
@@ -49,8 +49,8 @@ def outside_services(directory):
         with open(service + "/run", "w") as run:
             run.write(f"#!/bin/sh\ns6-svwait -U /run/service/dbus\nexec socat OPEN:/dev/virtio-ports/{port} {to}\n")
         os.chmod(service + "/run", 0o755)
-    with open(service + "/down", "w"):
-        pass  # the bus's: `join` starts it
+    with open(os.path.join(directory, "etc/s6/box/outside-bus/down"), "w"):
+        pass  # `join` starts it
 
 
 def new_medium(path):

@@ -340,7 +340,7 @@ def cuts(scene, firmware, kind):
         file.truncate(24 << 20)
     scene.sleep(asleep)
     acknowledged, places = [], range(1, CUTS * MEDIUM_MB, MEDIUM_MB)
-    for number in range(CUTS):
+    for number, place in enumerate(places):
         machine = scene.wake(asleep, firmware)
         writer = subprocess.Popen(smbclient(machine, "STICK", f"put {scene.file('up')} up"),
                                   stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
@@ -357,7 +357,7 @@ def cuts(scene, firmware, kind):
         acknowledged.append(made)
         if sticks.file_on(scene.file("stick"), kind, FILE) != TEXT:
             raise BoxError(f"a stick of cut {number} has lost {FILE}")
-        subprocess.run(["dd", "if=" + medium, "of=" + media, "bs=1M", f"seek={places[number]}", "conv=sparse,notrunc",
+        subprocess.run(["dd", "if=" + medium, "of=" + media, "bs=1M", f"seek={place}", "conv=sparse,notrunc",
                         "status=none"], check=True)
     scene.seen(min(acknowledged), f"{CUTS} cuts in the middle of settings, {min(acknowledged)} to {max(acknowledged)} of them "
                "acknowledged, while a client writes to a stick")
